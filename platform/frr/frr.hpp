@@ -1,0 +1,144 @@
+// C++ entry to FRR's daemon library.
+//
+// libfrr's declaration macros (DEFINE_MGROUP, DEFINE_MTYPE, FRR_DAEMON_INFO, DEFUN) name members out of
+// declaration order, which C++ refuses. The small types below fill the same records in order and register
+// them with the library at load, as those macros do.
+#pragma once
+
+#include <cstring> // before zebra.h, which redefines parts of it
+
+#include <zebra.h>
+
+#include <command.h>
+#include <frrevent.h>
+#include <libfrr.h>
+#include <log.h>
+#include <memory.h>
+#include <privs.h>
+#include <sigevent.h>
+#include <stream.h>
+#include <vty.h>
+#include <zlog.h>
+
+// The library's list of memory groups; declared inside its own macros only.
+extern "C" struct memgroup **mg_insert;
+
+namespace frr
+{
+
+// A memory group in the library's memory display. Must outlive its types: declare it first.
+class MemGroup
+{
+  public:
+    explicit MemGroup(const char *description) noexcept
+    {
+        group_.name = description;
+        group_.ref = mg_insert;
+        *mg_insert = &group_;
+        mg_insert = &group_.next;
+    }
+    ~MemGroup()
+    {
+        if (group_.next != nullptr)
+            group_.next->ref = group_.ref;
+        else if (mg_insert == &group_.next)
+            mg_insert = group_.ref;
+        *group_.ref = group_.next;
+    }
+    MemGroup(const MemGroup &) = delete;
+    MemGroup &operator=(const MemGroup &) = delete;
+
+    // Hooks a type into the group's list; its `ref` and the list then belong to the library.
+    void add(memtype &type) noexcept
+    {
+        if (group_.insert == nullptr)
+            group_.insert = &group_.types;
+        type.ref = group_.insert;
+        *group_.insert = &type;
+        group_.insert = &type.next;
+    }
+
+  private:
+    memgroup group_{};
+};
+
+// One accounted kind of memory. Converts to what qmalloc, qcalloc and qfree take.
+class MemType
+{
+  public:
+    MemType(MemGroup &group, const char *description) noexcept
+    {
+        type_.name = description;
+        group.add(type_);
+    }
+    ~MemType()
+    {
+        if (type_.next != nullptr)
+            type_.next->ref = type_.ref;
+        *type_.ref = type_.next;
+    }
+    MemType(const MemType &) = delete;
+    MemType &operator=(const MemType &) = delete;
+
+    operator memtype *() noexcept { return &type_; }
+    // Blocks now allocated, as the memory display counts them.
+    std::size_t allocated() const noexcept { return type_.n_alloc; }
+
+  private:
+    memtype type_{};
+};
+
+using CommandHandler = int (*)(const cmd_element *, vty *, int argc, cmd_token *argv[]);
+
+// A shell command record; `name` is the record's own name, as the library's diagnostics show it.
+inline cmd_element command(const char *name, const char *syntax, const char *help, CommandHandler handler,
+                           std::uint32_t attributes = 0) noexcept
+{
+    cmd_element element{};
+    element.string = syntax;
+    element.doc = help;
+    element.attr = attributes;
+    element.func = handler;
+    element.name = name;
+    element.xref = {nullptr, XREFT_DEFUN, 0, __FILE__, name};
+    return element;
+}
+
+inline cmd_node node(const char *name, int number, node_type parent, const char *prompt,
+                     int (*config_write)(vty *)) noexcept
+{
+    cmd_node record{};
+    record.name = name;
+    record.node = static_cast<node_type>(number);
+    record.parent_node = parent;
+    record.prompt = prompt;
+    record.config_write = config_write;
+    return record;
+}
+
+// Raises the daemon's kept capabilities for the time of a scope.
+class RaisedPrivileges
+{
+  public:
+    explicit RaisedPrivileges(zebra_privs_t *privileges) noexcept
+        : privileges_(_zprivs_raise(privileges, __func__))
+    {
+    }
+    ~RaisedPrivileges() { _zprivs_lower(&privileges_); }
+    RaisedPrivileges(const RaisedPrivileges &) = delete;
+    RaisedPrivileges &operator=(const RaisedPrivileges &) = delete;
+
+  private:
+    zebra_privs_t *privileges_;
+};
+
+// One line to the framework's log at a syslog priority (LOG_INFO, LOG_NOTICE, ...).
+inline void log(int priority, const char *format, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vzlog(priority, format, arguments);
+    va_end(arguments);
+}
+
+} // namespace frr

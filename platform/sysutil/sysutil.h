@@ -1,0 +1,46 @@
+// Utility library: port inventory, interface addresses, named threads, configuration restore.
+#pragma once
+
+#include <cstdint>
+
+struct frr_daemon_info;
+
+// The device's port information as the datastore tells it; 16 bytes.
+struct DevPortInfo {
+    std::uint32_t slot;
+    std::uint32_t first_port; // 1-based; 0 when there is none
+    std::uint32_t last_port;
+    std::uint32_t port_count;
+};
+static_assert(sizeof(DevPortInfo) == 16);
+
+// Uplink port inventory. Ports are numbered from 1; the last number is also the number of ports managed.
+// Both are 0 while no port is known.
+struct PortInventory {
+    std::uint32_t first_uplink_port;
+    std::uint32_t last_uplink_port;
+};
+
+// Derives the uplink port range. 0, or -9 when the information holds no usable range (1 <= first <= last <= 8).
+int port_init(const DevPortInfo *info, PortInventory *inventory);
+
+// Reads the MAC address of an interface by name. 0 and the six bytes, or -1 when there is no such interface.
+int system_get_eth_mac(const char *name, std::uint8_t mac[6]);
+
+struct SystemThread;
+using SystemThreadBody = void *(*)(SystemThread *thread);
+
+// Describes a named thread without starting it. `label` is for messages, `name` (15 characters at most) is what
+// ps shows, `flags` must be 0. Null when memory is short.
+SystemThread *system_pthread_create(const char *label, const char *name, SystemThreadBody body, int flags,
+                                    void *argument);
+// Starts the thread, detached. `flags` must be 0; `argument` replaces the one given at creation unless null.
+// 0, or the positive error number.
+int system_pthread_run(SystemThread *thread, int flags, void *argument);
+// The argument that the running body was started with.
+void *system_pthread_argument(const SystemThread *thread);
+
+// Restore step of a restarted daemon. The framework reads the daemon's configuration file itself once the event
+// loop runs, so nothing is left to restore here; the call makes sure that the file is readable by the daemon and
+// says so on standard error when it is not.
+int daemon_restart_restore_config(const frr_daemon_info *daemon);

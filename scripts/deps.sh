@@ -1,0 +1,173 @@
+#!/usr/bin/env bash
+# Builds the libraries that Debian 12 does not package in the versions needed
+# (libyang, sysrepo and FRR's library) into a prefix outside the checkout, once.
+#
+#   scripts/deps.sh            install packages, build what is missing, print the prefix
+#   scripts/deps.sh --prefix   print the prefix only
+#
+# LACPD_DEPS_CACHE    folder for prefixes and tarballs (default: ~/.cache/lacpd-deps)
+# LACPD_DEPS_TARBALLS folder with the three upstream tarballs; nothing is downloaded then
+set -euo pipefail
+
+LIBYANG_VERSION=3.13.6-1~bpo13+1
+SYSREPO_VERSION=3.7.11-1~bpo13+2
+FRR_VERSION=10.3-3+deb13u1
+RECIPE=1 # raise when a build option below changes
+DAEMON_GROUP=daemon
+
+PACKAGES=(
+  build-essential cmake ninja-build pkg-config ccache dpkg-dev ca-certificates
+  autoconf automake libtool bison flex
+  libpcre2-dev libjson-c-dev libelf-dev libprotobuf-c-dev protobuf-c-compiler
+  libcap-dev libreadline-dev python3-dev
+  libevent-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  clang clang-format clang-tidy
+  python3-pytest python3-scapy iproute2 procps iputils-ping
+)
+
+cache=${LACPD_DEPS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lacpd-deps}
+key=$(printf '%s|%s|%s|%s|%s' "$LIBYANG_VERSION" "$SYSREPO_VERSION" "$FRR_VERSION" "$RECIPE" \
+  "$(uname -m)" | sha256sum | cut -c1-12)
+prefix=$cache/$key
+if [ "${1:-}" = --prefix ]; then
+  echo "$prefix"
+  exit 0
+fi
+
+say() { echo "deps: $*" >&2; }
+die() {
+  say "$*"
+  exit 1
+}
+
+as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
+
+install_packages() {
+  local missing=() package
+  for package in "${PACKAGES[@]}"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  say "installing ${missing[*]}"
+  as_root apt-get update -qq >&2 || say "the package lists could not be refreshed; using those at hand"
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >&2 || die "apt could not install: ${missing[*]}"
+}
+
+# The address of the archive this machine already uses, so that no host is named here.
+archive_uri() {
+  local uri
+  uri=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 2>/dev/null |
+    grep -v -e security | head -n 1)
+  [ -n "$uri" ] || die "no Debian archive is configured in apt's sources; add one, or set LACPD_DEPS_TARBALLS"
+  echo "$uri"
+}
+
+# A private apt configuration with source entries of the newer release; the machine's own stays untouched.
+write_apt_config() {
+  local uri
+  uri=$(archive_uri)
+  mkdir -p "$work/apt/sources" "$work/apt/lists/partial" "$work/apt/cache/archives/partial"
+  {
+    echo "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $uri trixie main"
+    echo "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $uri trixie-backports main"
+  } >"$work/apt/sources/deps.list"
+  cat >"$work/apt/apt.conf" <<CONF
+Dir::Etc::sourcelist "/dev/null";
+Dir::Etc::sourceparts "$work/apt/sources";
+Dir::State::Lists "$work/apt/lists";
+Dir::Cache "$work/apt/cache";
+APT::Sandbox::User "root";
+Acquire::Languages "none";
+CONF
+}
+
+fetch() { # NAME VERSION
+  local name=$1 version=$2 upstream=${2%-*} tarball
+  mkdir -p "$cache/tarballs"
+  tarball=$(find "${LACPD_DEPS_TARBALLS:-$cache/tarballs}" -maxdepth 1 -name "${name}_${upstream}.orig.tar.*" \
+    ! -name '*.asc' 2>/dev/null | head -n 1)
+  if [ -z "$tarball" ]; then
+    [ -z "${LACPD_DEPS_TARBALLS:-}" ] ||
+      die "${name}_${upstream}.orig.tar.* is not in $LACPD_DEPS_TARBALLS; put the upstream tarball there"
+    [ -e "$work/apt/apt.conf" ] || {
+      write_apt_config
+      APT_CONFIG=$work/apt/apt.conf apt-get update -qq >&2 ||
+        die "the source lists could not be fetched; check the network, or set LACPD_DEPS_TARBALLS"
+    }
+    (cd "$cache/tarballs" && APT_CONFIG=$work/apt/apt.conf apt-get source -qq --tar-only --download-only \
+      "$name=$version" >&2) ||
+      die "version $version of $name is no longer in the archive; name a newer one in scripts/deps.sh, or put the upstream tarball of $upstream into a folder and set LACPD_DEPS_TARBALLS"
+    tarball=$(find "$cache/tarballs" -maxdepth 1 -name "${name}_${upstream}.orig.tar.*" ! -name '*.asc' | head -n 1)
+    [ -n "$tarball" ] || die "apt fetched no tarball for $name $version"
+  fi
+  mkdir -p "$work/$name"
+  tar -xf "$tarball" -C "$work/$name" --strip-components=1
+}
+
+build_cmake() { # NAME [CMAKE OPTION ...]
+  local name=$1
+  shift
+  say "building $name"
+  cmake -S "$work/$name" -B "$work/$name/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_INSTALL_RPATH="$prefix/lib" -DENABLE_TESTS=OFF "$@" >"$work/$name.log" 2>&1 &&
+    cmake --build "$work/$name/build" >>"$work/$name.log" 2>&1 &&
+    cmake --install "$work/$name/build" >>"$work/$name.log" 2>&1 || {
+    tail -n 30 "$work/$name.log" >&2
+    die "$name did not build"
+  }
+}
+
+# Every daemon is off; only the library and its headers are taken. vtysh stays on: lib/vty.c needs it.
+build_frr() {
+  say "building FRR's library"
+  (
+    cd "$work/frr"
+    export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" LDFLAGS="-L$prefix/lib -Wl,-rpath,$prefix/lib"
+    export CPPFLAGS="-I$prefix/include" LD_LIBRARY_PATH="$prefix/lib"
+    ./bootstrap.sh
+    local off=() daemon
+    for daemon in zebra bgpd ripd ripngd ospfd ospf6d ldpd nhrpd eigrpd babeld isisd pimd pim6d pbrd \
+      fabricd vrrpd bfdd staticd pathd sharpd watchfrr mgmtd; do
+      off+=("--disable-$daemon")
+    done
+    ./configure --prefix="$prefix" --sysconfdir=/etc --localstatedir=/var --libdir="$prefix/lib" \
+      --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
+      --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}"
+    make -j"$(nproc)" lib/mgmt.pb-c.h lib/gitversion.h lib/vtysh_daemons.h lib/route_types.h
+    make -j"$(nproc)" lib/libfrr.la
+    mkdir -p "$prefix/lib" "$prefix/include/frr/lib"
+    ./libtool --mode=install install lib/libfrr.la "$prefix/lib"
+    cp config.h "$prefix/include/frr/"
+    cd lib && find . -name '*.h' -exec cp --parents {} "$prefix/include/frr/" \;
+  ) >"$work/frr.log" 2>&1 || {
+    tail -n 30 "$work/frr.log" >&2
+    die "FRR's library did not build"
+  }
+}
+
+install_packages
+if [ ! -e "$prefix/.complete" ]; then
+  mkdir -p "$cache"
+  exec 9>"$cache/lock"
+  flock 9 # a second build waits here and then finds the prefix complete
+  if [ ! -e "$prefix/.complete" ]; then
+    work=$(mktemp -d "$cache/build.XXXXXX")
+    trap 'rm -rf "$work"' EXIT
+    rm -rf "$prefix"
+    fetch libyang "$LIBYANG_VERSION"
+    fetch sysrepo "$SYSREPO_VERSION"
+    fetch frr "$FRR_VERSION"
+    build_cmake libyang
+    # Files of the datastore belong to the daemon's group and to nobody else.
+    build_cmake sysrepo -DSYSREPO_GROUP="$DAEMON_GROUP" -DSYSREPO_UMASK=00007 -DENABLE_SYSREPO_PLUGIND=OFF \
+      -DINSTALL_SYSCTL_CONF=OFF -DSYSREPO_SUPERUSER_UID=0 \
+      -DREPO_PATH=/etc/sysrepo
+    build_frr
+    touch "$prefix/.complete"
+  fi
+fi
+echo "$prefix"
