@@ -142,7 +142,7 @@ build_frr() {
     mkdir -p "$prefix/lib" "$prefix/include/frr/lib"
     ./libtool --mode=install install lib/libfrr.la "$prefix/lib"
     cp config.h "$prefix/include/frr/"
-    cd lib && find . -name '*.h' -exec cp --parents {} "$prefix/include/frr/" \;
+    cd lib && find . -name '*.h' -exec cp --parents {} "$prefix/include/frr/lib/" \;
   ) >"$work/frr.log" 2>&1 || {
     tail -n 30 "$work/frr.log" >&2
     die "FRR's library did not build"

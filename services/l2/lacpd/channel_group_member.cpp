@@ -1,0 +1,265 @@
+#include "channel_group_member.h"
+
+#include "channel_group.h"
+#include "lac_port.h"
+#include "lac_task.h"
+#include "lac_timer.h"
+#include "lacp_sclient.h"
+
+#include "keldatabase/keldatabase.h"
+
+#include <cstdio>
+
+constexpr std::size_t SYSTEM_ID_SIZE = 32;
+
+// ---- protocol start -------------------------------------------------------------------------------------------
+
+int dynamic_channel_init()
+{
+    lacpCtrl = LacpCtrl{};
+    lacpCtrl.channel_group_max = static_cast<std::uint32_t>(CHANNEL_GROUP_MAX_NUM);
+    lacpCtrl.system_priority = LAC_DEFAULT_PRIORITY;
+    lacpCtrl.port_count = intf.last_uplink_port;
+    for (std::uint32_t port = intf.first_uplink_port;
+         port >= 1 && port <= intf.last_uplink_port && port <= LAC_MAX_PORTS; ++port) {
+        LacPortCfg &cfg = lacPortCfg[port - 1];
+        cfg = LacPortCfg{};
+        cfg.key = LAC_DEFAULT_KEY;
+        cfg.port_priority = LAC_DEFAULT_PRIORITY;
+    }
+    lac_LacInit();
+    lac_TaskInit();
+    lac_TimerInit();
+    lacpCtrl.started = 1;
+    return 1;
+}
+
+void start_lacp_once_cfg()
+{
+    if (lacpCtrl.once_cfg_done != 0)
+        return;
+    lacpDrvCtrlInit();
+    set_lac_global_enable(1);
+    lacpCtrl.once_cfg_done = 1;
+}
+
+std::uint32_t get_lacp_if_startup()
+{
+    return lacpCtrl.started;
+}
+
+// ---- membership -----------------------------------------------------------------------------------------------
+
+int set_manual_channel_group_type(int group)
+{
+    return set_channel_group_type(group, CHANNEL_GROUP_MANUAL);
+}
+
+int set_dynamic_channel_group_type(int group)
+{
+    return set_channel_group_type(group, CHANNEL_GROUP_DYNAMIC);
+}
+
+int set_channel_group_add_port(int group, int slot, std::uint32_t port)
+{
+    int result = check_channel_group_port_count(group);
+    if (result != LAC_OK) {
+        printf("LACP Msg: The number of ports in channel-group %d has already reached the maximum!\n", group);
+        return result;
+    }
+    result = set_channel_group_port_list(group, slot, port, LIST_ADD);
+    if (result != LAC_OK) {
+        printf("LACP Msg: Set port %d to channel-group %d failed which was already in it!\n", port, group);
+        return result;
+    }
+    std::uint32_t up = 0;
+    result = get_channel_group_port_link_status(slot, port, &up);
+    if (result != LAC_OK || up == 0)
+        return result;
+    result = deal_channel_group_updown_port(group, slot, port, 1, 0);
+    if (result != LAC_OK)
+        printf("LACP Msg: Set uplink port %d to channel-group %d failed which was already in it!\n", port, group);
+    return result;
+}
+
+int set_channel_group_del_port(int group, int slot, std::uint32_t port)
+{
+    int result = set_channel_group_port_list(group, slot, port, LIST_REMOVE);
+    if (result != LAC_OK)
+        return result;
+    result = deal_channel_group_updown_port(group, slot, port, 0, 1);
+    if (result != LAC_OK)
+        printf("LACP Msg: Del uplink port %d from channel-group %d failed which wasn't in it!\n", port, group);
+    return result;
+}
+
+// Non-zero, or a removal that found nothing, ends the event; `done` says so.
+static int update_uplink_list(int group, int slot, std::uint32_t port, int up, int del, bool &done)
+{
+    done = false;
+    if (del == 0 && up == 1) {
+        const int result = set_channel_group_uplink_port_list(group, slot, port, LIST_ADD);
+        done = result != LAC_OK;
+        if (done)
+            fprintf(stderr, "LACP Msg: Set uplink port %d to channel-group %d failed which was already in it!\n", port,
+                    group);
+        return result;
+    }
+    if (up == 0 || del == 1) {
+        done = set_channel_group_uplink_port_list(group, slot, port, LIST_REMOVE) != LAC_OK;
+        if (done)
+            fprintf(stderr, "LACP Msg: Del uplink port %d from channel-group %d failed which wasn't in it!\n", port,
+                    group);
+    }
+    return LAC_OK;
+}
+
+static int report_unsent(int result)
+{
+    if (result == LAC_FAILED)
+        fprintf(stderr, "%s sclient_send_message() failed ret %d\r\n", "deal_channel_group_updown_port", result);
+    return result;
+}
+
+// The trunk is set to exactly the uplink ports, or taken away with the last of them.
+static int update_trunk(int group)
+{
+    std::uint32_t count = 0;
+    int result = get_channel_group_uplink_port_count(group, &count);
+    if (result != LAC_OK) {
+        fprintf(stderr, "LACP Msg: Get uplink port number in channel-group %d failed\n", group);
+        return result;
+    }
+    if (count == 0)
+        return report_unsent(lacp_trunk_destory(static_cast<std::uint32_t>(group)));
+    std::uint32_t code = 0;
+    std::uint32_t list = 0;
+    result = get_channel_group_load_balance(group, &code);
+    if (result == LAC_OK)
+        result = get_channel_group_uplink_port_list(group, &list);
+    if (result != LAC_OK)
+        return result;
+    return report_unsent(lacp_trunk_create(static_cast<std::uint32_t>(group), code, list, count));
+}
+
+int deal_channel_group_updown_port(int group, int slot, std::uint32_t port, int up, int del)
+{
+    bool done = false;
+    const int result = update_uplink_list(group, slot, port, up, del, done);
+    return done ? result : update_trunk(group);
+}
+
+int deal_manual_channel_updown_port(int group, int slot, std::uint32_t port, int up)
+{
+    return deal_channel_group_updown_port(group, slot, port, up, 0);
+}
+
+int deal_dynamic_channel_updown_port(int, int, std::uint32_t port_no, std::uint32_t up)
+{
+    const LacPort *port = lacNoToPort(port_no);
+    if (port == nullptr)
+        return LAC_NO_OBJECT;
+    if (up == 1) {
+        printf("\r\n lacpPortLinkStatusEvent  port %d up wait task semaphore\r\n", port_no);
+        lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_UP, 0, port->port_no);
+    } else if (up == 0) {
+        printf("\r\n lacpPortLinkStatusEvent  port %d down wait task semaphore\r\n", port_no);
+        lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_DOWN, 0, port->port_no);
+    }
+    return LAC_OK;
+}
+
+// ---- attributes -----------------------------------------------------------------------------------------------
+
+// Sends an attribute of an existing port to the dispatcher; `missing` when no port has the number.
+static int send_attribute(const char *sender, LacQueueCode code, std::uint32_t port_no, std::uint64_t value,
+                          int missing)
+{
+    if (lacNoToPort(port_no) == nullptr)
+        return missing;
+    return lacWaitAndSend(sender, code, value, port_no);
+}
+
+static LacPort *port_when_sent(const char *sender, LacQueueCode code, std::uint32_t port_no, std::uint64_t value)
+{
+    return send_attribute(sender, code, port_no, value, LAC_FAILED) == LAC_OK ? lacNoToPort(port_no) : nullptr;
+}
+
+int update_lacp_select_port(int port, std::uint32_t group)
+{
+    return lacWaitAndSend("update_lacp_select_port", LAC_Q_PORT_RESELECT, group, static_cast<std::uint64_t>(port));
+}
+
+LacPort *set_lacp_channel_group_id(std::uint32_t port, std::uint32_t group)
+{
+    return port_when_sent("set_lacp_channel_group_id", LAC_Q_PORT_GROUP, port, group);
+}
+
+int get_lacp_channel_group_id(std::uint32_t port_no)
+{
+    const LacPort *port = lacNoToPort(port_no);
+    return port == nullptr ? LAC_FAILED : static_cast<int>(port->channel_group_id.get());
+}
+
+int get_lacp_port_individual(std::uint32_t port_no)
+{
+    const LacPort *port = lacNoToPort(port_no);
+    return port == nullptr ? LAC_FAILED : static_cast<int>(port->individual.get());
+}
+
+int get_lacp_port_state(std::uint32_t port_no)
+{
+    const LacPort *port = lacNoToPort(port_no);
+    return port == nullptr ? LAC_FAILED : static_cast<int>(port->lacp_enabled.get());
+}
+
+LacPort *set_lacp_port_oper_key(std::uint32_t port, std::uint16_t key)
+{
+    return port_when_sent("set_lacp_port_oper_key", LAC_Q_PORT_KEY, port, key);
+}
+
+int set_lacp_port_priority(int, std::uint32_t port, std::uint16_t priority)
+{
+    return send_attribute("set_lacp_port_priority", LAC_Q_PORT_PRIORITY, port, priority, LAC_NO_OBJECT);
+}
+
+int set_lacp_port_mode(int, std::uint32_t port, std::uint8_t mode)
+{
+    return send_attribute("set_lacp_port_mode", LAC_Q_PORT_MODE, port, mode, LAC_FAILED);
+}
+
+void set_lacp_port_timeout(int, std::uint32_t port, std::uint32_t timeout)
+{
+    send_attribute("set_lacp_port_timeout", LAC_Q_PORT_TIMEOUT, port, timeout, LAC_FAILED);
+}
+
+int set_lacp_port_state(std::uint32_t port, std::uint32_t state)
+{
+    return send_attribute("set_lacp_port_state", LAC_Q_PORT_STATE, port, state, LAC_FAILED);
+}
+
+int set_lacp_port_enable(int port)
+{
+    return lacWaitAndSend("set_lacp_port_enable", LAC_Q_PORT_ENABLE, 0, static_cast<std::uint64_t>(port));
+}
+
+int set_lacp_system_priority(std::uint16_t priority)
+{
+    if (lacSystem == nullptr)
+        return LAC_REFUSED;
+    return lacWaitAndSend("set_lacp_system_priority", LAC_Q_SYSTEM_PRIORITY, priority, 0);
+}
+
+int set_lacp_system_mac(const Mac &mac)
+{
+    if (lacSystem == nullptr)
+        return LAC_REFUSED;
+    return lacWaitAndSend("set_lacp_system_mac", LAC_Q_SYSTEM_ID, PublishedMac::pack(mac), 0);
+}
+
+int set_lacp_system_id(const Mac &mac)
+{
+    char text[SYSTEM_ID_SIZE] = {};
+    snprintf(text, sizeof(text), "%02x%02x.%02x%02x.%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    return db_olt_lacp_set_global_configuration_system_id(&g_lacpd_db, text, sizeof(text), 1);
+}

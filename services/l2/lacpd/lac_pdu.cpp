@@ -1,0 +1,146 @@
+#include "lac_pdu.h"
+
+#include "lac_memory.h"
+#include "lac_mux.h"
+#include "lac_port.h"
+#include "lac_rx.h"
+#include "lac_task.h"
+#include "lac_tx.h"
+
+#include <algorithm>
+
+namespace
+{
+
+constexpr std::size_t MARKER_TLV_TYPE_OFFSET = 2;
+constexpr std::size_t MARKER_TLV_LENGTH_OFFSET = 3;
+
+std::uint16_t get16(const std::uint8_t *bytes)
+{
+    return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
+}
+
+void put16(std::uint8_t *bytes, std::uint16_t value)
+{
+    bytes[0] = static_cast<std::uint8_t>(value >> 8);
+    bytes[1] = static_cast<std::uint8_t>(value);
+}
+
+} // namespace
+
+void LacpMacHeaderSet(const LacPort *port, std::uint8_t *frame)
+{
+    std::copy(LAC_SLOW_PROTOCOLS_ADDRESS.begin(), LAC_SLOW_PROTOCOLS_ADDRESS.end(), frame);
+    std::copy(port->port_mac.begin(), port->port_mac.end(), frame + 6);
+    put16(frame + 12, LAC_SLOW_PROTOCOLS_ETHERTYPE);
+}
+
+void lacEncodeInfo(const LacInfo &info, std::uint8_t *bytes)
+{
+    put16(bytes, info.system_priority);
+    std::copy(info.system.begin(), info.system.end(), bytes + 2);
+    put16(bytes + 8, info.key);
+    put16(bytes + 10, info.port_priority);
+    put16(bytes + 12, info.port);
+    bytes[14] = info.state;
+    std::copy(info.reserved.begin(), info.reserved.end(), bytes + 15);
+}
+
+LacInfo lacDecodeInfo(const std::uint8_t *bytes)
+{
+    LacInfo info;
+    info.system_priority = get16(bytes);
+    std::copy_n(bytes + 2, info.system.size(), info.system.begin());
+    info.key = get16(bytes + 8);
+    info.port_priority = get16(bytes + 10);
+    info.port = get16(bytes + 12);
+    info.state = bytes[14];
+    std::copy_n(bytes + 15, info.reserved.size(), info.reserved.begin());
+    return info;
+}
+
+LacPdu lacDecodePdu(const std::uint8_t *bytes)
+{
+    LacPdu pdu{};
+    pdu.subtype = bytes[0];
+    pdu.version = bytes[1];
+    pdu.actor_tlv_type = bytes[2];
+    pdu.actor_tlv_length = bytes[3];
+    pdu.actor = lacDecodeInfo(bytes + offsetof(LacPdu, actor));
+    pdu.partner_tlv_type = bytes[22];
+    pdu.partner_tlv_length = bytes[23];
+    pdu.partner = lacDecodeInfo(bytes + offsetof(LacPdu, partner));
+    pdu.collector_tlv_type = bytes[42];
+    pdu.collector_tlv_length = bytes[43];
+    pdu.collector_max_delay = get16(bytes + offsetof(LacPdu, collector_max_delay));
+    pdu.terminator_tlv_type = bytes[58];
+    pdu.terminator_tlv_length = bytes[59];
+    return pdu;
+}
+
+int lacp_bpdu_deal(std::uint32_t port_no, std::uint32_t, const std::uint8_t *frame, int length)
+{
+    const std::uint32_t enabled = get_lac_global_enable();
+    if (enabled != 1)
+        return static_cast<int>(enabled);
+    auto *copy = static_cast<std::uint8_t *>(qcalloc(MTYPE_LACP_PDU, LAC_PDU_SIZE));
+    const std::size_t received = length > 0 ? static_cast<std::size_t>(length) : 0;
+    if (received > LAC_RX_PDU_OFFSET)
+        std::copy_n(frame + LAC_RX_PDU_OFFSET, std::min(received - LAC_RX_PDU_OFFSET, LAC_PDU_SIZE), copy);
+    return lacWaitAndSend("lacp_bpdu_deal", LAC_Q_PDU, reinterpret_cast<std::uint64_t>(copy), port_no);
+}
+
+static void lac_marker_responder(LacPort *port, const std::uint8_t *bytes)
+{
+    lac_trace(LAC_DBG_MARKER, "\r\nlac_process...->lac_marker_responder\r");
+    LacFrame &slot = lacDrvCtrl->marker_slots[port->port_no - 1];
+    std::uint8_t *pdu = slot.data() + LAC_MAC_HEADER_SIZE;
+    std::copy_n(bytes, LAC_PDU_SIZE, pdu);
+    LacpMacHeaderSet(port, slot.data());
+    pdu[MARKER_TLV_TYPE_OFFSET] = LAC_MARKER_RESPONSE;
+    pdu[MARKER_TLV_LENGTH_OFFSET] = LAC_MARKER_TLV_LENGTH;
+    port->stats->tx_marker_response += 1;
+    lac_send_pdu(port->port_no, slot.data());
+}
+
+void lacClassifyPdu(LacPort *port, const std::uint8_t *bytes)
+{
+    lac_trace(LAC_DBG_PDU, "[port %d: Rx LACPDU]\r\n", port->port_no);
+    const std::uint8_t subtype = bytes[0];
+    const std::uint8_t tlv_type = bytes[MARKER_TLV_TYPE_OFFSET];
+    if (subtype == LAC_SUBTYPE_LACP) {
+        port->stats->rx_lacpdu += 1;
+        lacRx(port, lacDecodePdu(bytes));
+    } else if (subtype == LAC_SUBTYPE_MARKER && tlv_type == LAC_MARKER_INFORMATION) {
+        port->stats->rx_marker += 1;
+        lac_marker_responder(port, bytes);
+    } else if (subtype == LAC_SUBTYPE_MARKER && tlv_type == LAC_MARKER_RESPONSE) {
+        port->stats->rx_marker_response += 1;
+    } else {
+        port->stats->rx_unknown += 1;
+        printf("LACP: not valid PDU with Slow Protocol Type Subtype - %02x TLV type = %02x", subtype, tlv_type);
+    }
+}
+
+// The first other port that knows the sender as its partner has lost it to this port.
+static void detect_moved_partner(LacPort *port, const LacPdu &pdu)
+{
+    for (LacPort *other : lac_ports()) {
+        if (other == port || other->partner_port != pdu.actor.port || other->partner_system.get() != pdu.actor.system)
+            continue;
+        other->port_moved = 1;
+        lacSystem->last_change_ms = lac_now_ms();
+        port->stats->moved += 1;
+        lacRxMachine(other, Lac_port_moved, nullptr);
+        return;
+    }
+}
+
+void lacRx(LacPort *port, const LacPdu &pdu)
+{
+    lac_trace(LAC_DBG_PDU, "[lacRx port %d:LACP receive function]\r\n", port->port_no);
+    port->stats->last_rx_ms = lac_now_ms();
+    lacRxMachine(port, Lac_received, &pdu);
+    detect_moved_partner(port, pdu);
+    lacKickMux(port);
+}

@@ -1,0 +1,390 @@
+#include "lac_port.h"
+
+#include "channel_group.h"
+#include "channel_group_member.h"
+#include "lac_memory.h"
+#include "lac_mux.h"
+#include "lac_rx.h"
+#include "lac_select.h"
+#include "lac_task.h"
+#include "lac_timer.h"
+#include "lac_tx.h"
+
+#include "sysutil/sysutil.h"
+
+#include <ctime>
+
+LacSystem *lacSystem;
+LacpCtrl lacpCtrl;
+LacPortCfg lacPortCfg[LAC_MAX_PORTS];
+PortInventory intf;
+
+std::uint64_t lac_now_ms() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+// ---- information blocks ---------------------------------------------------------------------------------------
+
+LacInfo lac_actor_info(const LacPort *port)
+{
+    return {port->actor_system_priority, port->actor_system, port->actor_oper_key,   port->actor_port_priority,
+            port->actor_port,            port->actor_oper_state, port->actor_reserved};
+}
+
+LacInfo lac_partner_info(const LacPort *port)
+{
+    return {port->partner_system_priority, port->partner_system, port->partner_oper_key,
+            port->partner_port_priority,   port->partner_port,   port->partner_oper_state,
+            port->partner_reserved};
+}
+
+LacInfo lac_partner_admin_info(const LacPort *port)
+{
+    return {port->partner_admin_system_priority, port->partner_admin_system, port->partner_admin_key,
+            port->partner_admin_port_priority,   port->partner_admin_port,   port->partner_admin_state,
+            {}};
+}
+
+void lac_set_partner_info(LacPort *port, const LacInfo &info)
+{
+    port->partner_system_priority = info.system_priority;
+    port->partner_system = info.system;
+    port->partner_oper_key = info.key;
+    port->partner_port_priority = info.port_priority;
+    port->partner_port = info.port;
+    port->partner_oper_state = info.state;
+    port->partner_reserved = info.reserved;
+}
+
+// ---- records --------------------------------------------------------------------------------------------------
+
+void lac_LacInit()
+{
+    if (lacSystem != nullptr)
+        return;
+    lacSystem = lac_new_records<LacSystem>(MTYPE_LACP_SYS, 1);
+    lacSystem->system_priority = LAC_DEFAULT_PRIORITY;
+    Mac mac{};
+    if (system_get_eth_mac(LAC_CPU_INTERFACE, mac.data()) == 0)
+        set_lacp_system_id(mac);
+    else
+        mac = {};
+    lacSystem->system_mac = mac;
+
+    const std::uint32_t count = lacpCtrl.port_count;
+    auto *ports = lac_new_records<LacPort>(MTYPE_LACP_PORT, count);
+    LacPort *const head = &lacSystem->head;
+    head->next = count == 0 ? head : &ports[0];
+    head->system = lacSystem;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        LacPort &port = ports[i];
+        port.next = i + 1 < count ? &ports[i + 1] : head;
+        port.system = lacSystem;
+        port.stats = lac_new_records<LacPortStats>(MTYPE_LACP_STATS, 1);
+        port.port_no = static_cast<std::uint16_t>(i + 1);
+        port.port_mac = mac;
+        port.coll_dist = 1;
+        port.aggregator = &port;
+        port.next_lag_port = &port;
+    }
+}
+
+LacPort *lacNoToPort(std::uint32_t port_no)
+{
+    for (LacPort *port : lac_ports())
+        if (port->port_no == port_no)
+            return port;
+    return nullptr;
+}
+
+static void init_actor(LacPort *port, const LacPortCfg &cfg)
+{
+    const std::uint16_t system_priority = lacpCtrl.system_priority;
+    const int mode = cfg.passive == 1 ? LAC_INITIAL_STATE & ~LAC_ACTIVITY : LAC_INITIAL_STATE;
+    const int timeout = cfg.timeout == 1 ? LAC_TIMEOUT : 0;
+
+    port->actor_system_priority = system_priority;
+    port->actor_oper_key = cfg.key;
+    port->actor_port_priority = cfg.port_priority;
+    port->actor_port = port->port_no;
+    port->actor_admin_system_priority = system_priority;
+    port->actor_admin_system = port->system->system_mac;
+    port->actor_admin_key = cfg.key;
+    port->actor_admin_port_priority = cfg.port_priority;
+    port->actor_admin_port = port->port_no;
+    port->actor_admin_state = static_cast<std::uint8_t>(mode);
+    port->actor_oper_state = static_cast<std::uint8_t>(mode | timeout);
+}
+
+// The partner's system address is not touched: it stays what was last heard.
+static void init_partner(LacPort *port)
+{
+    port->partner_admin_system_priority = 0;
+    port->partner_admin_key = 0;
+    port->partner_admin_port_priority = 0;
+    port->partner_admin_port = 0;
+    port->partner_admin_state = 0;
+    port->partner_system_priority = 0;
+    port->partner_oper_key = 0;
+    port->partner_port_priority = 0;
+    port->partner_port = 0;
+    port->partner_oper_state = 0;
+}
+
+static void init_aggregator(LacPort *port, const LacPortCfg &cfg)
+{
+    lacChangeAggregator(port, port);
+    port->next_lag_port = port;
+    port->aggregator_mac = port->port_mac;
+    port->aggregator_id = port->port_no;
+    port->aggregator_oper_key = cfg.key;
+    port->aggregator_partner_system_priority = port->partner_admin_system_priority;
+    port->aggregator_partner_key = port->partner_admin_key;
+    port->individual = 1;
+}
+
+int lacInitPort(LacPort *port)
+{
+    const LacPortCfg &cfg = lacPortCfg[(port->port_no - 1) % LAC_MAX_PORTS];
+    lac_trace(LAC_DBG_PORT, "\r\n  %s lacInit port %d \n\r", "lacInitPort", port->port_no);
+    init_actor(port, cfg);
+    init_partner(port);
+    lac_trace(LAC_DBG_PORT, "[lacPortInfoGet ()]");
+    init_aggregator(port, cfg);
+    port->ntt = 1;
+    port->port_enabled = 0;
+    port->ready_n = 0;
+    port->ready = 0;
+    port->selected = LAC_UNSELECTED;
+    port->port_moved = 0;
+    port->matched = 0;
+    port->hold_count = 0;
+
+    Lac_timers_init(port);
+    tx_machine(port, Lac_init);
+    lacMuxMachineInitPort(port);
+    lacRxMachine(port, Lac_init, nullptr);
+    periodic_machine(port, Lac_init);
+    mux_scheduler_start(port);
+    return LAC_OK;
+}
+
+// ---- events ---------------------------------------------------------------------------------------------------
+
+void lacSystemStateSet(std::uint32_t value)
+{
+    lacSystem->system_state = value;
+}
+
+int lac_set(std::uint32_t on_or_off)
+{
+    if (on_or_off == LAC_SET_ON) {
+        lacSystemStateSet(1);
+        for (LacPort *port : lac_ports()) {
+            lacInitPort(port);
+            lacInitPortMask(port);
+        }
+        lac_trace(LAC_DBG_GLOBAL, " lac ON \r");
+        return LAC_OK;
+    }
+    lacSystemStateSet(0);
+    lacReattachApsToAgs();
+    for (LacPort *port : lac_ports())
+        lacRxMachine(port, Lac_init, nullptr);
+    lac_trace(LAC_DBG_GLOBAL, " lac OFF \r");
+    return LAC_OK;
+}
+
+void lacSetPort(LacPort *port, std::uint32_t event)
+{
+    if (event == Lac_port_enabled)
+        port->port_enabled = 1;
+    else if (event == Lac_port_disabled)
+        port->port_enabled = 0;
+    lac_trace(LAC_DBG_SELECT, "[lacSetPort port %d event %d]\r\n", port->port_no, event);
+}
+
+int lacEnablePort(LacPort *port)
+{
+    if (get_lac_global_enable() != 1)
+        return LAC_OK;
+    const std::uint32_t link = lacIsLinkUp(port);
+    const std::uint32_t duplex = lacIsPortFullDuplex(port);
+    lac_trace(LAC_DBG_PORT, "\r\n %s enable port %d  enable %d link %d duplex %d lac glable %d\n\r", "lacEnablePort",
+              port->port_no, 1, link, duplex, get_lac_global_enable());
+    const LacEvent event = link == 1 && duplex == 1 ? Lac_port_enabled : Lac_port_disabled;
+    lacSetPort(port, event);
+    tx_machine(port, event);
+    lacRxMachine(port, event, nullptr);
+    lacSelect(port);
+    return LAC_OK;
+}
+
+static void stop_port(LacPort *port)
+{
+    lacSetPort(port, Lac_port_disabled);
+    tx_machine(port, Lac_port_disabled);
+    lacRxMachine(port, Lac_port_disabled, nullptr);
+    periodic_machine(port, Lac_port_disabled);
+    lacSelect(port);
+}
+
+int lacDisablePort(LacPort *port)
+{
+    if (get_lac_global_enable() != 1)
+        return LAC_OK;
+    lac_trace(LAC_DBG_QUEUE, "\r\n %s disable port %d\n\r", "lacDisablePort", port->port_no);
+    stop_port(port);
+    return lacInitPort(port);
+}
+
+void lacSetPortLacpState(std::uint32_t port_no, std::uint32_t state)
+{
+    LacPort *port = lacNoToPort(port_no);
+    if (port == nullptr)
+        return;
+    if (state == 1) {
+        port->lacp_enabled = 1;
+        lacEnablePort(port);
+        return;
+    }
+    port->lacp_enabled = 0;
+    lac_clear_actor_state(port, LAC_TIMEOUT);
+    lacDisablePort(port);
+}
+
+static LacPort *running_port(std::uint32_t port_no)
+{
+    LacPort *port = lacNoToPort(port_no);
+    return port != nullptr && port->lacp_enabled == 1 ? port : nullptr;
+}
+
+void lacLinkUp(std::uint32_t port_no)
+{
+    LacPort *port = running_port(port_no);
+    if (port == nullptr)
+        return;
+    lac_trace(LAC_DBG_PORT, "\n lacLinkUp port:%d\r\n", port_no);
+    lacSetPort(port, Lac_port_enabled);
+    tx_machine(port, Lac_init);
+    lacRxMachine(port, Lac_port_enabled, nullptr);
+    tx_machine(port, Lac_ntt);
+    lacSelect(port);
+}
+
+void lacLinkDown(std::uint32_t port_no)
+{
+    LacPort *port = running_port(port_no);
+    if (port == nullptr)
+        return;
+    lac_trace(LAC_DBG_PORT, "\n lacLinkDown port:%d\r\n", port_no);
+    stop_port(port);
+}
+
+// ---- physical state -------------------------------------------------------------------------------------------
+
+std::uint32_t lacIsLinkUp(const LacPort *port)
+{
+    std::uint32_t status = 0;
+    return get_channel_group_port_link_status(LAC_SLOT, port->port_no, &status) == LAC_OK && status == 1;
+}
+
+std::uint32_t lacIsPortFullDuplex(const LacPort *)
+{
+    return 1;
+}
+
+std::int32_t lacGetLinkSpeed(const LacPort *)
+{
+    return 0;
+}
+
+std::uint32_t lacSameSpeed(const LacPort *one, const LacPort *other)
+{
+    return lacGetLinkSpeed(one) == lacGetLinkSpeed(other);
+}
+
+int portMapTotalPortCountGet(std::uint32_t *count)
+{
+    *count = intf.last_uplink_port;
+    return LAC_OK;
+}
+
+// ---- configured attributes ------------------------------------------------------------------------------------
+
+static LacPortCfg &config_of(const LacPort *port)
+{
+    return lacPortCfg[(port->port_no - 1) % LAC_MAX_PORTS];
+}
+
+void lacApplyPortTimeout(std::uint32_t port_no, std::uint32_t timeout)
+{
+    LacPort *port = lacNoToPort(port_no);
+    if (port == nullptr)
+        return;
+    const bool is_short = timeout == 1;
+    config_of(port).timeout = is_short;
+    if (is_short)
+        lac_set_actor_state(port, LAC_TIMEOUT);
+    else
+        lac_clear_actor_state(port, LAC_TIMEOUT);
+    if (port->lacp_enabled == 1)
+        start_current_while_timer(port, is_short);
+}
+
+// The administrative state follows, so that a re-initialised receive machine keeps the mode.
+void lacApplyPortMode(std::uint32_t port_no, std::uint32_t mode)
+{
+    LacPort *port = lacNoToPort(port_no);
+    if (port == nullptr)
+        return;
+    const bool active = (mode & 1) != 0;
+    config_of(port).passive = !active;
+    if (active) {
+        lac_set_actor_state(port, LAC_ACTIVITY);
+        port->actor_admin_state |= LAC_ACTIVITY;
+    } else {
+        lac_clear_actor_state(port, LAC_ACTIVITY);
+        port->actor_admin_state &= static_cast<std::uint8_t>(~LAC_ACTIVITY);
+    }
+}
+
+void lacApplyPortPriority(std::uint32_t port_no, std::uint16_t priority)
+{
+    LacPort *port = lacNoToPort(port_no);
+    if (port == nullptr)
+        return;
+    port->actor_port_priority = priority;
+    config_of(port).port_priority = priority;
+}
+
+void lacApplyPortKey(std::uint32_t port_no, std::uint16_t key)
+{
+    LacPort *port = lacNoToPort(port_no);
+    if (port == nullptr)
+        return;
+    port->actor_oper_key = key;
+    port->aggregator_oper_key = key;
+    port->aggregator_admin_key = key;
+    config_of(port).key = key;
+}
+
+void lacApplyPortGroup(std::uint32_t port_no, std::uint32_t group)
+{
+    LacPort *port = lacNoToPort(port_no);
+    if (port != nullptr)
+        port->channel_group_id = group;
+}
+
+// The administrative value follows, so that a re-initialised receive machine keeps the priority.
+void lacApplySystemPriority(std::uint16_t priority)
+{
+    lacpCtrl.system_priority = priority;
+    for (LacPort *port : lac_ports()) {
+        port->actor_system_priority = priority;
+        port->actor_admin_system_priority = priority;
+    }
+}

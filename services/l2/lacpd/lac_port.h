@@ -1,0 +1,77 @@
+// System and port records, port initialisation and port events.
+#pragma once
+
+#include "lacp.h"
+
+enum LacSwitch : std::uint32_t { LAC_SET_ON = 1, LAC_SET_OFF = 2 };
+
+// Creates the system record, the ports and their counters once.
+void lac_LacInit();
+// The record of a port number, or null.
+LacPort *lacNoToPort(std::uint32_t port_no);
+
+int lacInitPort(LacPort *port);
+int lac_set(std::uint32_t on_or_off);
+void lacSystemStateSet(std::uint32_t value);
+void lacSetPort(LacPort *port, std::uint32_t event);
+int lacEnablePort(LacPort *port);
+int lacDisablePort(LacPort *port);
+void lacSetPortLacpState(std::uint32_t port_no, std::uint32_t state);
+void lacLinkUp(std::uint32_t port_no);
+void lacLinkDown(std::uint32_t port_no);
+
+std::uint32_t lacIsLinkUp(const LacPort *port);         // one datastore read
+std::uint32_t lacIsPortFullDuplex(const LacPort *port); // every port counts as full duplex
+std::int32_t lacGetLinkSpeed(const LacPort *port);      // not known: always 0
+std::uint32_t lacSameSpeed(const LacPort *one, const LacPort *other);
+int portMapTotalPortCountGet(std::uint32_t *count);
+
+// Information blocks of a port as values.
+LacInfo lac_actor_info(const LacPort *port);
+LacInfo lac_partner_info(const LacPort *port);
+LacInfo lac_partner_admin_info(const LacPort *port);
+void lac_set_partner_info(LacPort *port, const LacInfo &info);
+
+inline void lac_set_actor_state(LacPort *port, std::uint8_t bits) { port->actor_oper_state |= bits; }
+inline void lac_clear_actor_state(LacPort *port, std::uint8_t bits)
+{
+    port->actor_oper_state &= static_cast<std::uint8_t>(~bits);
+}
+inline void lac_set_partner_state(LacPort *port, std::uint8_t bits) { port->partner_oper_state |= bits; }
+inline void lac_clear_partner_state(LacPort *port, std::uint8_t bits)
+{
+    port->partner_oper_state &= static_cast<std::uint8_t>(~bits);
+}
+
+// The ports of the system, in list order: for (LacPort *port : lac_ports()).
+class LacPortIterator
+{
+  public:
+    explicit LacPortIterator(LacPort *port) : port_(port) {}
+    LacPort *operator*() const { return port_; }
+    LacPortIterator &operator++()
+    {
+        port_ = port_->next;
+        return *this;
+    }
+    bool operator!=(const LacPortIterator &other) const { return port_ != other.port_; }
+
+  private:
+    LacPort *port_;
+};
+struct LacPortRange {
+    LacPortIterator begin() const { return LacPortIterator(lacSystem == nullptr ? nullptr : lacSystem->head.next); }
+    LacPortIterator end() const { return LacPortIterator(lacSystem == nullptr ? nullptr : &lacSystem->head); }
+};
+inline LacPortRange lac_ports()
+{
+    return {};
+}
+
+// What the configuration messages do on the dispatcher thread. Unknown port numbers do nothing.
+void lacApplyPortTimeout(std::uint32_t port_no, std::uint32_t timeout);
+void lacApplyPortMode(std::uint32_t port_no, std::uint32_t mode);
+void lacApplyPortPriority(std::uint32_t port_no, std::uint16_t priority);
+void lacApplyPortKey(std::uint32_t port_no, std::uint16_t key);
+void lacApplyPortGroup(std::uint32_t port_no, std::uint32_t group);
+void lacApplySystemPriority(std::uint16_t priority);

@@ -1,0 +1,10 @@
+// Receive machine, IEEE Std 802.3 43.4.12.
+#pragma once
+
+#include "lacp.h"
+
+// Runs the machine for one event. `pdu` is given with Lac_received only.
+void lacRxMachine(LacPort *port, std::uint32_t event, const LacPdu *pdu);
+
+// Starts the port's mux scheduler when what was received may let its mux machine move.
+void lacKickMux(LacPort *port);

@@ -1,0 +1,367 @@
+#include "lac_task.h"
+
+#include "channel_group_member.h"
+#include "lac_memory.h"
+#include "lac_pdu.h"
+#include "lac_port.h"
+#include "lac_select.h"
+#include "lac_timer.h"
+
+#include "sysutil/sysutil.h"
+
+#include <cstdarg>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr useconds_t DISPATCH_PAUSE_US = 100;
+constexpr unsigned TICK_SECONDS = 1;
+constexpr unsigned SWITCH_SECONDS = 1; // what set_lac_global_enable leaves the dispatcher
+constexpr std::uint32_t TICK_FAILURES_REPORTED = 26;
+constexpr char SOURCE_NAME[] = "services/l2/lacpd/lac_task";
+
+void wait_for_send_lock()
+{
+    while (sem_wait(&lac_task_sem) != 0) // interrupted by a signal
+        ;
+}
+
+} // namespace
+
+LacQueue Lac_Queue;
+sem_t lac_task_sem;
+LacDrvCtrl *lacDrvCtrl;
+SystemThread *lacRecv_tid;
+SystemThread *lacTimer_tid;
+Published<std::uint32_t> lacDebug;
+
+// ---- queue ----------------------------------------------------------------------------------------------------
+
+int LacQueue::create() noexcept
+{
+    const std::lock_guard guard(lock_);
+    if (sem_init(&items_, 0, 0) != 0)
+        return LAC_FAILED;
+    first_ = size_ = 0;
+    created_ = true;
+    return LAC_OK;
+}
+
+int LacQueue::count() noexcept
+{
+    const std::lock_guard guard(lock_);
+    return created_ ? static_cast<int>(size_) : LAC_FAILED;
+}
+
+bool LacQueue::push(const LacQueueMsg &message) noexcept
+{
+    const std::lock_guard guard(lock_);
+    if (!created_ || size_ == ring_.size())
+        return false;
+    ring_[(first_ + size_++) % ring_.size()] = message;
+    return sem_post(&items_) == 0;
+}
+
+bool LacQueue::take(LacQueueMsg &message) noexcept
+{
+    const std::lock_guard guard(lock_);
+    if (size_ == 0)
+        return false;
+    message = ring_[first_];
+    first_ = (first_ + 1) % ring_.size();
+    --size_;
+    return true;
+}
+
+bool LacQueue::wait(LacQueueMsg &message) noexcept
+{
+    return sem_wait(&items_) == 0 && take(message);
+}
+
+bool LacQueue::tryPop(LacQueueMsg &message) noexcept
+{
+    return sem_trywait(&items_) == 0 && take(message);
+}
+
+// ---- sending --------------------------------------------------------------------------------------------------
+
+static int refuse(std::uint64_t code, std::uint64_t payload)
+{
+    if (code == LAC_Q_PDU)
+        qfree(MTYPE_LACP_PDU, reinterpret_cast<void *>(payload));
+    return LAC_FAILED;
+}
+
+static int try_send(std::uint64_t code, std::uint64_t payload, std::uint64_t port)
+{
+    const int waiting = Lac_Queue.count();
+    if (waiting < 0) {
+        printf("\r\nMsg %s get lac queue infom failed\n\r", "lacQSend");
+        return refuse(code, payload);
+    }
+    lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue code %08lx msgNum %d\n\r", "lacQSend", code, waiting);
+    if (static_cast<std::uint64_t>(waiting) >= LAC_QUEUE_LIMIT) {
+        printf("\r\nMsg: %s lac queue is full,cann't send any more\n\r", "lacQSend");
+        return refuse(code, payload);
+    }
+    if (!Lac_Queue.push({1, code, payload, port})) {
+        printf("\r\nMsg %s send a lac message failed\n\r", "lacQSend");
+        return refuse(code, payload);
+    }
+    return LAC_OK;
+}
+
+int lacQSend(std::uint64_t code, std::uint64_t payload, std::uint64_t port)
+{
+    const int result = try_send(code, payload, port);
+    lac_trace(LAC_DBG_LOCK, "\n lacQSend post task semaphore\r");
+    sem_post(&lac_task_sem);
+    return result;
+}
+
+int lacWaitAndSend(const char *sender, std::uint64_t code, std::uint64_t payload, std::uint64_t port)
+{
+    lac_trace(LAC_DBG_LOCK, "\r\n %s wait task semaphore\r", sender);
+    wait_for_send_lock();
+    return lacQSend(code, payload, port);
+}
+
+std::uint32_t get_lac_global_enable()
+{
+    return lacDrvCtrl == nullptr ? 0 : lacDrvCtrl->lac_enable.get();
+}
+
+void set_lac_global_enable(std::uint32_t value)
+{
+    if (value == get_lac_global_enable())
+        return;
+    lacWaitAndSend("set_lac_global_enable", value == 1 ? LAC_Q_LACP_ON : LAC_Q_LACP_OFF, 0, 0);
+    sleep(SWITCH_SECONDS);
+}
+
+// ---- dispatching ----------------------------------------------------------------------------------------------
+
+static void switch_on()
+{
+    if (get_lac_global_enable() == 1)
+        return;
+    lacSystemStateSet(1);
+    lacDrvCtrl->lac_enable = 1;
+    lac_set(LAC_SET_ON);
+    lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue lacState is ON\n\r", "lacRecvTask");
+}
+
+static void switch_off()
+{
+    if (get_lac_global_enable() != 1)
+        return;
+    lac_set(LAC_SET_OFF);
+    lacDrvCtrl->lac_enable = 0;
+    lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue lacState is OFF\n\r", "lacRecvTask");
+}
+
+static void dispatch_pdu(LacQueueMsg &message)
+{
+    lac_trace(LAC_DBG_PDU, "\r\n %s lac queue receive port %ld code %08lx\n\r", "lacRecvTask",
+              static_cast<long>(message.port), message.code);
+    auto *bytes = reinterpret_cast<std::uint8_t *>(message.payload);
+    LacPort *port = lacNoToPort(static_cast<std::uint32_t>(message.port));
+    if (get_lac_global_enable() == 1 && port != nullptr && port->lacp_enabled != 0)
+        lacClassifyPdu(port, bytes);
+    qfree(MTYPE_LACP_PDU, bytes);
+    message.payload = 0;
+}
+
+// Per-port codes that only count while LACP is on.
+static void dispatch_port_event(const LacQueueMsg &message)
+{
+    const bool on = get_lac_global_enable() == 1;
+    const auto port_no = static_cast<std::uint32_t>(message.port);
+    switch (message.code) {
+    case LAC_Q_LINK_UP:
+        lac_trace(LAC_DBG_PORT, "\nLACP Link Up port:%d\r\n", port_no);
+        if (on)
+            lacLinkUp(port_no);
+        break;
+    case LAC_Q_LINK_DOWN:
+        lac_trace(LAC_DBG_PORT, "\nLACP Link Down port:%d\r\n", port_no);
+        if (on)
+            lacLinkDown(port_no);
+        break;
+    case LAC_Q_PORT_ENABLE:
+        lac_trace(LAC_DBG_PORT, "\n cli set port:%d lacp enable\r\n", port_no);
+        if (on)
+            lacSetPortLacpState(port_no, 1);
+        break;
+    }
+}
+
+static void dispatch_attribute(const LacQueueMsg &message)
+{
+    const auto port_no = static_cast<std::uint32_t>(message.port);
+    const auto value = static_cast<std::uint32_t>(message.payload);
+    switch (message.code) {
+    case LAC_Q_PORT_STATE:
+        lacSetPortLacpState(port_no, value);
+        break;
+    case LAC_Q_PORT_TIMEOUT:
+        lacApplyPortTimeout(port_no, value);
+        break;
+    case LAC_Q_PORT_MODE:
+        lacApplyPortMode(port_no, value);
+        break;
+    case LAC_Q_PORT_PRIORITY:
+        lacApplyPortPriority(port_no, static_cast<std::uint16_t>(value));
+        break;
+    case LAC_Q_PORT_KEY:
+        lacApplyPortKey(port_no, static_cast<std::uint16_t>(value));
+        break;
+    case LAC_Q_PORT_GROUP:
+        lacApplyPortGroup(port_no, value);
+        break;
+    case LAC_Q_PORT_RESELECT:
+        lacReselectGroup(port_no, value);
+        break;
+    case LAC_Q_SYSTEM_PRIORITY:
+        lacApplySystemPriority(static_cast<std::uint16_t>(value));
+        break;
+    case LAC_Q_SYSTEM_ID:
+        lacSystem->system_mac = PublishedMac::unpack(message.payload);
+        break;
+    default: // codes that nobody acts on are consumed
+        break;
+    }
+}
+
+void lacDispatch(LacQueueMsg &message)
+{
+    switch (message.code) {
+    case LAC_Q_LACP_ON:
+        switch_on();
+        break;
+    case LAC_Q_LACP_OFF:
+        switch_off();
+        break;
+    case LAC_Q_LINK_UP:
+    case LAC_Q_LINK_DOWN:
+    case LAC_Q_PORT_ENABLE:
+        dispatch_port_event(message);
+        break;
+    case LAC_Q_PDU:
+        dispatch_pdu(message);
+        break;
+    case LAC_Q_TICK:
+        if (get_lac_global_enable() == 1)
+            LacTick();
+        break;
+    default:
+        dispatch_attribute(message);
+        break;
+    }
+}
+
+// ---- threads --------------------------------------------------------------------------------------------------
+
+static void *lacRecvTask(SystemThread *)
+{
+    prctl(PR_SET_NAME, "lacpRecv");
+    lac_trace(LAC_DBG_LOCK, "\n lacRecvTask post task semaphore\r");
+    sem_post(&lac_task_sem);
+    for (;;) {
+        usleep(DISPATCH_PAUSE_US);
+        LacQueueMsg message;
+        const bool received = Lac_Queue.wait(message);
+        lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue receive status %lx code %lx\n\r", "lacRecvTask",
+                  received ? sizeof(message) - sizeof(message.type) : ~0UL, received ? message.code : 0UL);
+        if (received)
+            lacDispatch(message);
+    }
+}
+
+void lacSendTick(std::uint32_t &failures)
+{
+    lac_trace(LAC_DBG_LOCK, "\n lacTimerTask wait task semaphore for timer tick\r");
+    wait_for_send_lock();
+    if (lacQSend(LAC_Q_TICK, 0, 0) == LAC_OK) {
+        failures = 0;
+        return;
+    }
+    if (++failures < TICK_FAILURES_REPORTED)
+        return;
+    printf("lacTimerTask: Timer Tick send failed.\r");
+    failures = 0;
+}
+
+static void *lacTimerTask(SystemThread *)
+{
+    sleep(TICK_SECONDS);
+    if (get_lac_global_enable() == 1) {
+        lac_trace(LAC_DBG_LOCK, "\n lacTimerTask wait task semaphore at beginning\r");
+        wait_for_send_lock();
+        lacQSend(LAC_Q_LACP_ON, 0, 0);
+    }
+    prctl(PR_SET_NAME, "lacpTimer");
+    for (std::uint32_t failures = 0;;) {
+        sleep(TICK_SECONDS);
+        lacSendTick(failures);
+    }
+}
+
+static bool start_thread(SystemThread *&thread, const char *name, SystemThreadBody body)
+{
+    thread = system_pthread_create(name, name, body, 0, nullptr);
+    return thread != nullptr && system_pthread_run(thread, 0, nullptr) == 0;
+}
+
+int lac_TaskInit()
+{
+    lac_TimerInit();
+    lacDrvCtrl = lac_new_records<LacDrvCtrl>(MTYPE_LACP_DRVCTRL, 1);
+    if (sem_init(&lac_task_sem, 0, 0) != 0)
+        printf("\r\n Msg:lacInit semaphore initialization failed.\r");
+    if (Lac_Queue.create() != LAC_OK) {
+        printf("\r\n Msg:create lacTimerTask MsgQId error!");
+        sem_post(&lac_task_sem); // no dispatcher will: senders must fail, not hang
+        return LAC_FAILED;
+    }
+    if (!start_thread(lacRecv_tid, "lacpRecv", lacRecvTask)) {
+        printf("\r\n Msg:Create lacp receive thread failed!\r");
+        sem_post(&lac_task_sem);
+        return LAC_FAILED;
+    }
+    if (!start_thread(lacTimer_tid, "lacpTimer", lacTimerTask))
+        printf("\r\n Msg:Create lacp timer thread failed!\r");
+    return LAC_OK;
+}
+
+void lacpDrvCtrlInit()
+{
+    lacDrvCtrl->port_count = intf.last_uplink_port;
+    lacDrvCtrl->tx_slots = lac_new_records<LacFrame>(MTYPE_LACP_PDU_TX, lacDrvCtrl->port_count + 1);
+    lacDrvCtrl->marker_slots = lac_new_records<LacFrame>(MTYPE_LACP_PDU_TX_MARKER, lacDrvCtrl->port_count + 1);
+    if ((lacDrvCtrl->tx_slots == nullptr || lacDrvCtrl->marker_slots == nullptr) && lacDebug != 0)
+        printf("%s:%d Allocation Error\n", SOURCE_NAME, __LINE__);
+}
+
+// ---- trace word -----------------------------------------------------------------------------------------------
+
+void lacDbgCfg(std::uint32_t value)
+{
+    lacDebug = value;
+    printf("\r\nMsg %s lacDebug %08x\n\r", "lacDbgCfg", value);
+}
+
+std::uint32_t lacDbgGet()
+{
+    return lacDebug;
+}
+
+void lac_trace_print(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vprintf(format, arguments);
+    va_end(arguments);
+}

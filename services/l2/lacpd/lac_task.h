@@ -1,0 +1,98 @@
+// The protocol's message queue, its dispatcher and timer threads, and the driver-control record.
+#pragma once
+
+#include "lacp.h"
+
+#include <array>
+#include <mutex>
+#include <semaphore.h>
+
+// Message codes. The values from 16 on change a configured attribute; they carry the value in the payload word.
+enum LacQueueCode : std::uint64_t {
+    LAC_Q_LACP_ON = 1,
+    LAC_Q_LACP_OFF = 2,
+    LAC_Q_LINK_UP = 5,
+    LAC_Q_LINK_DOWN = 6,
+    LAC_Q_PORT_ENABLE = 7,
+    LAC_Q_PORT_STATE = 16,
+    LAC_Q_PORT_TIMEOUT = 17,
+    LAC_Q_PORT_MODE = 18,
+    LAC_Q_PORT_PRIORITY = 19,
+    LAC_Q_PORT_KEY = 20,
+    LAC_Q_PORT_GROUP = 21,
+    LAC_Q_PORT_RESELECT = 22,
+    LAC_Q_SYSTEM_PRIORITY = 23,
+    LAC_Q_SYSTEM_ID = 24,
+    LAC_Q_PDU = 0xFBFBFBFB,
+    LAC_Q_TICK = 0xFCFCFCFC,
+};
+
+struct LacQueueMsg {
+    std::int64_t type; // always 1
+    std::uint64_t code;
+    std::uint64_t payload; // LAC_Q_PDU: address of a LAC_PDU_SIZE buffer that the queue now owns
+    std::uint64_t port;    // 1-based, 0 where no port is meant
+};
+static_assert(sizeof(LacQueueMsg) == 32);
+
+constexpr std::uint64_t LAC_QUEUE_LIMIT = 128;
+
+// A bounded queue of messages: senders never block, one receiver waits. Trivially destructible, since its threads
+// outlive the static objects when the process exits.
+class LacQueue
+{
+  public:
+    // 0, or -1 when the system refuses the semaphore. Messages that wait are dropped.
+    int create() noexcept;
+    // Number of messages waiting, or -1 before create().
+    int count() noexcept;
+    bool push(const LacQueueMsg &message) noexcept; // false when full or not created
+    bool wait(LacQueueMsg &message) noexcept;       // false when interrupted
+    bool tryPop(LacQueueMsg &message) noexcept;     // false when empty
+
+  private:
+    bool take(LacQueueMsg &message) noexcept;
+
+    std::mutex lock_;
+    sem_t items_{};
+    bool created_ = false;
+    std::array<LacQueueMsg, LAC_QUEUE_LIMIT> ring_{};
+    std::size_t first_ = 0;
+    std::size_t size_ = 0;
+};
+
+using LacFrame = std::array<std::uint8_t, LAC_FRAME_SIZE>;
+
+struct LacDrvCtrl {
+    Published<std::uint32_t> lac_enable; // written by the dispatcher
+    std::uint64_t port_count;
+    LacFrame *tx_slots;     // port p uses slot p - 1
+    LacFrame *marker_slots; // port p uses slot p - 1
+};
+
+extern LacQueue Lac_Queue;
+extern sem_t lac_task_sem; // send lock: every sender waits on it, lacQSend posts it
+extern LacDrvCtrl *lacDrvCtrl;
+extern SystemThread *lacRecv_tid;
+extern SystemThread *lacTimer_tid;
+
+// Creates queue, send lock and both threads. 0, or -1 when the protocol cannot run.
+int lac_TaskInit();
+void lacpDrvCtrlInit();
+
+// Sends one message; the caller holds the send lock, which is always released. 0 queued, -1 lost (a PDU is freed).
+int lacQSend(std::uint64_t code, std::uint64_t payload, std::uint64_t port);
+// Takes the send lock under the caller's name and sends.
+int lacWaitAndSend(const char *sender, std::uint64_t code, std::uint64_t payload, std::uint64_t port);
+
+// Acts on one message (dispatcher thread). Frees a PDU and clears the message's reference to it.
+void lacDispatch(LacQueueMsg &message);
+// Sends one tick and counts lost ones (timer thread).
+void lacSendTick(std::uint32_t &failures);
+
+void lacDbgCfg(std::uint32_t value);
+std::uint32_t lacDbgGet();
+
+std::uint32_t get_lac_global_enable();
+// Asks the dispatcher to switch LACP on (1) or off and gives it a second to do so.
+void set_lac_global_enable(std::uint32_t value);

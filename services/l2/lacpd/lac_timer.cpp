@@ -1,0 +1,225 @@
+#include "lac_timer.h"
+
+#include "lac_mux.h"
+#include "lac_port.h"
+#include "lac_rx.h"
+#include "lac_select.h"
+#include "lac_tx.h"
+
+#include <cstdio>
+#include <semaphore.h>
+
+// Kept for what may be added around the timers; nothing waits on it.
+static sem_t timer_sem;
+
+void lac_TimerInit()
+{
+    if (sem_init(&timer_sem, 0, 0) != 0) {
+        printf("\r\nMsg:system create lacp timer semaphore failed!\n\r");
+        return;
+    }
+    sem_post(&timer_sem);
+}
+
+// ---- starting and stopping ------------------------------------------------------------------------------------
+
+static void set_up(LacTimer &timer, std::uint32_t reload)
+{
+    timer.count = 0;
+    timer.reload = reload;
+    timer.active = 0;
+    timer.initialized = 1;
+}
+
+static bool needs_set_up(LacTimer &timer, std::uint32_t reload)
+{
+    if (timer.initialized == 1)
+        return false;
+    set_up(timer, reload);
+    return true;
+}
+
+static void start(LacTimer &timer)
+{
+    timer.active = 1;
+    timer.count = timer.reload;
+}
+
+static void stop(LacTimer &timer)
+{
+    timer.active = 0;
+    timer.count = 0;
+    timer.reload = 0;
+}
+
+void Lac_timers_init(LacPort *port)
+{
+    set_up(port->current_while_timer, 0);
+    set_up(port->periodic_timer, LAC_FAST_PERIODIC_TICKS);
+    set_up(port->wait_while_timer, LAC_AGGREGATE_WAIT_TICKS);
+    set_up(port->tx_scheduler, LAC_SCHEDULER_TICKS);
+    set_up(port->mux_scheduler, LAC_SCHEDULER_TICKS);
+    lac_trace(LAC_DBG_TIMER, "\rLac_timers_init[port %d] \r\n", port->port_no);
+}
+
+void start_current_while_timer(LacPort *port, std::uint32_t is_short)
+{
+    LacTimer &timer = port->current_while_timer;
+    if (needs_set_up(timer, 0))
+        lac_trace(LAC_DBG_TIMER, "current_while_timer_init[port %d tick %d]\r\n", port->port_no, timer.count.get());
+    timer.reload = is_short == 1 ? LAC_SHORT_TIMEOUT_TICKS : LAC_LONG_TIMEOUT_TICKS;
+    start(timer);
+    lac_trace(LAC_DBG_TIMER, "\r\n  set port %d current timer tick %d\n\r", port->port_no, timer.count.get());
+}
+
+void Start_periodic_timer(LacPort *port, std::uint32_t fast)
+{
+    LacTimer &timer = port->periodic_timer;
+    if (needs_set_up(timer, LAC_FAST_PERIODIC_TICKS))
+        lac_trace(LAC_DBG_TIMER, "periodic_timer_init[%d tick %d]\n", port->port_no, timer.count.get());
+    timer.reload = fast == 1 ? LAC_FAST_PERIODIC_TICKS : LAC_SLOW_PERIODIC_TICKS;
+    start(timer);
+    lac_trace(LAC_DBG_TIMER, "\r\nStart_periodic_timer[port:%d tick %d]\r\n", port->port_no, timer.count.get());
+}
+
+void Stop_periodic_timer(LacPort *port)
+{
+    stop(port->periodic_timer);
+    lac_trace(LAC_DBG_TIMER, "Stop_periodic_timer[port:%d]\n", port->port_no);
+}
+
+void Start_wait_while_timer(LacPort *port)
+{
+    LacTimer &timer = port->wait_while_timer;
+    if (needs_set_up(timer, LAC_AGGREGATE_WAIT_TICKS))
+        lac_trace(LAC_DBG_TIMER, "wait_while_timer_init[port %d tick %d]\r\n", port->port_no, timer.count.get());
+    port->ready_n = 0;
+    start(timer);
+}
+
+void Start_tx_scheduler(LacPort *port)
+{
+    LacTimer &timer = port->tx_scheduler;
+    if (needs_set_up(timer, LAC_SCHEDULER_TICKS))
+        lac_trace(LAC_DBG_TIMER, "\r\tx_scheduler_init[port %d tick %d]\r\n", port->port_no, timer.count.get());
+    start(timer);
+    lac_trace(LAC_DBG_TIMER, "Start_tx_scheduler active :True  [port %d tick %d]\n", port->port_no,
+              timer.count.get());
+}
+
+void Stop_tx_scheduler(LacPort *port)
+{
+    stop(port->tx_scheduler);
+    lac_trace(LAC_DBG_TIMER, "Stop_tx_scheduler active :False  [port %d ]\r\n", port->port_no);
+}
+
+void mux_scheduler_start(LacPort *port)
+{
+    LacTimer &timer = port->mux_scheduler;
+    if (needs_set_up(timer, LAC_SCHEDULER_TICKS))
+        lac_trace(LAC_DBG_TIMER, "\rmux_scheduler_init[port %d tick %d]\r\n", port->port_no, timer.count.get());
+    start(timer);
+}
+
+// ---- the tick -------------------------------------------------------------------------------------------------
+
+static void tick_current_while(LacPort *port)
+{
+    LacTimer &timer = port->current_while_timer;
+    if (timer.active == 0)
+        return;
+    if (timer.count == 0) {
+        lac_trace(LAC_DBG_TIMER, "current_while_timer_expired[port:%d tick %d] Now\r\n", port->port_no,
+                  timer.count.get());
+        lac_trace(LAC_DBG_TIMER, "\nCurrent_while_timer_expiry(port:%d)\r\n", port->port_no);
+        lacRxMachine(port, Lac_current_while_timer_expired, nullptr);
+        return;
+    }
+    timer.count -= 1;
+    lac_trace(LAC_DBG_TIMER, "current_while_timer_expired[port:%d tick %d]\r\n", port->port_no, timer.count.get());
+}
+
+static void tick_wait_while(LacPort *port)
+{
+    LacTimer &timer = port->wait_while_timer;
+    if (timer.active == 0)
+        return;
+    if (timer.count != 0) {
+        timer.count -= 1;
+        return;
+    }
+    port->ready_n = 1;
+    if (port->selected != LAC_STANDBY)
+        timer.active = 0;
+    lac_trace(LAC_DBG_MUX, "\r\n wait_while_timer_expiry port %d port->muxm %d\r\n", port->port_no,
+              port->muxm.get());
+    lacMuxMachine(port);
+}
+
+static void tick_tx_scheduler(LacPort *port)
+{
+    LacTimer &timer = port->tx_scheduler;
+    lac_trace(LAC_DBG_TIMER, "tx_scheduler_expired active %d [port %d tick %d]\r\n", timer.active.get(),
+              port->port_no, timer.count.get());
+    if (timer.active == 0)
+        return;
+    if (timer.count != 0) {
+        timer.count -= 1;
+        return;
+    }
+    tx_machine(port, Lac_tx_scheduler_expired);
+    if (port->port_enabled != 0 && port->lacp_enabled != 0 && lac_either_active(port)) {
+        lac_trace(LAC_DBG_TIMER, "tx_scheduler_expiry start [port %d]\r\n", port->port_no);
+        Start_tx_scheduler(port);
+    } else {
+        lac_trace(LAC_DBG_TIMER, "tx_scheduler_expiry stop [port %d]\r\n", port->port_no);
+        Stop_tx_scheduler(port);
+    }
+}
+
+static void tick_periodic(LacPort *port)
+{
+    LacTimer &timer = port->periodic_timer;
+    lac_trace(LAC_DBG_TIMER, "\r\n periodic timer expired [port %d active %d tick %d]\r\n", port->port_no,
+              timer.active.get(), timer.count.get());
+    if (port->txm == LAC_NO_PERIODIC)
+        update_Period(port);
+    if (timer.active == 0)
+        return;
+    if (timer.count == 0) {
+        lac_trace(LAC_DBG_TIMER, "\r\n port %d periodic timer expiry\r\n", port->port_no);
+        update_Period(port);
+    } else {
+        timer.count -= 1;
+    }
+}
+
+static void tick_mux_scheduler(LacPort *port)
+{
+    LacTimer &timer = port->mux_scheduler;
+    if (timer.active == 0)
+        return;
+    if (timer.count != 0) {
+        timer.count -= 1;
+        return;
+    }
+    timer.active = 0;
+    lacSelect(port);
+    if (port->selected == LAC_UNSELECTED)
+        mux_scheduler_start(port);
+}
+
+// The order matters: what an earlier step starts is counted down by its own step of the same tick.
+void LacTick()
+{
+    lac_trace(LAC_DBG_TICK, ".");
+    for (LacPort *port : lac_ports()) {
+        if (port->lacp_enabled != 1 || lacIsLinkUp(port) == 0)
+            continue;
+        tick_current_while(port);
+        tick_wait_while(port);
+        tick_tx_scheduler(port);
+        tick_periodic(port);
+        tick_mux_scheduler(port);
+    }
+}

@@ -1,0 +1,352 @@
+#include "lacp_database_cb.h"
+
+#include "channel_group.h"
+#include "channel_group_member.h"
+#include "lac_port.h"
+#include "lacp_sclient.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace
+{
+
+constexpr std::size_t LEAF_SIZE = 20; // a longer name is cut and then is no known leaf
+constexpr std::size_t PATH_SIZE = 1024;
+constexpr std::size_t TYPE_TEXT_SIZE = 16;
+
+// The change iterator of one event and the values of the current change.
+class ChangeWalk
+{
+  public:
+    ChangeWalk(sr_session_ctx_t *session, const char *xpath) : session_(session), xpath_(xpath) {}
+    ~ChangeWalk()
+    {
+        sr_free_change_iter(iterator_);
+        sr_free_val(new_);
+        sr_free_val(old_);
+    }
+    ChangeWalk(const ChangeWalk &) = delete;
+    ChangeWalk &operator=(const ChangeWalk &) = delete;
+
+    bool next()
+    {
+        return kel_db_get_change_next(session_, xpath_, &iterator_, &operation_, &old_, &new_) == 0;
+    }
+    sr_change_oper_t operation() const { return operation_; }
+    const sr_val_t *old_value() const { return old_; }
+    const sr_val_t *new_value() const { return new_; }
+
+  private:
+    sr_session_ctx_t *session_;
+    const char *xpath_;
+    sr_change_iter_t *iterator_ = nullptr;
+    sr_change_oper_t operation_ = SR_OP_CREATED;
+    sr_val_t *old_ = nullptr;
+    sr_val_t *new_ = nullptr;
+};
+
+bool carries_data(const sr_val_t *value)
+{
+    return value != nullptr && value->type > SR_LEAF_EMPTY_T;
+}
+
+// Texts come as strings or as enumeration names; both members of the value share their storage.
+std::string_view text_of(const sr_val_t *value)
+{
+    return value->data.string_val == nullptr ? std::string_view() : value->data.string_val;
+}
+
+struct PortName {
+    int slot = 0;
+    int port = 0;
+};
+
+PortName port_name_of(const sr_val_t *value)
+{
+    PortName name;
+    sscanf(text_of(value).data(), "gigabitethernet %d/%d", &name.slot, &name.port);
+    return name;
+}
+
+// The common walk: `deleted` sees the first deletion and ends the event, `changed` every leaf until one fails.
+template <typename Changed, typename Deleted>
+int walk_changes(sr_session_ctx_t *session, const char *xpath, sr_event_t event, Changed changed, Deleted deleted)
+{
+    if (event != SR_EV_CHANGE)
+        return LAC_OK;
+    ChangeWalk walk(session, xpath);
+    while (walk.next()) {
+        if (walk.operation() == SR_OP_DELETED)
+            return deleted(walk.old_value());
+        if (!carries_data(walk.new_value()))
+            continue;
+        const int result = changed(walk);
+        if (result != LAC_OK)
+            return result;
+    }
+    return LAC_OK;
+}
+
+int ignore_deletion(const sr_val_t *)
+{
+    return LAC_OK;
+}
+
+int report_failure(const char *leaf, int result)
+{
+    if (result != LAC_OK)
+        printf("set '%s' %s! ret %d\n", leaf, "failed", result);
+    return result;
+}
+
+// ---- channel groups -------------------------------------------------------------------------------------------
+
+int join_group(std::uint32_t port, std::uint32_t group)
+{
+    set_lacp_channel_group_id(port, group);
+    set_lacp_port_oper_key(port, static_cast<std::uint16_t>(group));
+    return set_lacp_port_enable(static_cast<int>(port));
+}
+
+void leave_group(std::uint32_t port, std::uint32_t group)
+{
+    set_lacp_port_state(port, 0);
+    update_lacp_select_port(static_cast<int>(port), group);
+}
+
+// A group that another client deleted and now creates again: ports still configured for it come back.
+void rejoin_configured_ports(int group)
+{
+    for (std::uint32_t port = intf.first_uplink_port; port != 0 && port <= intf.last_uplink_port; ++port) {
+        std::uint8_t configured = 0;
+        std::uint32_t size = sizeof(configured);
+        if (db_olt_lacp_get_trunk_channel_group(LAC_SLOT, port, &g_lacpd_db, &configured, &size) == 0 &&
+            configured == group)
+            join_group(port, configured);
+    }
+}
+
+int set_group_type(int group, std::string_view type)
+{
+    if (type == "manual") {
+        set_manual_channel_group_type(group);
+    } else if (type == "dynamic") {
+        set_dynamic_channel_group_type(group);
+        start_lacp_once_cfg();
+        rejoin_configured_ports(group);
+    }
+    return set_channel_group_used(group, 1);
+}
+
+int add_member(int group, const sr_val_t *value)
+{
+    const PortName name = port_name_of(value);
+    const int result = set_channel_group_add_port(group, name.slot, static_cast<std::uint32_t>(name.port));
+    printf("LACP Msg: interface %d/%d is %s added to channel-group %d!\n", name.slot, name.port,
+           result == LAC_OK ? "OK" : "falied", group);
+    return result;
+}
+
+int remove_member(int group, const sr_val_t *value)
+{
+    const PortName name = port_name_of(value);
+    const int result = set_channel_group_del_port(group, name.slot, static_cast<std::uint32_t>(name.port));
+    printf("LACP Msg: interface %d/%d is %s remove from channel-group %d!\n", name.slot, name.port,
+           result == LAC_OK ? "OK" : "failed", group);
+    return result;
+}
+
+// The table forgets the group; its trunk goes with it, and its ports stop LACP.
+int remove_group(int group)
+{
+    std::uint32_t uplinks = 0;
+    if (get_channel_group_uplink_port_count(group, &uplinks) == LAC_OK && uplinks > 0)
+        lacp_trunk_destory(static_cast<std::uint32_t>(group));
+    for (const LacPort *port : lac_ports())
+        if (port->lacp_enabled == 1 && static_cast<int>(port->channel_group_id.get()) == group)
+            set_lacp_port_state(port->port_no, 0);
+    const int result = reset_channel_group(group);
+    printf("LACP Msg: channel-group %d has been reset!\n", group);
+    return result;
+}
+
+int change_group_leaf(const ChangeWalk &walk)
+{
+    const sr_val_t *value = walk.new_value();
+    int group = 0;
+    char leaf[LEAF_SIZE] = {};
+    sscanf(value->xpath, "/olt-lacp:channel-group/group[id='%d']/%19s", &group, leaf);
+    const std::string_view name = leaf;
+    if (name == "lacp-type") {
+        if (walk.operation() != SR_OP_CREATED)
+            return LAC_REFUSED;
+        return report_failure(leaf, set_group_type(group, text_of(value)));
+    }
+    if (name == "load-balance")
+        return report_failure(leaf, set_channel_group_load_balance_str(group, text_of(value).data()));
+    if (name == "member-port")
+        return report_failure(leaf, add_member(group, value));
+    if (name == "join-port" || name == "id")
+        return LAC_OK;
+    printf("'%s' is not belong to channel group configuration!\n", leaf);
+    return report_failure(leaf, LAC_UNKNOWN_LEAF);
+}
+
+// ---- global configuration -------------------------------------------------------------------------------------
+
+int set_system_id(const char *text)
+{
+    Mac mac = lacSystem == nullptr ? Mac{} : lacSystem->system_mac.get();
+    sscanf(text, "%02hhx%02hhx.%02hhx%02hhx.%02hhx%02hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]);
+    return set_lacp_system_mac(mac);
+}
+
+int change_global_leaf(const ChangeWalk &walk)
+{
+    const sr_val_t *value = walk.new_value();
+    char leaf[LEAF_SIZE] = {};
+    sscanf(value->xpath, "/olt-lacp:global-configuration/%19s", leaf);
+    printf("leaf %s\n", leaf);
+    const std::string_view name = leaf;
+    if (name == "system-id")
+        return report_failure(leaf, set_system_id(value->data.string_val));
+    if (name == "system-priority")
+        return report_failure(leaf, set_lacp_system_priority(value->data.uint16_val));
+    printf("'%s' is not belong to lacp global configuration!\n", leaf);
+    return report_failure(leaf, LAC_UNKNOWN_LEAF);
+}
+
+// ---- trunk settings of a port ---------------------------------------------------------------------------------
+
+bool is_dynamic(std::uint32_t group)
+{
+    std::uint32_t type = CHANNEL_GROUP_UNSET;
+    return get_channel_group_type(static_cast<int>(group), &type) == LAC_OK && type == CHANNEL_GROUP_DYNAMIC;
+}
+
+// A port that goes straight from one dynamic group to another leaves the first one before it joins.
+int change_channel_group(std::uint32_t port, const sr_val_t *old_value, std::uint32_t group)
+{
+    const std::uint32_t old_group = old_value == nullptr ? 0 : old_value->data.uint8_val;
+    if (old_group != 0 && old_group != group && is_dynamic(old_group))
+        leave_group(port, old_group);
+    if (group == 0 || !is_dynamic(group))
+        return LAC_OK;
+    return join_group(port, group);
+}
+
+int change_trunk_leaf(const ChangeWalk &walk)
+{
+    const sr_val_t *value = walk.new_value();
+    unsigned slot = 0;
+    unsigned port = 0;
+    char leaf[LEAF_SIZE] = {};
+    sscanf(value->xpath, "/olt-ifm:up-link-ports/interface[name='gigabitethernet %u/%u']/olt-lacp:trunk/%19s", &slot,
+           &port, leaf);
+    const int slot_no = static_cast<int>(slot);
+    if ((db_debug_get() & KEL_DB_DEBUG_DAEMON) != 0)
+        printf("[DATABASE INFO] interface (%d/%d) operation [%d] xpath [%s]\n", slot, port, walk.operation(),
+               value->xpath);
+
+    int result = LAC_OK;
+    const std::string_view name = leaf;
+    if (name == "channel-group") {
+        result = change_channel_group(port, walk.old_value(), value->data.uint8_val);
+    } else if (name == "mode") {
+        result = set_lacp_port_mode(slot_no, port, text_of(value) == "passive" ? 0 : 1);
+    } else if (name == "priority") {
+        result = set_lacp_port_priority(slot_no, port, value->data.uint16_val);
+    } else if (name == "timeout") {
+        set_lacp_port_timeout(slot_no, port, text_of(value) == "short" ? 1 : 0);
+    } else {
+        printf("'%s' is not belong to lacp interface trunk configuration!\n", leaf);
+        result = LAC_UNKNOWN_LEAF;
+    }
+    if (result != LAC_OK)
+        printf("set slot %d port %d '%s' %s! ret %d\n", slot, port, leaf, "failed", result);
+    return result;
+}
+
+// ---- link status ----------------------------------------------------------------------------------------------
+
+void change_link(int slot, std::uint32_t port, std::string_view status)
+{
+    std::uint8_t group = 0;
+    std::uint32_t size = sizeof(group);
+    if (db_olt_lacp_get_trunk_channel_group(slot, port, &g_lacpd_db, &group, &size) != 0 || group == 0)
+        return;
+    char type[TYPE_TEXT_SIZE] = {};
+    size = sizeof(type);
+    if (db_olt_lacp_get_group_lacp_type(group, &g_lacpd_db, type, &size) != 0)
+        return;
+    if ((db_debug_get() & KEL_DB_DEBUG_DAEMON) != 0)
+        printf("[DATABASE INFO] %s => interface gigabitEthernet %d/%d is [%s], lacp type is [%s]\n",
+               "lacp_port_uplink_change_cb", slot, port, status.data(), type);
+    const bool up = status == "up";
+    if (strcmp(type, "manual") == 0)
+        deal_manual_channel_updown_port(group, slot, port, up);
+    else if (strcmp(type, "dynamic") == 0)
+        deal_dynamic_channel_updown_port(group, slot, port, up);
+}
+
+} // namespace
+
+int lacp_channel_group_del_cb(const sr_val_t *old_value)
+{
+    if (old_value == nullptr)
+        return LAC_OK;
+    int group = 0;
+    char leaf[LEAF_SIZE] = {};
+    sscanf(old_value->xpath, "/olt-lacp:channel-group/group[id='%d']/%19s", &group, leaf);
+    char member_path[PATH_SIZE];
+    char join_path[PATH_SIZE];
+    char group_path[PATH_SIZE];
+    snprintf(member_path, sizeof(member_path), "/olt-lacp:channel-group/group[id='%d']/member-port", group);
+    snprintf(join_path, sizeof(join_path), "/olt-lacp:channel-group/group[id='%d']/join-port", group);
+    snprintf(group_path, sizeof(group_path), "/olt-lacp:channel-group/group[id='%d']", group);
+    const std::string_view path = old_value->xpath;
+    if (path == member_path)
+        return remove_member(group, old_value);
+    if (path == group_path)
+        return remove_group(group);
+    if (path == join_path)
+        set_lacp_channel_group_id(static_cast<std::uint32_t>(port_name_of(old_value).port), 0);
+    return LAC_OK;
+}
+
+int lacp_channel_group_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath, sr_event_t event,
+                          std::uint32_t, void *)
+{
+    return walk_changes(session, xpath, event, change_group_leaf, lacp_channel_group_del_cb);
+}
+
+int lacp_global_configuration_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
+                                 sr_event_t event, std::uint32_t, void *)
+{
+    return walk_changes(session, xpath, event, change_global_leaf, ignore_deletion);
+}
+
+int lacp_interface_trunk_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
+                            sr_event_t event, std::uint32_t, void *)
+{
+    return walk_changes(session, xpath, event, change_trunk_leaf, ignore_deletion);
+}
+
+int lacp_port_uplink_change_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
+                               sr_event_t event, std::uint32_t, void *)
+{
+    if (event != SR_EV_DONE)
+        return LAC_OK;
+    ChangeWalk walk(session, xpath);
+    if (!walk.next() || walk.operation() == SR_OP_CREATED || walk.new_value() == nullptr)
+        return LAC_OK;
+    unsigned slot = 0;
+    unsigned port = 0;
+    sscanf(walk.new_value()->xpath,
+           "/olt-ifm:up-link-ports/interface[name='gigabitethernet %u/%u']/interface-basic/link-status", &slot,
+           &port);
+    change_link(static_cast<int>(slot), port, text_of(walk.new_value()));
+    return LAC_OK;
+}

@@ -1,0 +1,22 @@
+// The daemon's client of the switch-driver service and its three requests.
+//
+// Each request returns 0 when the service's socket took it and -1 when it was not sent.
+#pragma once
+
+#include <cstdint>
+
+struct event_loop;
+struct sclient;
+struct zebra_privs_t;
+
+extern sclient *lacp_sclient; // null until lacp_sclient_init
+
+int lacp_sclient_init(event_loop *master, std::uint16_t instance, zebra_privs_t *privileges);
+
+// Sets the group's trunk to exactly these members, creating it if need be. Bit (p - 1) stands for port p.
+int lacp_trunk_create(std::uint32_t group, std::uint32_t load_balance, std::uint32_t members, std::uint32_t count);
+int lacp_trunk_destory(std::uint32_t group);
+int lacp_trunk_psc_set(std::uint32_t group, std::uint32_t load_balance);
+
+// Sends every group's trunk as the table has it now: after the service was away (event loop's thread).
+void lacp_trunk_resync(sclient *client);
