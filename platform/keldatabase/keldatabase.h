@@ -1,7 +1,12 @@
 // Client library of the configuration database, on sysrepo.
 //
 // Every function returns 0 for success and a non-zero code otherwise, unless it says something else. Interface
-// names are "gigabitethernet SLOT/PORT"; only slot 0 has ports. Each accessor is one transaction.
+// names are "gigabitethernet SLOT/PORT"; only slot 0 has ports. Each accessor is one transaction. The cause of a
+// refused write is one line on standard error.
+//
+// Getters: *size is the size of the caller's buffer or number; afterwards it is the size used (of a text, with its
+// NUL), so it has to be set again before the next call. A value that does not fit is a failure. Setters store the
+// whole value whatever size and count say.
 //
 // Threads: a handle may be used by any number of threads; each gets a sysrepo session of its own behind it.
 #pragma once
@@ -24,7 +29,9 @@ struct KelDbSession {
     KelDb *db;
 };
 
-constexpr std::uint32_t KEL_DB_DEBUG_DAEMON = 0x4; // "[DATABASE INFO]" lines of the daemons
+constexpr std::uint32_t KEL_DB_DEBUG_SYSREPO = 0x1;     // sysrepo's errors and warnings, on standard error
+constexpr std::uint32_t KEL_DB_DEBUG_SYSREPO_ALL = 0x2; // the rest of what sysrepo says
+constexpr std::uint32_t KEL_DB_DEBUG_DAEMON = 0x4;      // "[DATABASE INFO]" lines of the daemons
 // The debug mask at start, as a number (0x4, 4); 0 when unset.
 constexpr char KEL_DB_DEBUG_ENV[] = "KEL_DB_DEBUG";
 // Seconds that database_dev_get_port_info waits for the first interface entry; 10 when unset.

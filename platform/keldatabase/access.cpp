@@ -1,0 +1,167 @@
+#include "keldatabase/access.h"
+
+#include <libyang/libyang.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+namespace kel
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+// A handler may wait for the protocol's queue for a second per change; a writer may stand behind several others.
+constexpr std::uint32_t HANDLER_TIMEOUT_MS = 15000;
+constexpr auto RETRY_FOR = std::chrono::seconds(15);
+constexpr auto RETRY_AFTER = std::chrono::milliseconds(20);
+// How sysrepo marks that a handler, and not a lock, took too long. Such a change may have been applied already.
+constexpr char HANDLER_MARK[] = "EV ORIGIN";
+
+} // namespace
+
+Path::Path(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text_.data(), text_.size(), format, arguments);
+    va_end(arguments);
+}
+
+InterfaceName::InterfaceName(int slot, std::uint32_t port)
+{
+    std::snprintf(text_.data(), text_.size(), "gigabitethernet %d/%u", slot, port);
+}
+
+Path interface_path(int slot, std::uint32_t port, const char *below)
+{
+    return Path("/olt-ifm:up-link-ports/interface[name='%s']/%s", InterfaceName(slot, port).text(), below);
+}
+
+Path trunk_path(int slot, std::uint32_t port, const char *leaf)
+{
+    return Path("/olt-ifm:up-link-ports/interface[name='%s']/olt-lacp:trunk/%s", InterfaceName(slot, port).text(),
+                leaf);
+}
+
+Path group_path(int group, const char *below)
+{
+    return Path("/olt-lacp:channel-group/group[id='%d']%s%s", group, *below != '\0' ? "/" : "", below);
+}
+
+Path group_list_path(int group, const char *list, const char *entry)
+{
+    return Path("/olt-lacp:channel-group/group[id='%d']/%s[.='%s']", group, list, entry);
+}
+
+Leaf::Leaf(KelDb *db, const Path &path)
+{
+    sr_session_ctx_t *session = session_of(db);
+    sr_data_t *raw = nullptr;
+    if (session == nullptr || sr_get_node(session, path.text(), 0, &raw) != SR_ERR_OK) {
+        return;
+    }
+    data_.reset(raw);
+    text_ = lyd_get_value(data_->tree);
+}
+
+Values::Values(KelDb *db, const Path &path)
+{
+    sr_session_ctx_t *session = session_of(db);
+    read_ = session != nullptr && sr_get_items(session, path.text(), 0, 0, &values_, &count_) == SR_ERR_OK;
+}
+
+std::optional<std::uint32_t> read_number(KelDb *db, const Path &path)
+{
+    const Leaf leaf(db, path);
+    if (!leaf) {
+        return std::nullopt;
+    }
+    std::uint32_t number = 0;
+    const char *end = leaf.text() + std::strlen(leaf.text());
+    const auto parsed = std::from_chars(leaf.text(), end, number);
+    return parsed.ec == std::errc() && parsed.ptr == end ? std::optional(number) : std::nullopt;
+}
+
+bool exists(KelDb *db, const Path &path)
+{
+    return static_cast<bool>(Leaf(db, path));
+}
+
+int copy_text(const Leaf &leaf, char *text, std::uint32_t *size)
+{
+    if (!leaf || text == nullptr || size == nullptr) {
+        return FAILED;
+    }
+    const std::size_t needed = std::strlen(leaf.text()) + 1;
+    if (needed > *size) {
+        return FAILED;
+    }
+    std::memcpy(text, leaf.text(), needed);
+    *size = static_cast<std::uint32_t>(needed);
+    return 0;
+}
+
+Transaction::~Transaction()
+{
+    if (session_ != nullptr && sr_has_changes(session_) != 0) {
+        sr_discard_changes(session_);
+    }
+}
+
+Transaction &Transaction::stage_set(const Path &path, const char *value, sr_edit_options_t options)
+{
+    if (result_ == 0) {
+        first_path_ = first_path_.value_or(path);
+        result_ = sr_set_item_str(session_, path.text(), value, nullptr, options);
+    }
+    return *this;
+}
+
+Transaction &Transaction::stage_removal(const Path &path, sr_edit_options_t options)
+{
+    if (result_ == 0) {
+        first_path_ = first_path_.value_or(path);
+        result_ = sr_delete_item(session_, path.text(), options);
+    }
+    return *this;
+}
+
+bool Transaction::worth_another_try(int code) const
+{
+    if (code == SR_ERR_LOCKED) {
+        return true;
+    }
+    return code == SR_ERR_TIME_OUT && std::strstr(last_error(session_, code), HANDLER_MARK) == nullptr;
+}
+
+int Transaction::apply_once()
+{
+    return sr_apply_changes(session_, HANDLER_TIMEOUT_MS);
+}
+
+int Transaction::apply()
+{
+    if (session_ == nullptr) {
+        return FAILED;
+    }
+    const auto give_up = Clock::now() + RETRY_FOR;
+    if (result_ == 0) {
+        result_ = apply_once();
+        while (worth_another_try(result_) && Clock::now() < give_up) {
+            std::this_thread::sleep_for(RETRY_AFTER);
+            result_ = apply_once();
+        }
+    }
+    if (result_ != 0) {
+        complain("%s was not changed: %s", first_path_->text(), last_error(session_, result_));
+    }
+    return result_;
+}
+
+} // namespace kel

@@ -1,0 +1,68 @@
+// Inside of a datastore handle: the connection, one session per thread, the subscriptions.
+#pragma once
+
+#include "keldatabase/keldatabase.h"
+
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+namespace kel
+{
+
+template <auto Release> struct Releaser {
+    template <typename T> void operator()(T *handle) const { Release(handle); }
+};
+
+using ConnectionPtr = std::unique_ptr<sr_conn_ctx_t, Releaser<sr_disconnect>>;
+using SessionPtr = std::unique_ptr<sr_session_ctx_t, Releaser<sr_session_stop>>;
+using SubscriptionPtr = std::unique_ptr<sr_subscription_ctx_t, Releaser<sr_unsubscribe>>;
+using DataPtr = std::unique_ptr<sr_data_t, Releaser<sr_release_data>>;
+
+class FileDescriptor
+{
+  public:
+    explicit FileDescriptor(int descriptor = -1) : descriptor_(descriptor) {}
+    FileDescriptor(FileDescriptor &&other) noexcept;
+    FileDescriptor &operator=(FileDescriptor &&other) noexcept;
+    ~FileDescriptor();
+
+    int get() const { return descriptor_; }
+    bool valid() const { return descriptor_ >= 0; }
+
+  private:
+    int descriptor_;
+};
+
+constexpr int FAILED = -1;
+
+// One line on standard error.
+[[gnu::format(printf, 1, 2)]] void complain(const char *format, ...);
+
+// The calling thread's session of a handle; null when the handle is not connected.
+sr_session_ctx_t *session_of(KelDb *db);
+
+// What sysrepo says about the session's last failure.
+const char *last_error(sr_session_ctx_t *session, int code);
+
+} // namespace kel
+
+struct KelDb::Connection {
+    // Null, after a sentence on standard error, when the datastore cannot be used.
+    static std::unique_ptr<Connection> open();
+
+    sr_session_ctx_t *thread_session();
+    int subscribe(const DbModuleCbs *const *tables);
+
+  private:
+    int subscribe_entry(const char *module, const DbXpathCb &entry);
+
+    // Declared so that the subscriptions go first and the connection last.
+    kel::ConnectionPtr connection_;
+    std::mutex sessions_lock_; // held for the look-up only, never across a datastore operation
+    std::unordered_map<std::thread::id, kel::SessionPtr> sessions_;
+    kel::FileDescriptor subscriber_lock_; // an advisory lock; the kernel drops it with the process
+    kel::SessionPtr subscriber_session_;
+    kel::SubscriptionPtr subscription_;
+};

@@ -1,0 +1,135 @@
+#include "keldatabase/connection.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace
+{
+
+constexpr mode_t LOCK_FILE_MODE = 0660;
+
+// Whoever may use the repository may take the lock, whatever umask and user made the file.
+void share_with_repository_group(int descriptor)
+{
+    struct stat repository {
+    };
+    if (stat(sr_get_repo_path(), &repository) == 0 && fchown(descriptor, -1, repository.st_gid) == 0) {
+        fchmod(descriptor, LOCK_FILE_MODE);
+    }
+}
+
+std::string owner_of_lock(int descriptor)
+{
+    std::array<char, 32> text{};
+    const ssize_t length = pread(descriptor, text.data(), text.size() - 1, 0);
+    return length > 0 ? std::string(text.data(), static_cast<std::size_t>(length)) : "unknown";
+}
+
+void write_owner(int descriptor)
+{
+    const std::string owner = std::to_string(getpid());
+    if (ftruncate(descriptor, 0) != 0 ||
+        pwrite(descriptor, owner.data(), owner.size(), 0) != static_cast<ssize_t>(owner.size())) {
+        kel::complain("the process number cannot be noted in the datastore's lock file (%s)", std::strerror(errno));
+    }
+}
+
+// Only one process at a time may act on the changes of a module's configuration: two would drive one switch.
+kel::FileDescriptor lock_subscriber(const char *module)
+{
+    const std::string path = std::string(sr_get_repo_path()) + "/" + module + ".subscriber";
+    kel::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_FILE_MODE));
+    if (!file.valid()) {
+        kel::complain("%s cannot be opened (%s); changes are not received", path.c_str(), std::strerror(errno));
+        return file;
+    }
+    if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        kel::complain("process %s already serves the configuration of %s in %s; changes are not received, stop one "
+                      "of the two",
+                      owner_of_lock(file.get()).c_str(), module, sr_get_repo_path());
+        return kel::FileDescriptor();
+    }
+    share_with_repository_group(file.get());
+    write_owner(file.get());
+    return file;
+}
+
+} // namespace
+
+int KelDb::Connection::subscribe_entry(const char *module, const DbXpathCb &entry)
+{
+    sr_session_ctx_t *session = subscriber_session_.get();
+    sr_subscription_ctx_t *raw = subscription_.release();
+    int code = SR_ERR_OK;
+    if (entry.change != nullptr) {
+        code = sr_module_change_subscribe(session, module, entry.xpath, entry.change, nullptr, 0, SR_SUBSCR_DEFAULT,
+                                          &raw);
+    }
+    if (code == SR_ERR_OK && entry.oper_get != nullptr) {
+        code = sr_oper_get_subscribe(session, module, entry.xpath, entry.oper_get, nullptr, SR_SUBSCR_DEFAULT, &raw);
+    }
+    subscription_.reset(raw);
+    if (code != SR_ERR_OK) {
+        kel::complain("%s cannot be subscribed to (%s)", entry.xpath, kel::last_error(session, code));
+    }
+    return code;
+}
+
+int KelDb::Connection::subscribe(const DbModuleCbs *const *tables)
+{
+    if (subscription_ || *tables == nullptr) {
+        return subscription_ ? kel::FAILED : 0;
+    }
+    subscriber_lock_ = lock_subscriber((*tables)->module);
+    sr_session_ctx_t *raw = nullptr;
+    if (!subscriber_lock_.valid() || sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK) {
+        return kel::FAILED;
+    }
+    subscriber_session_.reset(raw);
+    for (; *tables != nullptr; ++tables) {
+        for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry) {
+            if (subscribe_entry((*tables)->module, *entry) != SR_ERR_OK) {
+                subscription_.reset();
+                subscriber_lock_ = kel::FileDescriptor();
+                return kel::FAILED;
+            }
+        }
+    }
+    return 0;
+}
+
+int db_module_subscription_init(KelDb *db, const DbModuleCbs *const *tables)
+try {
+    return db != nullptr && db->connection != nullptr && tables != nullptr ? db->connection->subscribe(tables)
+                                                                           : kel::FAILED;
+} catch (const std::exception &error) {
+    kel::complain("changes cannot be subscribed to (%s)", error.what());
+    return kel::FAILED;
+}
+
+int kel_db_get_change_next(sr_session_ctx_t *session, const char *xpath, sr_change_iter_t **iterator,
+                           sr_change_oper_t *operation, sr_val_t **old_value, sr_val_t **new_value)
+{
+    if (*iterator != nullptr) {
+        sr_free_val(*old_value);
+        sr_free_val(*new_value);
+    }
+    *old_value = nullptr;
+    *new_value = nullptr;
+    if (*iterator == nullptr) {
+        const int code = sr_get_changes_iter(session, xpath, iterator);
+        if (code != SR_ERR_OK) {
+            *iterator = nullptr;
+            return code;
+        }
+    }
+    return sr_get_change_next(session, *iterator, operation, old_value, new_value);
+}
