@@ -4,24 +4,25 @@
 #include "frr/frr.hpp"
 #include "keldatabase/keldatabase.h"
 
-#include <cstdint>
-
 constexpr int UPLINK_PORT_NODE = 123;
 constexpr int LACP_NODE = 129;
 
-// Fields of one shell session. Those of a terminal live until it closes; a configuration file that is read or
-// written has one set of its own.
+// Fields of one shell session. Those of a terminal live until it closes; configuration files that are read or
+// written share one set.
 struct ShellSession : KelDbSession {
     int slot;
     int port;
 };
 
+// Starts watching for sessions that have ended; needs the event loop.
+void shell_init(event_loop *master);
+
 // The session's fields. The datastore handle is attached by the registered hook when the session first asks, and
-// given back after the session has ended.
+// given back within a second after the session has ended. When the hook fails the handle is an unconnected one.
 ShellSession &shell_session(vty *vty);
 
-// Starts watching for ended sessions; needs the event loop.
-void shell_init(event_loop *master);
+// Installs a command. Its syntax may hold "<S/P>", an interface number in the form SLOT/PORT.
+void shell_install_element(int node, const cmd_element *command);
 
 // Parses "SLOT/PORT" in decimal. 0 and the numbers, or -9 (numbers set to 0) for any other text.
 int cmd_parase_intf_str(const char *text, int *slot, int *port);

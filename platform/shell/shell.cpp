@@ -1,0 +1,150 @@
+#include "shell/shell.h"
+
+#include <charconv>
+#include <list>
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace
+{
+
+constexpr long WATCH_SECONDS = 1;
+
+constexpr char SLOT_PORT[] = "<S/P>";
+constexpr char SLOT_PORT_VARIABLE[] = "SLOT-PORT"; // the nearest that libfrr's grammar can say
+
+KelDb unconnected;
+
+struct Session {
+    ShellSession fields{};
+    int fd = -1;
+    ino_t inode = 0; // of the session's socket: tells it from a later one at the same address
+};
+
+// libfrr tells nobody when a session ends, so sessions are recognised by their socket.
+struct Sessions {
+    std::map<const vty *, Session> terminals;
+    Session files;
+    event_loop *master = nullptr;
+    event *watch = nullptr;
+};
+
+// Never destroyed: the event loop may still use it while the process exits.
+Sessions &sessions()
+{
+    alignas(Sessions) static std::byte storage[sizeof(Sessions)];
+    static Sessions *const instance = std::construct_at(reinterpret_cast<Sessions *>(storage));
+    return *instance;
+}
+
+ino_t inode_of(int fd)
+{
+    struct stat status {
+    };
+    return fd >= 0 && fstat(fd, &status) == 0 ? status.st_ino : 0;
+}
+
+void attach(Session &session)
+{
+    if (kel_db_session_open(&session.fields) != 0 || session.fields.db == nullptr)
+        session.fields.db = &unconnected;
+}
+
+void detach(Session &session)
+{
+    if (session.fields.db != &unconnected)
+        kel_db_session_close(&session.fields);
+    session.fields.db = nullptr;
+}
+
+bool has_ended(const Session &session)
+{
+    return inode_of(session.fd) != session.inode;
+}
+
+void watch_sessions(event *);
+
+void schedule_watch()
+{
+    Sessions &all = sessions();
+    if (all.master != nullptr && !all.terminals.empty())
+        event_add_timer(all.master, watch_sessions, nullptr, WATCH_SECONDS, &all.watch);
+}
+
+void watch_sessions(event *)
+{
+    std::erase_if(sessions().terminals, [](auto &entry) {
+        const bool ended = has_ended(entry.second);
+        if (ended)
+            detach(entry.second);
+        return ended;
+    });
+    schedule_watch();
+}
+
+Session &terminal_session(const vty *vty)
+{
+    const auto [entry, added] = sessions().terminals.try_emplace(vty);
+    Session &session = entry->second;
+    if (!added && !has_ended(session) && session.fd == vty->fd)
+        return session;
+    if (!added)
+        detach(session);
+    session = {{}, vty->fd, inode_of(vty->fd)};
+    attach(session);
+    schedule_watch();
+    return session;
+}
+
+} // namespace
+
+void shell_init(event_loop *master)
+{
+    sessions().master = master;
+    schedule_watch();
+}
+
+ShellSession &shell_session(vty *vty)
+{
+    if (vty->type != vty::VTY_FILE)
+        return terminal_session(vty).fields;
+    Session &files = sessions().files;
+    if (files.fields.db == nullptr)
+        attach(files);
+    return files.fields;
+}
+
+void shell_install_element(int node, const cmd_element *command)
+{
+    static std::list<std::pair<cmd_element, std::string>> translated;
+    const std::string syntax = command->string;
+    const auto at = syntax.find(SLOT_PORT);
+    if (at != std::string::npos) {
+        std::string text = syntax;
+        text.replace(at, std::strlen(SLOT_PORT), SLOT_PORT_VARIABLE);
+        auto &copy = translated.emplace_back(*command, std::move(text));
+        copy.first.string = copy.second.c_str();
+        command = &copy.first;
+    }
+    _install_element(static_cast<node_type>(node), command);
+}
+
+int cmd_parase_intf_str(const char *text, int *slot, int *port)
+{
+    *slot = 0;
+    *port = 0;
+    const char *const end = text + std::strlen(text);
+    unsigned slot_no = 0;
+    unsigned port_no = 0;
+    const auto first = std::from_chars(text, end, slot_no);
+    if (first.ec != std::errc{} || first.ptr == end || *first.ptr != '/')
+        return -9;
+    const auto second = std::from_chars(first.ptr + 1, end, port_no);
+    if (second.ec != std::errc{} || second.ptr != end || slot_no > INT32_MAX || port_no > INT32_MAX)
+        return -9;
+    *slot = static_cast<int>(slot_no);
+    *port = static_cast<int>(port_no);
+    return 0;
+}

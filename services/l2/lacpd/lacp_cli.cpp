@@ -1,0 +1,290 @@
+#include "lacp_cli.h"
+
+#include "channel_group.h"
+#include "lacp.h"
+
+#include "frr/frr.hpp"
+#include "keldatabase/keldatabase.h"
+#include "shell/shell.h"
+
+#include <charconv>
+#include <string_view>
+
+namespace
+{
+
+constexpr std::size_t LOAD_BALANCE_TEXT_SIZE = 30;
+constexpr std::size_t TEXT_SIZE = 16;
+constexpr std::size_t PROMPT_SIZE = 64;
+
+// Number typed at a token; the syntax has made sure that it is one.
+long long number(const char *text)
+{
+    long long value = 0;
+    std::from_chars(text, text + strlen(text), value);
+    return value;
+}
+
+// Whether a keyword was typed, in full or shortened.
+bool is_keyword(const cmd_token *token, const char *keyword)
+{
+    return strcmp(token->text, keyword) == 0;
+}
+
+// A priority cut to 16 bits, or the default for the keyword.
+std::uint16_t priority(const cmd_token *token)
+{
+    return is_keyword(token, "default") ? LAC_DEFAULT_PRIORITY : static_cast<std::uint16_t>(number(token->arg));
+}
+
+// ---- nodes ----------------------------------------------------------------------------------------------------
+
+int lacp_config_write(vty *vty);
+int uplink_port_config_write(vty *vty);
+
+// "%s(config-if-ge%d/%d)# " with the framework's own %s left in for the host name. The framework keeps one prompt a
+// node, so it is set for the session whose command has just run.
+char uplink_port_prompt[PROMPT_SIZE];
+
+void set_uplink_port_prompt(const ShellSession &session)
+{
+    snprintf(uplink_port_prompt, sizeof(uplink_port_prompt), "%s(config-if-ge%d/%d)# ", "%s", session.slot,
+             session.port);
+}
+
+cmd_node lacp_node = frr::node("lacp", LACP_NODE, CONFIG_NODE, "%s(config-lacp)# ", lacp_config_write);
+cmd_node uplink_port_node =
+    frr::node("uplink-port", UPLINK_PORT_NODE, CONFIG_NODE, uplink_port_prompt, uplink_port_config_write);
+
+// The session of a command in the uplink-port node.
+ShellSession &port_session(vty *vty)
+{
+    ShellSession &session = shell_session(vty);
+    set_uplink_port_prompt(session);
+    return session;
+}
+
+// ---- commands -------------------------------------------------------------------------------------------------
+
+int giga_interface(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    ShellSession &session = shell_session(vty);
+    cmd_parase_intf_str(argv[2]->arg, &session.slot, &session.port);
+    set_uplink_port_prompt(session);
+    vty->node = UPLINK_PORT_NODE;
+    return CMD_SUCCESS;
+}
+
+int cl_giga_interface_exit(const cmd_element *, vty *vty, int, cmd_token *[])
+{
+    vty->node = CONFIG_NODE;
+    return CMD_SUCCESS;
+}
+
+int cli_static_lacp_port_add_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    const ShellSession &session = port_session(vty);
+    const int group = static_cast<int>(number(argv[1]->arg));
+    const char *mode = argv[3]->text;
+    if (db_add_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group, mode) != 0)
+        vty_out(vty,
+                "LACP Msg: set channel-group %d to %s mode failed! This group is already in other mode.\n",
+                group, mode);
+    return CMD_SUCCESS;
+}
+
+int cli_static_lacp_port_delete_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    const ShellSession &session = port_session(vty);
+    const int group = static_cast<int>(number(argv[2]->arg));
+    if (db_del_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group) != 0)
+        vty_out(vty, "LACP Msg: interface %d/%d delete from channel-group %d %s!\n", session.slot, session.port,
+                group, "failed");
+    return CMD_SUCCESS;
+}
+
+int cli_lacp_criteria_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    const ShellSession &session = shell_session(vty);
+    const char *criterion = argv[3]->text;
+    const bool all = is_keyword(argv[1], "all");
+    const int first = all ? 1 : static_cast<int>(number(argv[1]->arg));
+    const int last = all ? CHANNEL_GROUP_MAX_NUM : first;
+    for (int group = first; group <= last; ++group)
+        if (db_olt_lacp_set_group_load_balance(group, session.db, criterion, sizeof(criterion), 1) != 0)
+            vty_out(vty, "LACP Msg: interface %d/%d set channel-group %d load-balance to %s failed!\n", session.slot,
+                    session.port, group, criterion);
+    return CMD_SUCCESS;
+}
+
+int cli_lacp_syspri_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    const ShellSession &session = shell_session(vty);
+    const std::uint16_t value = priority(argv[2]);
+    if (db_olt_lacp_set_global_configuration_system_priority(session.db, value, sizeof(value), 1) != 0)
+        vty_out(vty, "LACP Msg: set system-priority to %d failed!\n", value);
+    return CMD_SUCCESS;
+}
+
+int cli_lacp_port_state_timeout_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    const ShellSession &session = port_session(vty);
+    const char *timeout = argv[2]->text;
+    if (db_olt_lacp_set_trunk_timeout(session.slot, static_cast<std::uint32_t>(session.port), session.db, timeout,
+                                      sizeof(timeout), 1) != 0)
+        vty_out(vty, "LACP Msg: interface %d/%d set timeout to %s failed!\n", session.slot, session.port, timeout);
+    return CMD_SUCCESS;
+}
+
+int cli_lacp_intf_portpri_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
+{
+    const ShellSession &session = port_session(vty);
+    const std::uint16_t value = priority(argv[2]);
+    if (db_olt_lacp_set_trunk_priority(session.slot, static_cast<std::uint32_t>(session.port), session.db, value,
+                                       sizeof(value), 1) != 0)
+        vty_out(vty, "LACP Msg: interface %d/%d set port-priority to %d failed!\n", session.slot, session.port, value);
+    return CMD_SUCCESS;
+}
+
+// ---- configuration writers ------------------------------------------------------------------------------------
+
+int lacp_config_write(vty *vty)
+{
+    KelDb *db = shell_session(vty).db;
+    for (int group = 1; group <= CHANNEL_GROUP_MAX_NUM; ++group) {
+        char criterion[LOAD_BALANCE_TEXT_SIZE] = {};
+        std::uint32_t size = sizeof(criterion);
+        if (db_olt_lacp_get_group_load_balance(group, db, criterion, &size) == 0)
+            vty_out(vty, "channel-group %d load-balance %s\n", group, criterion);
+    }
+    std::uint16_t value = 0;
+    std::uint32_t size = sizeof(value);
+    if (db_olt_lacp_get_global_configuration_system_priority(db, &value, &size) == 0 &&
+        value != LAC_DEFAULT_PRIORITY)
+        vty_out(vty, "lacp system-priority %d\n", value);
+    return CMD_SUCCESS;
+}
+
+void write_port_attributes(vty *vty, KelDb *db, std::uint32_t port)
+{
+    char timeout[TEXT_SIZE] = {};
+    std::uint32_t size = sizeof(timeout);
+    if (db_olt_lacp_get_trunk_timeout(LAC_SLOT, port, db, timeout, &size) == 0)
+        vty_out(vty, " lacp timeout %s\n", timeout);
+    std::uint16_t value = 0;
+    size = sizeof(value);
+    if (db_olt_lacp_get_trunk_priority(LAC_SLOT, port, db, &value, &size) == 0 && value != LAC_DEFAULT_PRIORITY)
+        vty_out(vty, " lacp port-priority %d\n", value);
+}
+
+void write_port(vty *vty, KelDb *db, std::uint32_t port)
+{
+    std::uint8_t group = 0;
+    std::uint32_t size = sizeof(group);
+    if (db_olt_lacp_get_trunk_channel_group(LAC_SLOT, port, db, &group, &size) != 0 || group == 0)
+        return;
+    char type[TEXT_SIZE] = {};
+    size = sizeof(type);
+    if (db_olt_lacp_get_group_lacp_type(group, db, type, &size) != 0)
+        return;
+    if (strcmp(type, "manual") == 0) {
+        vty_out(vty, " channel-group %d mode %s\n", group, "on");
+        return;
+    }
+    if (strcmp(type, "dynamic") == 0) {
+        char mode[TEXT_SIZE] = {};
+        size = sizeof(mode);
+        if (db_olt_lacp_get_trunk_mode(LAC_SLOT, port, db, mode, &size) != 0)
+            return;
+        vty_out(vty, " channel-group %d mode %s\n", group, mode);
+    }
+    write_port_attributes(vty, db, port);
+}
+
+int uplink_port_config_write(vty *vty)
+{
+    if (intf.last_uplink_port == 0)
+        return CMD_SUCCESS;
+    KelDb *db = shell_session(vty).db;
+    for (std::uint32_t port = intf.first_uplink_port; port <= intf.last_uplink_port; ++port) {
+        vty_frame(vty, "interface gigabitEthernet %d/%d\n", LAC_SLOT, static_cast<int>(port));
+        write_port(vty, db, port);
+        vty_endframe(vty, nullptr);
+    }
+    return CMD_SUCCESS;
+}
+
+// ---- command records ------------------------------------------------------------------------------------------
+
+const cmd_element giga_interface_cmd = frr::command(
+    "giga_interface_cmd", "interface gigabitEthernet <S/P>",
+    "Select an interface to configure.\nGigabitEthernet IEEE 802.3z\n"
+    "GigabitEthernet interface number,slot:<0>,port:<1-x>,x is 4,8 or 16.\n",
+    giga_interface);
+
+const cmd_element gigaeth_interface_cmd = frr::command(
+    "gigaeth_interface_cmd", "interface gigabitethernet <S/P>",
+    "Select an interface to configure\nGigabitEthernet IEEE 802.3z\n"
+    "GigabitEthernet interface number,slot:<0>,port:<1-x>,x is 4,8 or 16.\n",
+    giga_interface, CMD_ATTR_HIDDEN);
+
+const cmd_element cl_giga_interface_exit_cmd = frr::command(
+    "cl_giga_interface_exit_cmd", "<exit|quit>",
+    "Exit current mode and down to previous mode.\nExit current mode and down to previous mode.\n",
+    cl_giga_interface_exit);
+
+const cmd_element cli_static_lacp_port_add_cmd = frr::command(
+    "cli_static_lacp_port_add_cmd", "channel-group (1-4) mode <on|active|passive>",
+    "Etherchannel-port bundling configuration.\nChannel group number.\n"
+    "Channel group mode, include manual-mode, lacp-mode.\nAdd port to channel-group manually.\n"
+    "Enable LACP unconditionally.\nEnable LACP only if a LACP device is detected.\n",
+    cli_static_lacp_port_add_fun);
+
+const cmd_element cli_static_lacp_port_delete_cmd = frr::command(
+    "cli_static_lacp_port_delete_cmd", "no channel-group (1-4)",
+    "Negate a command or set its defaults.\nEtherchannel-port bundling configuration.\nChannel group number.\n",
+    cli_static_lacp_port_delete_fun);
+
+const cmd_element cli_lacp_criteria_set_cmd = frr::command(
+    "cli_lacp_criteria_set_cmd",
+    "channel-group <(1-4)|all> load-balance <src-mac|dst-mac|src-dst-mac|src-ip|dst-ip|src-dst-ip>",
+    "Etherchannel/port bundling configuration.\nChannel group number.\nSpecify all channel group.\n"
+    "Load Balancing method.\nSpecify criteria by source mac.\nSpecify criteria by destination mac.\n"
+    "Specify criteria by source and destination mac.\nSpecify criteria by source ip.\n"
+    "Specify criteria by destination ip.\nSpecify criteria by source and destination ip.\n",
+    cli_lacp_criteria_set_fun);
+
+const cmd_element cli_lacp_syspri_set_cmd = frr::command(
+    "cli_lacp_syspri_set_cmd", "lacp system-priority <(0-65535)|default>",
+    "Link aggregation configuration.\nLink aggregation actor system priority.\nPriority value <0-65535>.\n"
+    "default value is 32768.\n",
+    cli_lacp_syspri_set_fun);
+
+const cmd_element cli_lacp_port_state_timeout_cmd = frr::command(
+    "cli_lacp_port_state_timeout_cmd", "lacp timeout <long|short>",
+    "Link aggregation configuration.\nSpecify the Timeout control value.\nUse long timeout control value,90s.\n"
+    "Use short timeout control value,3s.\n",
+    cli_lacp_port_state_timeout_fun);
+
+const cmd_element cli_lacp_intf_portpri_set_cmd = frr::command(
+    "cli_lacp_intf_portpri_set_cmd", "lacp port-priority <(0-65535)|default>",
+    "Link aggregation configuration.\nChannel-group port actor's priority.\nPort priority value <0-65535>.\n"
+    "default value is 32768.\n",
+    cli_lacp_intf_portpri_set_fun);
+
+} // namespace
+
+void lacp_vty_init()
+{
+    install_node(&lacp_node);
+    install_node(&uplink_port_node);
+    shell_install_element(CONFIG_NODE, &giga_interface_cmd);
+    shell_install_element(CONFIG_NODE, &gigaeth_interface_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cl_giga_interface_exit_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cli_static_lacp_port_add_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cli_static_lacp_port_delete_cmd);
+    shell_install_element(CONFIG_NODE, &cli_lacp_criteria_set_cmd);
+    shell_install_element(CONFIG_NODE, &cli_lacp_syspri_set_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cli_lacp_port_state_timeout_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cli_lacp_intf_portpri_set_cmd);
+}

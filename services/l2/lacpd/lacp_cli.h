@@ -1,0 +1,5 @@
+// Shell nodes, configuration commands and configuration writers.
+#pragma once
+
+// Installs both nodes and the daemon's commands; the channel-group table must stand.
+void lacp_vty_init();

@@ -1,0 +1,137 @@
+// Start-up and frame of the link-aggregation daemon.
+#include "channel_group.h"
+#include "lac_pdu.h"
+#include "lacp.h"
+#include "lacp_cli.h"
+#include "lacp_database.h"
+#include "lacp_packet.h"
+#include "lacp_privileges.h"
+#include "lacp_sclient.h"
+
+#include "frr/frr.hpp"
+#include "keldatabase/keldatabase.h"
+#include "shell/shell.h"
+#include "sysutil/sysutil.h"
+
+#include <cstdio>
+#include <getopt.h>
+
+event_loop *master;
+DevPortInfo lacp_dev_port_info;
+
+// ---- daemon record --------------------------------------------------------------------------------------------
+
+static void sighup()
+{
+    frr::log(LOG_INFO, "SIGHUP received");
+}
+
+static void sigusr1()
+{
+    zlog_rotate();
+}
+
+static void sigint()
+{
+    frr::log(LOG_NOTICE, "Terminating on signal");
+    exit(0);
+}
+
+static frr_signal_t lacp_signals[] = {
+    {SIGHUP, sighup, 0},
+    {SIGUSR1, sigusr1, 0},
+    {SIGINT, sigint, 0},
+    {SIGTERM, sigint, 0},
+};
+
+static const frrmod_info module_info = {"lacpd", "8.0.1", "lacpd daemon", nullptr};
+
+union _frrmod_runtime_u _frrmod_this_module = {{nullptr, &module_info, nullptr, false, nullptr, nullptr}};
+
+constexpr int LACP_VTY_PORT = 2704;
+
+static frr_daemon_info daemon_info()
+{
+    frr_daemon_info info{};
+    info.name = "lacpd";
+    info.logname = "LACP";
+    info.module = &_frrmod_this_module.r;
+    info.vty_port = LACP_VTY_PORT;
+    info.proghelp = "Implementation of the device lacp configuration.";
+    info.signals = lacp_signals;
+    info.n_signals = std::size(lacp_signals);
+    info.privs = &lacp_privs;
+    return info;
+}
+
+static frr_daemon_info lacpd_daemon_info = daemon_info();
+
+// ---- options --------------------------------------------------------------------------------------------------
+
+static const option longopts[] = {
+    {"instance", required_argument, nullptr, 'n'},
+    {"apiserver", no_argument, nullptr, 'a'},
+    {},
+};
+
+// The framework acts on its own options inside its parser; none of the daemon's is acted on.
+static void parse_options(int argc, char **argv)
+{
+    frr_opt_add("n:a", longopts,
+                "  -n, --instance     Set the instance id\n  -a, --apiserver    Enable OSPF apiserver\n");
+    for (int option = frr_getopt(argc, argv, nullptr); option != EOF; option = frr_getopt(argc, argv, nullptr))
+        if (option != 0)
+            frr_help_exit(1);
+}
+
+// Neither the worker threads nor the datastore's connection outlive a fork.
+static void refuse_daemon_mode()
+{
+    if (!lacpd_daemon_info.daemon_mode && !lacpd_daemon_info.terminal)
+        return;
+    fprintf(stderr, "lacpd: options -d and -t are not supported: start lacpd in the foreground and let a service "
+                    "manager keep it running\n");
+    exit(1);
+}
+
+// ---- start-up -------------------------------------------------------------------------------------------------
+
+static void read_inventory()
+{
+    lacp_dev_port_info = {};
+    int result = database_dev_get_port_info(&g_lacpd_db, &lacp_dev_port_info);
+    if (result != 0) {
+        printf("LACP Msg: get port information from database failed! ret %d\n", result);
+        printf("LACP Msg: get base configuration from database failed! ret %d\n", result);
+        return;
+    }
+    result = port_init(&lacp_dev_port_info, &intf);
+    if (result != 0)
+        printf("LACP Msg: get base configuration from database failed! ret %d\n", result);
+}
+
+int main(int argc, char **argv)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0); // a log shows a message when it happens
+    kel_db_cb_init_func(lacp_module_change_cb_init, &g_lacpd_db);
+    kel_db_cb_free_func(lacp_module_change_cb_free, &g_lacpd_db);
+    lacp_database_init(&g_lacpd_db);
+
+    frr_preinit(&lacpd_daemon_info, argc, argv);
+    parse_options(argc, argv);
+    refuse_daemon_mode();
+    master = frr_init();
+
+    lacp_sclient_init(master, 0, &lacp_privs);
+    read_inventory();
+    channel_group_daemon_init();
+    shell_init(master);
+    lacp_vty_init();
+    daemon_restart_restore_config(&lacpd_daemon_info);
+    lacp_database_clear(&g_lacpd_db);
+    lacp_database_subs(&g_lacpd_db);
+    frr_config_fork();
+    lacp_rx_tx_packet_init(lacp_bpdu_recv);
+    frr_run(master);
+    return 0;
+}
