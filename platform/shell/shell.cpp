@@ -75,12 +75,13 @@ void schedule_watch()
 
 void watch_sessions(event *)
 {
-    std::erase_if(sessions().terminals, [](auto &entry) {
-        const bool ended = has_ended(entry.second);
+    auto &terminals = sessions().terminals;
+    for (auto entry = terminals.begin(); entry != terminals.end();) {
+        const bool ended = has_ended(entry->second);
         if (ended)
-            detach(entry.second);
-        return ended;
-    });
+            detach(entry->second);
+        entry = ended ? terminals.erase(entry) : std::next(entry);
+    }
     schedule_watch();
 }
 
