@@ -37,33 +37,38 @@ template <typename T> class Published
 
 using Mac = std::array<std::uint8_t, 6>;
 
-// A MAC address that is read and replaced as a whole.
-class PublishedMac
+// A few octets (a MAC address, say) that are read and replaced as a whole.
+template <std::size_t N> class PublishedBytes
 {
   public:
-    PublishedMac &operator=(const Mac &mac) noexcept
+    using Bytes = std::array<std::uint8_t, N>;
+
+    PublishedBytes &operator=(const Bytes &bytes) noexcept
     {
-        word_ = pack(mac);
+        word_ = pack(bytes);
         return *this;
     }
-    operator Mac() const noexcept { return get(); }
-    Mac get() const noexcept { return unpack(word_); }
+    operator Bytes() const noexcept { return get(); }
+    Bytes get() const noexcept { return unpack(word_); }
 
-    static std::uint64_t pack(const Mac &mac) noexcept
+    static std::uint64_t pack(const Bytes &bytes) noexcept
     {
         std::uint64_t word = 0;
-        for (const std::uint8_t byte : mac)
+        for (const std::uint8_t byte : bytes)
             word = word << 8 | byte;
         return word;
     }
-    static Mac unpack(std::uint64_t word) noexcept
+    static Bytes unpack(std::uint64_t word) noexcept
     {
-        Mac mac;
-        for (auto byte = mac.rbegin(); byte != mac.rend(); ++byte, word >>= 8)
+        Bytes bytes;
+        for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte, word >>= 8)
             *byte = static_cast<std::uint8_t>(word);
-        return mac;
+        return bytes;
     }
 
   private:
+    static_assert(N <= sizeof(std::uint64_t));
     Published<std::uint64_t> word_;
 };
+
+using PublishedMac = PublishedBytes<6>;

@@ -210,7 +210,7 @@ struct LacPort {
     Published<std::uint16_t> partner_port_priority;
     Published<std::uint16_t> partner_port;
     Published<std::uint8_t> partner_oper_state;
-    std::array<std::uint8_t, 3> partner_reserved; // dispatcher only
+    PublishedBytes<3> partner_reserved;
 
     Published<std::uint16_t> actor_admin_system_priority;
     PublishedMac actor_admin_system;
