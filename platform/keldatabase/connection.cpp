@@ -50,6 +50,10 @@ sr_session_ctx_t *session_of(KelDb *db)
 
 const char *last_error(sr_session_ctx_t *session, int code)
 {
+    // Codes of handlers are negative; sysrepo hands them on without a text.
+    if (code < 0) {
+        return "its handler refused the change";
+    }
     const sr_error_info_t *info = nullptr;
     if (sr_session_get_error(session, &info) == SR_ERR_OK && info != nullptr && info->err_count > 0 &&
         info->err[0].message != nullptr) {
