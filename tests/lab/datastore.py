@@ -1,0 +1,77 @@
+"""A system's private datastore, through the datastore's own tools."""
+
+import json
+import os
+import subprocess
+import tempfile
+from collections import namedtuple
+
+Group = namedtuple("Group", "type load_balance members")
+
+_EDIT_NAMESPACE = "urn:ietf:params:xml:ns:netconf:base:1.0"
+_NAMESPACES = {"olt-lacp": "urn:olt:params:xml:ns:yang:olt-lacp", "olt-ifm": "urn:olt:params:xml:ns:yang:olt-ifm"}
+
+
+def interface_name(port):
+    return f"gigabitethernet 0/{port}"
+
+
+class Datastore:
+    def __init__(self, directory, programs):
+        self._programs = programs
+        self.environment = {"SYSREPO_REPOSITORY_PATH": str(directory / "repository"),
+                            "SYSREPO_SHM_DIR": str(directory / "shm"),
+                            "SYSREPO_SHM_PREFIX": "lab"}
+
+    def install(self):
+        self._run([self._programs.datastore_setup], SYSREPOCTL=str(self._programs.sysrepoctl))
+
+    def read(self, module):
+        """The running data of a module as a dictionary."""
+        return json.loads(self._sysrepocfg("-X", "-f", "json", "-m", module) or "{}")
+
+    def edit(self, module, xml):
+        """Applies an edit; the elements take the module's namespace."""
+        top, _, rest = xml.partition(">")
+        with tempfile.NamedTemporaryFile("w", suffix=".xml") as file:
+            file.write(f'{top} xmlns="{_NAMESPACES[module]}" xmlns:nc="{_EDIT_NAMESPACE}">{rest}')
+            file.flush()
+            self._sysrepocfg(f"--edit={file.name}", "-m", module)
+
+    def delete_group(self, number):
+        self.edit("olt-lacp", f'<channel-group><group nc:operation="delete"><id>{number}</id></group></channel-group>')
+
+    def groups(self):
+        """Group entries by number."""
+        entries = self.read("olt-lacp").get("olt-lacp:channel-group", {}).get("group", [])
+        return {int(entry["id"]): Group(entry.get("lacp-type"), entry.get("load-balance"),
+                                        sorted(entry.get("member-port", []))) for entry in entries}
+
+    def members(self, number):
+        """Ports in a group's member-port list."""
+        group = self.groups().get(number)
+        return {int(name.rpartition("/")[2]) for name in group.members} if group else set()
+
+    def interfaces(self):
+        entries = self.read("olt-ifm").get("olt-ifm:up-link-ports", {}).get("interface", [])
+        return {entry["name"]: entry for entry in entries}
+
+    def trunk(self, port):
+        """The trunk settings of a port."""
+        return self.interfaces().get(interface_name(port), {}).get("olt-lacp:trunk", {})
+
+    def link_status(self, port):
+        return self.interfaces()[interface_name(port)]["interface-basic"]["link-status"]
+
+    def system_priority(self):
+        return self.read("olt-lacp").get("olt-lacp:global-configuration", {}).get("system-priority")
+
+    def _sysrepocfg(self, *arguments):
+        return self._run([self._programs.sysrepocfg, *arguments, "-d", "running"])
+
+    def _run(self, command, **environment):
+        result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
+                                env={**os.environ, **self.environment, **environment})
+        if result.returncode != 0:
+            raise OSError(f"{' '.join(map(str, command))}: {result.stdout}{result.stderr}")
+        return result.stdout

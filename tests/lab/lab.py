@@ -1,0 +1,90 @@
+"""The bench on which systems stand and are cabled."""
+
+import os
+import shutil
+import tempfile
+from pathlib import Path
+
+from lab import netns
+from lab.netns import Namespace
+from lab.system import System
+
+_PREFIX = "lacpd-lab"
+_PLACE = "/dev/shm"
+
+
+def _is_running(process):
+    return Path(f"/proc/{process}").exists()
+
+
+def _sweep():
+    """Removes what labs left behind that were killed."""
+    for name in netns.names():
+        owner = name.removeprefix(f"{_PREFIX}-").partition("-")[0]
+        if name.startswith(f"{_PREFIX}-") and not _is_running(owner):
+            netns.remove(name)
+    for directory in Path(_PLACE).glob(f"{_PREFIX}-*"):
+        if not _is_running(directory.name.removeprefix(f"{_PREFIX}-").partition("-")[0]):
+            shutil.rmtree(directory, ignore_errors=True)
+
+
+class Lab:
+    def __init__(self, programs):
+        if os.geteuid() != 0:
+            raise PermissionError("a lab makes network namespaces: run it as root")
+        _sweep()
+        self.programs = programs
+        self.systems = []
+        self._names = f"{_PREFIX}-{os.getpid()}"
+        self.directory = Path(tempfile.mkdtemp(prefix=f"{self._names}-", dir=_PLACE))
+        self.directory.chmod(0o755)
+        self._bench = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def system(self, name, ports):
+        number = len(self.systems) + 1
+        namespace = f"{self._names}-{self.directory.name.rpartition('-')[2]}-{name}"
+        system = System(name, number, ports, self.directory / name, namespace, self.programs)
+        self.systems.append(system)  # first, so that a half-made one is removed as well
+        system.make()
+        return system
+
+    @property
+    def bench(self):
+        """A namespace for the loose ends of cables."""
+        if self._bench is None:
+            self._bench = Namespace(f"{self._names}-{self.directory.name.rpartition('-')[2]}-bench")
+        return self._bench
+
+    def cable(self, left, left_port, right, right_port):
+        """Connects two ports."""
+        ends = (left.port_interface(left_port), right.port_interface(right_port))
+        self._veth(left.namespace, ends[0], right.namespace, ends[1])
+
+    def loose_cable(self, system, port):
+        """Plugs in a cable that ends on the bench; returns the name of that end's interface."""
+        end = f"{system.name}-{port}"
+        self._veth(system.namespace, system.port_interface(port), self.bench, end)
+        return end
+
+    @staticmethod
+    def _veth(near, near_name, far, far_name):
+        netns.ip("link", "add", near_name, "netns", near.name, "type", "veth", "peer", "name", far_name, "netns",
+                 far.name)
+        near.ip("link", "set", near_name, "up")
+        far.ip("link", "set", far_name, "up")
+
+    def logs(self):
+        return "\n".join(system.logs() for system in self.systems)
+
+    def close(self):
+        for system in self.systems:
+            system.close()
+        if self._bench:
+            self._bench.remove()
+        shutil.rmtree(self.directory, ignore_errors=True)

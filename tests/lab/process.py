@@ -1,0 +1,68 @@
+"""A program with its output in a file."""
+
+import os
+import signal
+import subprocess
+
+from lab.waiting import LabError, eventually
+
+TAIL_LINES = 25
+
+
+def tail(path, lines=TAIL_LINES):
+    try:
+        with open(path, encoding="utf-8", errors="replace") as file:
+            return "".join(file.readlines()[-lines:])
+    except FileNotFoundError:
+        return ""
+
+
+class Process:
+    def __init__(self, name, command, environment, log):
+        self.name = name
+        self.log = log
+        with open(log, "ab") as output:
+            self._process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
+                                             stdout=output, stderr=subprocess.STDOUT,
+                                             env={**os.environ, **environment})
+
+    @property
+    def pid(self):
+        return self._process.pid
+
+    @property
+    def status(self):
+        """Exit status, or None while it runs."""
+        return self._process.poll()
+
+    def output(self):
+        with open(self.log, encoding="utf-8", errors="replace") as file:
+            return file.read()
+
+    def send_signal(self, number):
+        self._process.send_signal(number)
+
+    def wait_for_output(self, text, within):
+        def seen(output):
+            if text not in output and self.status is not None:
+                raise LabError(f"{self.name} ended with status {self.status} before it said {text!r}:\n"
+                               f"{tail(self.log)}")
+            return text in output
+        eventually(f"{self.name} says {text!r}", self.output, seen, within)
+
+    def wait(self, within):
+        """The exit status."""
+        try:
+            return self._process.wait(within)
+        except subprocess.TimeoutExpired:
+            raise LabError(f"{self.name} still runs after {within} s:\n{tail(self.log)}") from None
+
+    def stop(self, number=signal.SIGTERM, within=10):
+        if self.status is None:
+            self.send_signal(number)
+            try:
+                self._process.wait(within)
+            except subprocess.TimeoutExpired:
+                self._process.kill()
+                self._process.wait()
+        return self.status

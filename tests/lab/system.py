@@ -1,0 +1,220 @@
+"""One terminal: datastore, software switch and daemon in a network namespace."""
+
+import json
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+from lab.datastore import Datastore
+from lab.netns import Namespace
+from lab.process import Process, tail
+from lab.shell import Shell
+from lab.waiting import LabError, eventually
+
+CPU_INTERFACE = "ethv0"       # the daemon's
+CPU_SWITCH_SIDE = "cpu0"      # the switch's end of it
+SHELL_PORT = 2704
+PASSWORD = "lab"
+START_TIME = 20.0
+USER = "daemon"
+
+
+class System:
+    """make() provides namespace, interfaces and datastore; start() runs the programs."""
+
+    def __init__(self, name, number, ports, directory, namespace_name, programs):
+        self.name = name
+        self.number = number
+        self.ports = ports
+        self.programs = programs
+        self.directory = Path(directory)
+        self.namespace = None
+        self.switch = None
+        self.daemon = None
+        self.mac = f"02:00:00:00:{number:02x}:00"
+        self.datastore = Datastore(self.directory, programs)
+        self._namespace_name = namespace_name
+
+    def make(self):
+        self._make_directories()
+        self.namespace = Namespace(self._namespace_name)
+        self.add_cpu_interface()
+        self.datastore.install()
+
+    # ---- parts
+
+    @staticmethod
+    def port_interface(port):
+        return f"ge{port}"
+
+    def add_cpu_interface(self):
+        self.namespace.ip("link", "add", CPU_INTERFACE, "address", self.mac, "type", "veth", "peer", "name",
+                          CPU_SWITCH_SIDE)
+        self.namespace.ip("link", "set", CPU_INTERFACE, "up")
+        self.namespace.ip("link", "set", CPU_SWITCH_SIDE, "up")
+
+    def remove_cpu_interface(self):
+        self.namespace.ip("link", "del", CPU_INTERFACE)
+
+    @property
+    def configuration_file(self):
+        return self.run_directory / "lacpd.conf"
+
+    @property
+    def log_file(self):
+        """The framework's log, not what the daemon prints."""
+        return self.run_directory / "lacpd.log"
+
+    @property
+    def run_directory(self):
+        return self.directory / "run"
+
+    @property
+    def environment(self):
+        return {**self.datastore.environment, "SCLIENT_SOCKET": str(self._driver_socket)}
+
+    def _make_directories(self):
+        self.directory.mkdir()
+        self.run_directory.mkdir()
+        shutil.chown(self.directory, group=USER)
+        self.directory.chmod(0o750)
+        # The daemon writes its configuration, process id and log itself, as its own user.
+        shutil.chown(self.run_directory, USER, USER)
+        self.write_configuration(f"hostname {self.name}\npassword {PASSWORD}\n")
+
+    def write_configuration(self, text):
+        self.configuration_file.write_text(text, encoding="utf-8")
+        shutil.chown(self.configuration_file, USER, USER)
+        self.configuration_file.chmod(0o640)
+
+    @property
+    def _driver_socket(self):
+        return self.directory / "driver.sock"
+
+    @property
+    def _state_socket(self):
+        return self.directory / "state.sock"
+
+    # ---- programs
+
+    def start(self):
+        self.start_switch()
+        self.start_daemon()
+
+    def start_switch(self):
+        ports = [word for port in range(1, self.ports + 1)
+                 for word in ("--port", f"{port}={self.port_interface(port)}")]
+        self.switch = self._run("olt-switch", [
+            self.programs.switch, "--cpu", CPU_SWITCH_SIDE, *ports,
+            "--driver-socket", self._driver_socket, "--state-socket", self._state_socket])
+        self._await(self.switch, "answers", lambda: self._state(), lambda state: state is not None)
+
+    def launch_daemon(self, *options, environment=None, name="lacpd"):
+        """The daemon's process, without waiting for its shell."""
+        return self._run(name, [
+            self.programs.lacpd, "-f", self.configuration_file, "-A", "127.0.0.1", "-P", SHELL_PORT,
+            "-i", self.run_directory / f"{name}.pid", "--vty_socket", self.run_directory,
+            "--log", f"file:{self.log_file}", "--log-level", "info", *options], environment)
+
+    def start_daemon(self, *options, environment=None):
+        self.daemon = self.launch_daemon(*options, environment=environment)
+        self._await(self.daemon, "listens", self.listening, lambda ports: SHELL_PORT in ports)
+
+    def stop_daemon(self):
+        return self.daemon.stop() if self.daemon else None
+
+    def stop_switch(self):
+        return self.switch.stop() if self.switch else None
+
+    def close(self):
+        """Ends everything, in the order of dependence, and removes what was made."""
+        for process in (self.daemon, self.switch):
+            if process:
+                process.stop()
+        if self.namespace:
+            self.namespace.remove()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    def _run(self, name, command, environment=None):
+        return Process(f"{name} of {self.name}", [*self.namespace.enter(), *command],
+                       {**self.environment, **(environment or {})}, self.directory / f"{name}.out")
+
+    @staticmethod
+    def _await(process, what, read, accept):
+        def running(value):
+            if process.status is not None:
+                raise LabError(f"{process.name} ended with status {process.status}:\n{tail(process.log)}")
+            return accept(value)
+        eventually(f"{process.name} {what}", read, running, START_TIME)
+
+    # ---- what an operator sees
+
+    def shell(self, **options):
+        return Shell(self.namespace, SHELL_PORT, PASSWORD, **options)
+
+    def configure(self, *commands):
+        """Types configuration commands in a session of their own; returns what the shell answered."""
+        with self.shell() as shell:
+            return shell.configure(*commands)
+
+    def running_config(self):
+        with self.shell() as shell:
+            return shell.run("show running-config")
+
+    def configured(self):
+        """The daemon's own lines of the running configuration: interfaces, groups, priority."""
+        text = self.running_config()
+        kept = [line for line in text.splitlines()
+                if line.startswith(("interface ", " ", "channel-group ", "lacp "))]
+        return kept
+
+    def listening(self):
+        """TCP ports that are listened on, with their addresses."""
+        text = subprocess.run([*self.namespace.enter(), "ss", "-Hltn"], check=True, capture_output=True,
+                              text=True).stdout
+        addresses = [line.split()[3].rpartition(":") for line in text.splitlines()]
+        return {int(port): address for address, _, port in addresses}
+
+    def state(self):
+        """The switch's state, as it shows it."""
+        state = self._state()
+        if state is None:
+            raise LabError(f"the switch of {self.name} does not answer:\n{tail(self.switch.log)}")
+        return state
+
+    def _state(self):
+        result = subprocess.run([self.programs.switch, "--show", "--state-socket", self._state_socket],
+                                capture_output=True, text=True, check=False)
+        return json.loads(result.stdout) if result.returncode == 0 else None
+
+    def trunks(self):
+        """Member ports of the switch's trunks, by group."""
+        return {trunk["group"]: set(trunk["members"]) for trunk in self.state()["trunks"]}
+
+    def trunk(self, group):
+        return next((trunk for trunk in self.state()["trunks"] if trunk["group"] == group), None)
+
+    def await_trunk(self, group, ports, within):
+        """Waits until the group's trunk has exactly these ports; none means no trunk."""
+        wanted = set(ports)
+        eventually(f"{self.name}: trunk {group} has ports {sorted(wanted)}", self.trunks,
+                   lambda trunks: trunks.get(group, set()) == wanted, within)
+
+    def await_members(self, group, ports, within):
+        wanted = set(ports)
+        eventually(f"{self.name}: member ports of group {group} are {sorted(wanted)}",
+                   lambda: self.datastore.members(group), lambda members: members == wanted, within)
+
+    def set_link(self, port, up):
+        """Takes down or up the port's interface; a link with an end down has no carrier on either."""
+        self.namespace.ip("link", "set", self.port_interface(port), "up" if up else "down")
+
+    def logs(self):
+        """Tails of everything that was written, for a failure."""
+        parts = []
+        for path in sorted([*self.directory.glob("*.out"), self.log_file]):
+            text = tail(path)
+            if text:
+                parts.append(f"---- {self.name}: {os.path.basename(path)}\n{text.rstrip()}")
+        return "\n".join(parts)
