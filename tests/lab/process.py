@@ -22,6 +22,7 @@ class Process:
         self.name = name
         self.log = log
         with open(log, "ab") as output:
+            self._start = output.tell()
             self._process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
                                              stdout=output, stderr=subprocess.STDOUT,
                                              env={**os.environ, **environment})
@@ -36,8 +37,10 @@ class Process:
         return self._process.poll()
 
     def output(self):
-        with open(self.log, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        """What this process has written; the file may hold earlier ones' output before it."""
+        with open(self.log, "rb") as file:
+            file.seek(self._start)
+            return file.read().decode("utf-8", "replace")
 
     def send_signal(self, number):
         self._process.send_signal(number)
