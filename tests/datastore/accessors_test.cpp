@@ -321,6 +321,38 @@ TEST_F(AccessorTest, OneHandleServesManyThreads)
     EXPECT_GE(handled, 2 * ROUNDS);
 }
 
+// A handler told of a link status that is in the datastore already reads the port and its group, while the dispatcher
+// changes the group's members: none may wait for the other.
+TEST_F(AccessorTest, LinkHandlerReadsGroupsWhileTheirMembersChange)
+{
+    constexpr int ROUNDS = 300;
+    add_ports(2, true);
+    ASSERT_EQ(db_add_channel_group(&db, 0, 1, 1, "active"), 0);
+    std::atomic<int> failures = 0;
+    std::atomic<int> handled = 0;
+    subscribe([&](const std::string &change) {
+        if (change.starts_with("modified port 2/link-status")) {
+            failures += group_of(1) != 1 || type_of(1) != "dynamic" ? 1 : 0;
+            ++handled;
+        }
+        return 0;
+    });
+    const auto started = std::chrono::steady_clock::now();
+    std::jthread dispatcher([&] {
+        for (int round = 0; round < ROUNDS; ++round) {
+            failures += db_olt_lacp_set_group_member_port(1, &db, "gigabitethernet 0/1", 8, 1);
+            failures += db_olt_lacp_del_group_member_port(1, 0, 1, &db);
+        }
+    });
+    for (int round = 0; round < ROUNDS; ++round) {
+        failures += db_olt_ifm_set_interface_basic_link_status(0, 2, &db, round % 2 != 0);
+    }
+    dispatcher.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(handled, ROUNDS);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 20s);
+}
+
 TEST_F(AccessorTest, SlowHandlersHoldOtherWritersUpButDoNotFailThem)
 {
     add_ports(2);

@@ -16,11 +16,12 @@ constexpr DbXpathCb ENTRIES[] = {{"/olt-lacp:channel-group/group//.", accept_cha
 constexpr DbModuleCbs TABLE{"olt-lacp", ENTRIES};
 constexpr const DbModuleCbs *TABLES[] = {&TABLE, nullptr};
 
+KelDb db; // left open when the process ends, as the daemon does
+
 } // namespace
 
 int main(int count, char **arguments)
 {
-    KelDb db{};
     if (database_init(&db) != 0) {
         return 1;
     }
