@@ -61,6 +61,9 @@ void install_modules()
     const std::string lacp = std::string(LACPD_YANG_DIR) + "/olt-lacp.yang";
     modules[0].schema_path = ifm.c_str();
     modules[1].schema_path = lacp.c_str();
+    for (sr_install_mod_t &module : modules) {
+        module.perm = 0660;
+    }
     const Client client;
     check(sr_install_modules2(client.connection(), modules.data(), modules.size(), LACPD_YANG_DIR, nullptr, nullptr,
                               LYD_UNKNOWN),
@@ -181,9 +184,13 @@ void PrivateRepository::SetUp()
         throw std::runtime_error("no directory for the repository in /dev/shm");
     }
     directory = name;
+    fs::permissions(directory, fs::perms::owner_all | fs::perms::others_exec); // tests become other users
     setenv("SYSREPO_REPOSITORY_PATH", (directory / "repository").c_str(), 1);
     setenv("SYSREPO_SHM_DIR", (directory / "shm").c_str(), 1);
     setenv("SYSREPO_SHM_PREFIX", "test", 1);
+    // No plugins: those of the libraries may be in a directory that only the builder can read.
+    fs::create_directory(directory / "plugins");
+    setenv("SYSREPO_PLUGINS_DIR", (directory / "plugins").c_str(), 1);
     if (geteuid() != 0) {
         setenv("SR_ENV_RUN_TESTS", "1", 1); // the files keep the group of whoever runs the tests
     }
