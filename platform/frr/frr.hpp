@@ -120,8 +120,7 @@ inline cmd_node node(const char *name, int number, node_type parent, const char 
 class RaisedPrivileges
 {
   public:
-    explicit RaisedPrivileges(zebra_privs_t *privileges) noexcept
-        : privileges_(_zprivs_raise(privileges, __func__))
+    explicit RaisedPrivileges(zebra_privs_t *privileges) noexcept : privileges_(_zprivs_raise(privileges, __func__))
     {
     }
     ~RaisedPrivileges() { _zprivs_lower(&privileges_); }

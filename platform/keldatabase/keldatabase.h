@@ -111,6 +111,9 @@ int db_add_channel_group(KelDb *db, int slot, std::uint32_t port, int group, con
 // choice stays. Refused when the port is not in the group.
 int db_del_channel_group(KelDb *db, int slot, std::uint32_t port, int group);
 
+// The list of groups as XML text, to be released with the C library's free. Non-zero when there is none.
+int db_olt_lacp_show_xml_group_id(KelDb *db, char **text);
+
 // ---- olt-lacp: global configuration ---------------------------------------------------------------------------
 
 int db_olt_lacp_get_global_configuration_system_priority(KelDb *db, std::uint16_t *value, std::uint32_t *size);
@@ -140,6 +143,29 @@ int db_olt_lacp_del_trunk_timeout(int slot, std::uint32_t port, KelDb *db);
 
 int db_olt_ifm_get_interface_basic_link_status(int slot, std::uint32_t port, KelDb *db, char *text,
                                                std::uint32_t *size);
+
+// ---- olt-ifm: protocol state of an uplink port ----------------------------------------------------------------
+
+// One trunk-info leaf of the side `role` ("actor" or "partner"); flags are 0 or 1. The datastore asks the daemon's
+// own provider on its event thread, so these must not be called from a handler.
+int db_olt_lacp_get_port_id(int slot, std::uint32_t port, const char *role, KelDb *db, std::uint16_t *value,
+                            std::uint32_t *size);
+int db_olt_lacp_get_port_oper_key(int slot, std::uint32_t port, const char *role, KelDb *db, std::uint16_t *value,
+                                  std::uint32_t *size);
+int db_olt_lacp_get_port_port_state(int slot, std::uint32_t port, const char *role, KelDb *db, std::uint8_t *value,
+                                    std::uint32_t *size);
+int db_olt_lacp_get_port_synchronization(int slot, std::uint32_t port, const char *role, KelDb *db,
+                                         std::uint8_t *value, std::uint32_t *size);
+int db_olt_lacp_get_port_col_dis(int slot, std::uint32_t port, const char *role, KelDb *db, std::uint8_t *value,
+                                 std::uint32_t *size);
+int db_olt_lacp_get_port_priority(int slot, std::uint32_t port, const char *role, KelDb *db, std::uint16_t *value,
+                                  std::uint32_t *size);
+int db_olt_lacp_get_port_timeout(int slot, std::uint32_t port, const char *role, KelDb *db, char *text,
+                                 std::uint32_t *size);
+int db_olt_lacp_get_port_system_id(int slot, std::uint32_t port, const char *role, KelDb *db, char *text,
+                                   std::uint32_t *size);
+int db_olt_lacp_get_port_mode(int slot, std::uint32_t port, const char *role, KelDb *db, char *text,
+                              std::uint32_t *size);
 
 // The interface entries as port information. Waits for the first entry; non-zero, with a sentence on standard
 // error, when none comes in time.

@@ -101,9 +101,23 @@ Session &terminal_session(const vty *vty)
 
 } // namespace
 
+static int enter_debug_mode(const cmd_element *, vty *vty, int, cmd_token *[])
+{
+    vty->node = SHELL_DEBUG_NODE;
+    return CMD_SUCCESS;
+}
+
+static const cmd_element debug_mode_cmd =
+    frr::command("debug_mode_cmd", "debug-mode", "Switch traces and packet dumps on and off.\n", enter_debug_mode);
+
+static cmd_node debug_node = frr::node("debug", SHELL_DEBUG_NODE, ENABLE_NODE, "%s(debug)# ", nullptr);
+
 void shell_init(event_loop *master)
 {
     sessions().master = master;
+    install_node(&debug_node);
+    install_default(debug_node.node);
+    _install_element(ENABLE_NODE, &debug_mode_cmd);
     schedule_watch();
 }
 
@@ -130,6 +144,14 @@ void shell_install_element(int node, const cmd_element *command)
         command = &copy.first;
     }
     _install_element(static_cast<node_type>(node), command);
+}
+
+const char *cmd_parase_parameters(int argc, cmd_token *argv[], const char *word, int offset)
+{
+    for (int i = 0; i + offset < argc; ++i)
+        if (std::strcmp(argv[i]->text, word) == 0)
+            return argv[i + offset]->text;
+    return "";
 }
 
 int cmd_parase_intf_str(const char *text, int *slot, int *port)

@@ -6,6 +6,8 @@
 
 constexpr int UPLINK_PORT_NODE = 123;
 constexpr int LACP_NODE = 129;
+// For traces of every daemon: "debug-mode" in the enable node leads there, "exit" back.
+constexpr int SHELL_DEBUG_NODE = 133;
 
 // Fields of one shell session. Those of a terminal live until it closes; configuration files that are read or
 // written share one set.
@@ -14,7 +16,7 @@ struct ShellSession : KelDbSession {
     int port;
 };
 
-// Starts watching for sessions that have ended; needs the event loop.
+// Installs the debug node and starts watching for sessions that have ended; needs the event loop.
 void shell_init(event_loop *master);
 
 // The session's fields. The datastore handle is attached by the registered hook when the session first asks, and
@@ -23,6 +25,9 @@ ShellSession &shell_session(vty *vty);
 
 // Installs a command. Its syntax may hold "<S/P>", an interface number in the form SLOT/PORT.
 void shell_install_element(int node, const cmd_element *command);
+
+// The typed text of the token `offset` places behind the first one that reads `word`, or "" when there is none.
+const char *cmd_parase_parameters(int argc, cmd_token *argv[], const char *word, int offset);
 
 // Parses "SLOT/PORT" in decimal. 0 and the numbers, or -9 (numbers set to 0) for any other text.
 int cmd_parase_intf_str(const char *text, int *slot, int *port);

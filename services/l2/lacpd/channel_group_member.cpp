@@ -101,8 +101,8 @@ static int update_uplink_list(int group, int slot, std::uint32_t port, int up, i
         const int result = set_channel_group_uplink_port_list(group, slot, port, LIST_ADD);
         done = result != LAC_OK;
         if (done)
-            fprintf(stderr, "LACP Msg: Set uplink port %d to channel-group %d failed which was already in it!\n", port,
-                    group);
+            fprintf(stderr, "LACP Msg: Set uplink port %d to channel-group %d failed which was already in it!\n",
+                    port, group);
         return result;
     }
     if (up == 0 || del == 1) {

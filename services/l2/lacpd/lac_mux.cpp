@@ -110,8 +110,8 @@ void Detach_Mux_From_Aggregator(std::uint32_t port_no, int agg_no)
     lac_trace(LAC_DBG_ATTACH, "Detaching port %d from aggregator %d\r\n", port_no, agg_no);
     if (get_lacp_channel_group_id(port_no) != LAC_FAILED) {
         lac_trace(LAC_DBG_GLOBAL, "\r\nMsg: remove port_no  %d from aggr_no %d.\r\n", port_no, agg_no);
-        const int result = db_olt_lacp_del_group_member_port(static_cast<int>(port->attached_group), LAC_SLOT, port_no,
-                                                             &g_lacpd_db);
+        const int result =
+            db_olt_lacp_del_group_member_port(static_cast<int>(port->attached_group), LAC_SLOT, port_no, &g_lacpd_db);
         if (result != 0)
             printf("LINE %d FUNC %s del interface from lacp-group database failed! ret=%d\n", DETACH_FAILURE_LINE,
                    DETACH_NAME, result);
@@ -315,7 +315,6 @@ void lacMuxMachineInitPort(LacPort *port)
     port->muxm = LAC_MUX_ENTER_DETACHED;
     port->aggregator = port;
     port->next_lag_port = port;
-    lac_trace(LAC_DBG_MUX, "\r\n lacMuxMachineInitPort port %d port->muxm %d\r\n", port->port_no,
-              port->muxm.get());
+    lac_trace(LAC_DBG_MUX, "\r\n lacMuxMachineInitPort port %d port->muxm %d\r\n", port->port_no, port->muxm.get());
     lacMuxMachine(port);
 }

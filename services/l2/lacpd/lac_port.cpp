@@ -30,8 +30,9 @@ std::uint64_t lac_now_ms() noexcept
 
 LacInfo lac_actor_info(const LacPort *port)
 {
-    return {port->actor_system_priority, port->actor_system, port->actor_oper_key,   port->actor_port_priority,
-            port->actor_port,            port->actor_oper_state, port->actor_reserved};
+    return {port->actor_system_priority, port->actor_system, port->actor_oper_key,
+            port->actor_port_priority,   port->actor_port,   port->actor_oper_state,
+            port->actor_reserved};
 }
 
 LacInfo lac_partner_info(const LacPort *port)
@@ -43,8 +44,12 @@ LacInfo lac_partner_info(const LacPort *port)
 
 LacInfo lac_partner_admin_info(const LacPort *port)
 {
-    return {port->partner_admin_system_priority, port->partner_admin_system, port->partner_admin_key,
-            port->partner_admin_port_priority,   port->partner_admin_port,   port->partner_admin_state,
+    return {port->partner_admin_system_priority,
+            port->partner_admin_system,
+            port->partner_admin_key,
+            port->partner_admin_port_priority,
+            port->partner_admin_port,
+            port->partner_admin_state,
             {}};
 }
 

@@ -32,12 +32,18 @@ LacInfo lac_partner_info(const LacPort *port);
 LacInfo lac_partner_admin_info(const LacPort *port);
 void lac_set_partner_info(LacPort *port, const LacInfo &info);
 
-inline void lac_set_actor_state(LacPort *port, std::uint8_t bits) { port->actor_oper_state |= bits; }
+inline void lac_set_actor_state(LacPort *port, std::uint8_t bits)
+{
+    port->actor_oper_state |= bits;
+}
 inline void lac_clear_actor_state(LacPort *port, std::uint8_t bits)
 {
     port->actor_oper_state &= static_cast<std::uint8_t>(~bits);
 }
-inline void lac_set_partner_state(LacPort *port, std::uint8_t bits) { port->partner_oper_state |= bits; }
+inline void lac_set_partner_state(LacPort *port, std::uint8_t bits)
+{
+    port->partner_oper_state |= bits;
+}
 inline void lac_clear_partner_state(LacPort *port, std::uint8_t bits)
 {
     port->partner_oper_state &= static_cast<std::uint8_t>(~bits);

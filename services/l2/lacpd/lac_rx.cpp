@@ -266,8 +266,7 @@ static void receive(LacPort *port, const LacPdu &pdu)
 
 static void current_while_expired(LacPort *port)
 {
-    lac_trace(LAC_DBG_RX, "[port %d rx Lac_current_while_timer_expired rxm: %d]\r\n", port->port_no,
-              port->rxm.get());
+    lac_trace(LAC_DBG_RX, "[port %d rx Lac_current_while_timer_expired rxm: %d]\r\n", port->port_no, port->rxm.get());
     if (port->rxm == LAC_RX_CURRENT)
         enter_expired(port);
     else if (port->rxm == LAC_RX_EXPIRED)

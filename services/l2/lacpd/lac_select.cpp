@@ -36,8 +36,8 @@ static bool outranks(const LacPort *port, const LacPort *best)
     const std::int32_t best_speed = lacGetLinkSpeed(best);
     if (speed != best_speed) {
         const bool wins = speed > best_speed;
-        lac_trace(LAC_DBG_SELECT, "[line %d best %d speed %d ap %d speed %d]\r\n",
-                  wins ? TRACE_FASTER : TRACE_SLOWER, best->port_no, best_speed, port->port_no, speed);
+        lac_trace(LAC_DBG_SELECT, "[line %d best %d speed %d ap %d speed %d]\r\n", wins ? TRACE_FASTER : TRACE_SLOWER,
+                  best->port_no, best_speed, port->port_no, speed);
         return wins;
     }
     const std::uint16_t priority = port->actor_port_priority;

@@ -151,8 +151,7 @@ static void tick_wait_while(LacPort *port)
     port->ready_n = 1;
     if (port->selected != LAC_STANDBY)
         timer.active = 0;
-    lac_trace(LAC_DBG_MUX, "\r\n wait_while_timer_expiry port %d port->muxm %d\r\n", port->port_no,
-              port->muxm.get());
+    lac_trace(LAC_DBG_MUX, "\r\n wait_while_timer_expiry port %d port->muxm %d\r\n", port->port_no, port->muxm.get());
     lacMuxMachine(port);
 }
 

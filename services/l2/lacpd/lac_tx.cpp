@@ -179,7 +179,7 @@ void tx_machine(LacPort *port, std::uint32_t event)
 
 int lac_send_pdu(std::uint32_t port_no, const std::uint8_t *frame)
 {
-    lac_trace(LAC_DBG_SEND, "\r\n %s  port %d  bridge port %d cos %d vlan %d\n\r", "lac_send_pdu", port_no, port_no, 0,
-              0);
+    lac_trace(LAC_DBG_SEND, "\r\n %s  port %d  bridge port %d cos %d vlan %d\n\r", "lac_send_pdu", port_no, port_no,
+              0, 0);
     return lacp_bpdu_transmit(0, 0, port_no, frame, LAC_FRAME_SIZE);
 }

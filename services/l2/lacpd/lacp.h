@@ -45,8 +45,8 @@ enum LacStateBit : std::uint8_t {
     LAC_EXPIRED = 0x80,
 };
 // What an initialised port claims: everything but Timeout and Expired.
-constexpr std::uint8_t LAC_INITIAL_STATE = LAC_ACTIVITY | LAC_AGGREGATION | LAC_SYNCHRONIZATION | LAC_COLLECTING |
-                                           LAC_DISTRIBUTING | LAC_DEFAULTED;
+constexpr std::uint8_t LAC_INITIAL_STATE =
+    LAC_ACTIVITY | LAC_AGGREGATION | LAC_SYNCHRONIZATION | LAC_COLLECTING | LAC_DISTRIBUTING | LAC_DEFAULTED;
 static_assert(LAC_INITIAL_STATE == 0x7D);
 
 // Events of the port machines; each machine acts on those it knows.
@@ -110,7 +110,7 @@ constexpr std::uint32_t LAC_HOLD_LIMIT = 3; // LACPDUs between two periodic tran
 
 // ---- PDUs on the wire -----------------------------------------------------------------------------------------
 
-constexpr std::size_t LAC_PDU_SIZE = 110;      // from the subtype on
+constexpr std::size_t LAC_PDU_SIZE = 110;       // from the subtype on
 constexpr std::size_t LAC_MAC_HEADER_SIZE = 14; // destination, source, EtherType
 constexpr std::size_t LAC_FRAME_SIZE = LAC_MAC_HEADER_SIZE + LAC_PDU_SIZE;
 static_assert(LAC_FRAME_SIZE == 124);
@@ -269,7 +269,7 @@ using LacAggregator = LacPort;
 struct LacSystem {
     LacPort head; // next is the first port; no other field but system and port_no is used
     Published<std::uint16_t> system_priority;
-    PublishedMac system_mac; // sent as Actor_System
+    PublishedMac system_mac;               // sent as Actor_System
     Published<std::uint32_t> system_state; // 1 while LACP is switched on
     Published<std::uint64_t> last_change_ms;
 };
@@ -292,7 +292,7 @@ struct LacPortCfg {
 };
 
 extern PortInventory intf; // uplink port inventory, filled before any thread starts
-extern KelDb g_lacpd_db;          // the daemon's datastore connection
+extern KelDb g_lacpd_db;   // the daemon's datastore connection
 extern LacSystem *lacSystem;
 extern LacpCtrl lacpCtrl;
 extern LacPortCfg lacPortCfg[LAC_MAX_PORTS];
@@ -312,6 +312,7 @@ enum LacDebugBit : std::uint32_t {
     LAC_DBG_TICK = 0x200,
     LAC_DBG_PORT = 0x400,
     LAC_DBG_UNSELECT = 0x1000,
+    LAC_DBG_OTHER = 0x2000, // settable, nothing tests it
     LAC_DBG_TIMER = 0x4000,
     LAC_DBG_TX = 0x8000,
     LAC_DBG_PERIODIC = 0x10000,

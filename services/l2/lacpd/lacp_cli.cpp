@@ -2,6 +2,8 @@
 
 #include "channel_group.h"
 #include "lacp.h"
+#include "lacp_cli_debug.h"
+#include "lacp_cli_show.h"
 
 #include "frr/frr.hpp"
 #include "keldatabase/keldatabase.h"
@@ -87,8 +89,7 @@ int cli_static_lacp_port_add_fun(const cmd_element *, vty *vty, int, cmd_token *
     const int group = static_cast<int>(number(argv[1]->arg));
     const char *mode = argv[3]->text;
     if (db_add_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group, mode) != 0)
-        vty_out(vty,
-                "LACP Msg: set channel-group %d to %s mode failed! This group is already in other mode.\n",
+        vty_out(vty, "LACP Msg: set channel-group %d to %s mode failed! This group is already in other mode.\n",
                 group, mode);
     return CMD_SUCCESS;
 }
@@ -142,7 +143,8 @@ int cli_lacp_intf_portpri_set_fun(const cmd_element *, vty *vty, int, cmd_token 
     const std::uint16_t value = priority(argv[2]);
     if (db_olt_lacp_set_trunk_priority(session.slot, static_cast<std::uint32_t>(session.port), session.db, value,
                                        sizeof(value), 1) != 0)
-        vty_out(vty, "LACP Msg: interface %d/%d set port-priority to %d failed!\n", session.slot, session.port, value);
+        vty_out(vty, "LACP Msg: interface %d/%d set port-priority to %d failed!\n", session.slot, session.port,
+                value);
     return CMD_SUCCESS;
 }
 
@@ -159,8 +161,7 @@ int lacp_config_write(vty *vty)
     }
     std::uint16_t value = 0;
     std::uint32_t size = sizeof(value);
-    if (db_olt_lacp_get_global_configuration_system_priority(db, &value, &size) == 0 &&
-        value != LAC_DEFAULT_PRIORITY)
+    if (db_olt_lacp_get_global_configuration_system_priority(db, &value, &size) == 0 && value != LAC_DEFAULT_PRIORITY)
         vty_out(vty, "lacp system-priority %d\n", value);
     return CMD_SUCCESS;
 }
@@ -216,43 +217,43 @@ int uplink_port_config_write(vty *vty)
 
 // ---- command records ------------------------------------------------------------------------------------------
 
-const cmd_element giga_interface_cmd = frr::command(
-    "giga_interface_cmd", "interface gigabitEthernet <S/P>",
-    "Select an interface to configure.\nGigabitEthernet IEEE 802.3z\n"
-    "GigabitEthernet interface number,slot:<0>,port:<1-x>,x is 4,8 or 16.\n",
-    giga_interface);
+const cmd_element giga_interface_cmd =
+    frr::command("giga_interface_cmd", "interface gigabitEthernet <S/P>",
+                 "Select an interface to configure.\nGigabitEthernet IEEE 802.3z\n"
+                 "GigabitEthernet interface number,slot:<0>,port:<1-x>,x is 4,8 or 16.\n",
+                 giga_interface);
 
-const cmd_element gigaeth_interface_cmd = frr::command(
-    "gigaeth_interface_cmd", "interface gigabitethernet <S/P>",
-    "Select an interface to configure\nGigabitEthernet IEEE 802.3z\n"
-    "GigabitEthernet interface number,slot:<0>,port:<1-x>,x is 4,8 or 16.\n",
-    giga_interface, CMD_ATTR_HIDDEN);
+const cmd_element gigaeth_interface_cmd =
+    frr::command("gigaeth_interface_cmd", "interface gigabitethernet <S/P>",
+                 "Select an interface to configure\nGigabitEthernet IEEE 802.3z\n"
+                 "GigabitEthernet interface number,slot:<0>,port:<1-x>,x is 4,8 or 16.\n",
+                 giga_interface, CMD_ATTR_HIDDEN);
 
-const cmd_element cl_giga_interface_exit_cmd = frr::command(
-    "cl_giga_interface_exit_cmd", "<exit|quit>",
-    "Exit current mode and down to previous mode.\nExit current mode and down to previous mode.\n",
-    cl_giga_interface_exit);
+const cmd_element cl_giga_interface_exit_cmd =
+    frr::command("cl_giga_interface_exit_cmd", "<exit|quit>",
+                 "Exit current mode and down to previous mode.\nExit current mode and down to previous mode.\n",
+                 cl_giga_interface_exit);
 
-const cmd_element cli_static_lacp_port_add_cmd = frr::command(
-    "cli_static_lacp_port_add_cmd", "channel-group (1-4) mode <on|active|passive>",
-    "Etherchannel-port bundling configuration.\nChannel group number.\n"
-    "Channel group mode, include manual-mode, lacp-mode.\nAdd port to channel-group manually.\n"
-    "Enable LACP unconditionally.\nEnable LACP only if a LACP device is detected.\n",
-    cli_static_lacp_port_add_fun);
+const cmd_element cli_static_lacp_port_add_cmd =
+    frr::command("cli_static_lacp_port_add_cmd", "channel-group (1-4) mode <on|active|passive>",
+                 "Etherchannel-port bundling configuration.\nChannel group number.\n"
+                 "Channel group mode, include manual-mode, lacp-mode.\nAdd port to channel-group manually.\n"
+                 "Enable LACP unconditionally.\nEnable LACP only if a LACP device is detected.\n",
+                 cli_static_lacp_port_add_fun);
 
 const cmd_element cli_static_lacp_port_delete_cmd = frr::command(
     "cli_static_lacp_port_delete_cmd", "no channel-group (1-4)",
     "Negate a command or set its defaults.\nEtherchannel-port bundling configuration.\nChannel group number.\n",
     cli_static_lacp_port_delete_fun);
 
-const cmd_element cli_lacp_criteria_set_cmd = frr::command(
-    "cli_lacp_criteria_set_cmd",
-    "channel-group <(1-4)|all> load-balance <src-mac|dst-mac|src-dst-mac|src-ip|dst-ip|src-dst-ip>",
-    "Etherchannel/port bundling configuration.\nChannel group number.\nSpecify all channel group.\n"
-    "Load Balancing method.\nSpecify criteria by source mac.\nSpecify criteria by destination mac.\n"
-    "Specify criteria by source and destination mac.\nSpecify criteria by source ip.\n"
-    "Specify criteria by destination ip.\nSpecify criteria by source and destination ip.\n",
-    cli_lacp_criteria_set_fun);
+const cmd_element cli_lacp_criteria_set_cmd =
+    frr::command("cli_lacp_criteria_set_cmd",
+                 "channel-group <(1-4)|all> load-balance <src-mac|dst-mac|src-dst-mac|src-ip|dst-ip|src-dst-ip>",
+                 "Etherchannel/port bundling configuration.\nChannel group number.\nSpecify all channel group.\n"
+                 "Load Balancing method.\nSpecify criteria by source mac.\nSpecify criteria by destination mac.\n"
+                 "Specify criteria by source and destination mac.\nSpecify criteria by source ip.\n"
+                 "Specify criteria by destination ip.\nSpecify criteria by source and destination ip.\n",
+                 cli_lacp_criteria_set_fun);
 
 const cmd_element cli_lacp_syspri_set_cmd = frr::command(
     "cli_lacp_syspri_set_cmd", "lacp system-priority <(0-65535)|default>",
@@ -281,10 +282,20 @@ void lacp_vty_init()
     shell_install_element(CONFIG_NODE, &giga_interface_cmd);
     shell_install_element(CONFIG_NODE, &gigaeth_interface_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cl_giga_interface_exit_cmd);
+    shell_install_element(VIEW_NODE, &cli_static_lacp_show_sum_cmd);
+    shell_install_element(CONFIG_NODE, &cli_static_lacp_show_sum_cmd);
+    shell_install_element(CONFIG_NODE, &cli_lacp_show_neighbor_cmd);
+    shell_install_element(CONFIG_NODE, &cli_lacp_show_all_lag_cmd);
+    shell_install_element(CONFIG_NODE, &cli_lacp_show_all_info_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cli_static_lacp_port_add_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cli_static_lacp_port_delete_cmd);
     shell_install_element(CONFIG_NODE, &cli_lacp_criteria_set_cmd);
     shell_install_element(CONFIG_NODE, &cli_lacp_syspri_set_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cli_lacp_port_state_timeout_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cli_lacp_intf_portpri_set_cmd);
+    shell_install_element(CONFIG_NODE, &cli_config_lacp_db_debug_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cli_config_lacp_db_info_debug_cmd);
+    shell_install_element(UPLINK_PORT_NODE, &cli_config_lacp_db_port_debug_cmd);
+    shell_install_element(SHELL_DEBUG_NODE, &cli_config_lacp_pkt_debug_cmd);
+    shell_install_element(SHELL_DEBUG_NODE, &cli_lacp_sys_debug_set_cmd);
 }

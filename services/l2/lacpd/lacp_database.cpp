@@ -2,6 +2,7 @@
 
 #include "channel_group.h"
 #include "lacp_database_cb.h"
+#include "lacp_operational.h"
 
 #include <cstdio>
 
@@ -12,6 +13,11 @@ static constexpr DbXpathCb on_change(const char *xpath, sr_module_change_cb hand
     return {xpath, handler, {}, nullptr, nullptr};
 }
 
+static constexpr DbXpathCb on_request(const char *xpath, sr_oper_get_items_cb handler)
+{
+    return {xpath, nullptr, {}, handler, nullptr};
+}
+
 static const DbXpathCb lacp_xpaths[] = {
     on_change("/olt-lacp:channel-group/group//.", lacp_channel_group_cb),
     on_change("/olt-lacp:global-configuration//.", lacp_global_configuration_cb),
@@ -20,6 +26,7 @@ static const DbXpathCb lacp_xpaths[] = {
 
 static const DbXpathCb ifm_lacp_xpaths[] = {
     on_change("/olt-ifm:up-link-ports/interface/olt-lacp:trunk//.", lacp_interface_trunk_cb),
+    on_request("/olt-ifm:up-link-ports/interface/olt-lacp:trunk-info/port", lacp_information_get_cb),
     on_change("/olt-ifm:up-link-ports/interface/interface-basic/link-status", lacp_port_uplink_change_cb),
     {},
 };

@@ -30,10 +30,7 @@ class ChangeWalk
     ChangeWalk(const ChangeWalk &) = delete;
     ChangeWalk &operator=(const ChangeWalk &) = delete;
 
-    bool next()
-    {
-        return kel_db_get_change_next(session_, xpath_, &iterator_, &operation_, &old_, &new_) == 0;
-    }
+    bool next() { return kel_db_get_change_next(session_, xpath_, &iterator_, &operation_, &old_, &new_) == 0; }
     sr_change_oper_t operation() const { return operation_; }
     const sr_val_t *old_value() const { return old_; }
     const sr_val_t *new_value() const { return new_; }

@@ -25,8 +25,8 @@ constexpr std::size_t ADDRESSES_SIZE = 12;  // destination and source
 constexpr std::size_t KTAG_PORT_OFFSET = 6; // within the tag
 constexpr std::size_t DUMP_LINE_BYTES = 16;
 // Two digits a byte, a space after every second one, a line feed after every sixteenth, and the terminator.
-constexpr std::size_t DUMP_TEXT_SIZE = LACP_RX_BUFFER_SIZE * 2 + LACP_RX_BUFFER_SIZE / 2 +
-                                       LACP_RX_BUFFER_SIZE / DUMP_LINE_BYTES + 1;
+constexpr std::size_t DUMP_TEXT_SIZE =
+    LACP_RX_BUFFER_SIZE * 2 + LACP_RX_BUFFER_SIZE / 2 + LACP_RX_BUFFER_SIZE / DUMP_LINE_BYTES + 1;
 static_assert(DUMP_TEXT_SIZE == 5577);
 
 } // namespace
@@ -39,8 +39,8 @@ void lacp_pkt_dump(const std::uint8_t *bytes, int length, const char *descriptio
     static constexpr char DIGITS[] = "0123456789abcdef";
     std::array<char, DUMP_TEXT_SIZE> text;
     auto out = text.begin();
-    const std::size_t count = std::clamp<std::size_t>(length < 0 ? 0 : static_cast<std::size_t>(length), 0,
-                                                      LACP_RX_BUFFER_SIZE);
+    const std::size_t count =
+        std::clamp<std::size_t>(length < 0 ? 0 : static_cast<std::size_t>(length), 0, LACP_RX_BUFFER_SIZE);
     for (std::size_t i = 0; i < count; ++i) {
         *out++ = DIGITS[bytes[i] >> 4];
         *out++ = DIGITS[bytes[i] & 0xF];
@@ -145,9 +145,9 @@ int lacp_bpdu_transmit(std::uint32_t, std::uint32_t, std::uint32_t port_no, cons
     const std::size_t size = length + KTAG_SIZE;
     auto *out = static_cast<std::uint8_t *>(qcalloc(MTYPE_LACP_SSP_PACKET, size));
     lacp_pkt_tag(port_no, frame, length, out);
-    const ssize_t sent = sendto(lacp_pkt_socket->fd, out, size, MSG_DONTWAIT,
-                                reinterpret_cast<const sockaddr *>(&lacp_pkt_socket->dest),
-                                sizeof(lacp_pkt_socket->dest));
+    const ssize_t sent =
+        sendto(lacp_pkt_socket->fd, out, size, MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr *>(&lacp_pkt_socket->dest), sizeof(lacp_pkt_socket->dest));
     if (sent < 0)
         perror("send msg to socket error");
     else if (lacp_pkt_tx_debug != 0)
