@@ -28,10 +28,24 @@ enum SclientMessage : std::uint16_t {
     SCLIENT_MSG_ERROR = 255,        // service to client: error code (u32), id of the refused message (u32)
 };
 
+enum SclientError : std::uint32_t {
+    SCLIENT_ERROR_LENGTH = 1,       // the header's length is not the packet's, or no whole header
+    SCLIENT_ERROR_VERSION = 2,      // another protocol version
+    SCLIENT_ERROR_KIND = 3,         // a client kind that may not ask for this
+    SCLIENT_ERROR_MESSAGE = 4,      // an unknown message id
+    SCLIENT_ERROR_BODY = 5,         // a body of another size than the message has
+    SCLIENT_ERROR_GROUP = 6,        // not a group number
+    SCLIENT_ERROR_LOAD_BALANCE = 7, // not a load-balance code
+    SCLIENT_ERROR_MEMBERS = 8,      // no member, a port that is not there, or a count that does not fit
+    SCLIENT_ERROR_NO_TRUNK = 9,     // the group has no trunk
+};
+
 struct sclient {
     stream *obuf; // the request being built; one thread builds and sends at a time
-    // Called on the event loop's thread each time the connection stands again after a loss, never for the first
-    // one. May be null. Requests sent from it must use a stream of their own: see sclient_send_stream.
+    // Called on the event loop's thread when requests may not have reached the service and the connection stands:
+    // after a lost connection, and within a second or so after a request that was not sent (the service was away,
+    // also before the very first connection, or its socket was full). Never for a first connection without such a
+    // request. May be null. Requests sent from it must use a stream of their own: see sclient_send_stream.
     void (*reconnected)(sclient *client);
     struct Transport;
     Transport *transport;
@@ -54,5 +68,8 @@ int sclient_send_message(sclient *client);
 // The same for a request in another stream, so that another thread than the one that owns obuf can send.
 int sclient_send_stream(sclient *client, stream *message);
 
-// Closes the connection and frees everything (tests).
+// Error replies that the service has sent so far.
+std::uint32_t sclient_error_replies(const sclient *client);
+
+// Closes the connection and frees everything, on the event loop's thread, when no other thread sends any more.
 void sclient_free(sclient *client);

@@ -2,22 +2,31 @@
 
 #include "frr/frr.hpp"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
+#include <fcntl.h>
 #include <ifaddrs.h>
+#include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <list>
 #include <memory>
+#include <mutex>
 #include <net/if.h>
 #include <new>
 #include <pthread.h>
 #include <string>
+#include <unistd.h>
+#include <utility>
 
 namespace
 {
 
 constexpr std::uint32_t MAX_UPLINK_PORTS = 8;
 constexpr int BAD_ARGUMENT = -9;
-constexpr std::size_t THREAD_NAME_SIZE = 16; // with the terminator, as the kernel keeps it
+constexpr std::size_t THREAD_NAME_LENGTH = 15; // as many as the kernel keeps
 
 using InterfaceList = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 
@@ -45,7 +54,7 @@ int system_get_eth_mac(const char *name, std::uint8_t mac[6])
         if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_PACKET ||
             std::strcmp(entry->ifa_name, name) != 0)
             continue;
-        std::memcpy(mac, reinterpret_cast<const sockaddr_ll *>(entry->ifa_addr)->sll_addr, 6);
+        std::memcpy(mac, reinterpret_cast<const sockaddr_ll *>(entry->ifa_addr)->sll_addr, ETH_ALEN);
         return 0;
     }
     return -1;
@@ -55,42 +64,89 @@ int system_get_eth_mac(const char *name, std::uint8_t mac[6])
 
 struct SystemThread {
     std::string label;
-    char name[THREAD_NAME_SIZE];
+    std::string name;
     SystemThreadBody body;
     void *argument;
 };
 
-SystemThread *system_pthread_create(const char *label, const char *name, SystemThreadBody body, int, void *argument)
+namespace
 {
-    auto thread = std::unique_ptr<SystemThread>(new (std::nothrow) SystemThread{label, {}, body, argument});
-    if (thread != nullptr)
-        std::snprintf(thread->name, sizeof(thread->name), "%s", name);
-    return thread.release(); // a thread of this process never ends, nor does its record
+
+using ThreadPtr = std::unique_ptr<SystemThread>;
+
+// Bodies use their record as long as they run and nobody waits for them, so a record lives as long as the process;
+// the list itself is never destroyed because a thread may still run while the process exits.
+void keep(ThreadPtr thread)
+{
+    static std::mutex lock;
+    alignas(std::list<ThreadPtr>) static std::byte storage[sizeof(std::list<ThreadPtr>)];
+    static auto *const threads = std::construct_at(reinterpret_cast<std::list<ThreadPtr> *>(storage));
+    const std::lock_guard guard(lock);
+    threads->push_back(std::move(thread));
 }
 
-static void *run_body(void *record)
+void *run_body(void *record)
 {
     auto *thread = static_cast<SystemThread *>(record);
-    pthread_setname_np(pthread_self(), thread->name);
+    pthread_setname_np(pthread_self(), thread->name.c_str());
     return thread->body(thread);
 }
 
-// Signals stay with the thread that started this one: the framework handles them in its event loop.
-int system_pthread_run(SystemThread *thread, int, void *argument)
+// Blocks what the framework handles in its event loop's thread. Faults of a thread stay with that thread.
+class BlockedSignals
 {
-    if (argument != nullptr)
-        thread->argument = argument;
-    sigset_t all;
-    sigset_t old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
+  public:
+    BlockedSignals()
+    {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
+            sigdelset(&blocked, fault);
+        pthread_sigmask(SIG_SETMASK, &blocked, &before_);
+    }
+    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    BlockedSignals(const BlockedSignals &) = delete;
+    BlockedSignals &operator=(const BlockedSignals &) = delete;
+
+  private:
+    sigset_t before_;
+};
+
+int start_detached(SystemThread *thread)
+{
+    const BlockedSignals blocked; // the new thread inherits the mask
     pthread_t handle;
     const int result = pthread_create(&handle, nullptr, run_body, thread);
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (result == 0)
         pthread_detach(handle);
-    else
-        std::fprintf(stderr, "thread \"%s\" could not be started: %s\n", thread->label.c_str(), std::strerror(result));
+    return result;
+}
+
+} // namespace
+
+SystemThread *system_pthread_create(const char *label, const char *name, SystemThreadBody body, int flags,
+                                    void *argument)
+try {
+    if (flags != 0 || body == nullptr)
+        return nullptr;
+    auto thread = std::make_unique<SystemThread>(SystemThread{label, name, body, argument});
+    thread->name.resize(std::min(thread->name.size(), THREAD_NAME_LENGTH));
+    SystemThread *record = thread.get();
+    keep(std::move(thread));
+    return record;
+} catch (const std::bad_alloc &) {
+    return nullptr;
+}
+
+int system_pthread_run(SystemThread *thread, int flags, void *argument)
+{
+    if (thread == nullptr || flags != 0)
+        return EINVAL;
+    if (argument != nullptr)
+        thread->argument = argument;
+    const int result = start_detached(thread);
+    if (result != 0)
+        fprintf(stderr, "thread \"%s\" could not be started: %s\n", thread->label.c_str(), std::strerror(result));
     return result;
 }
 
@@ -103,9 +159,15 @@ void *system_pthread_argument(const SystemThread *thread)
 
 int daemon_restart_restore_config(const frr_daemon_info *daemon)
 {
-    if (daemon->config_file == nullptr || access(daemon->config_file, R_OK) == 0)
+    const bool named = daemon->config_file != nullptr;
+    const char *file = named ? daemon->config_file : config_default;
+    if (faccessat(AT_FDCWD, file, R_OK, AT_EACCESS) == 0)
         return 0;
-    std::fprintf(stderr, "%s: configuration file %s cannot be read: %s\n", daemon->name, daemon->config_file,
-                 std::strerror(errno));
+    if (!named && errno == ENOENT)
+        return 0; // a first start has no configuration yet
+    fprintf(stderr,
+            "%s: the configuration file %s cannot be read: %s; check that it is there and that user "
+            "\"daemon\" may read it\n",
+            daemon->name, file, std::strerror(errno));
     return -1;
 }

@@ -30,17 +30,18 @@ int system_get_eth_mac(const char *name, std::uint8_t mac[6]);
 struct SystemThread;
 using SystemThreadBody = void *(*)(SystemThread *thread);
 
-// Describes a named thread without starting it. `label` is for messages, `name` (15 characters at most) is what
-// ps shows, `flags` must be 0. Null when memory is short.
+// Describes a named thread without starting it. `label` is for messages, the first 15 characters of `name` are what
+// ps shows, `flags` must be 0. Null for other flags and when memory is short. The record lives as long as the
+// process.
 SystemThread *system_pthread_create(const char *label, const char *name, SystemThreadBody body, int flags,
                                     void *argument);
-// Starts the thread, detached. `flags` must be 0; `argument` replaces the one given at creation unless null.
-// 0, or the positive error number.
+// Starts the thread, detached, with all signals but faults blocked. `flags` must be 0; `argument` replaces the one
+// given at creation unless null. 0, or the positive error number.
 int system_pthread_run(SystemThread *thread, int flags, void *argument);
 // The argument that the running body was started with.
 void *system_pthread_argument(const SystemThread *thread);
 
 // Restore step of a restarted daemon. The framework reads the daemon's configuration file itself once the event
 // loop runs, so nothing is left to restore here; the call makes sure that the file is readable by the daemon and
-// says so on standard error when it is not.
+// says so on standard error, with -1, when it is not. A default file that is not there is no error.
 int daemon_restart_restore_config(const frr_daemon_info *daemon);
