@@ -19,6 +19,8 @@ template <typename... Handlers> struct Overloaded : Handlers... {
     using Handlers::operator()...;
 };
 
+template <typename... Handlers> Overloaded(Handlers...) -> Overloaded<Handlers...>;
+
 Members members_of(const Options &options)
 {
     Members members;

@@ -33,7 +33,7 @@ void LinkPublisher::start(const std::map<std::uint32_t, bool> &carriers)
                                      " cannot be created; if a daemon without that port runs, stop it first");
         published_[port] = up;
     }
-    thread_ = std::jthread([this](std::stop_token stop) { work(std::move(stop)); });
+    thread_ = std::jthread([this](const std::stop_token &stop) { work(stop); });
 }
 
 void LinkPublisher::publish(std::uint32_t port, bool up)
@@ -57,7 +57,7 @@ bool LinkPublisher::write(const Change &change)
 }
 
 // A change stays at the head of the queue until it is written: a flap is written as a flap.
-void LinkPublisher::work(std::stop_token stop)
+void LinkPublisher::work(const std::stop_token &stop)
 {
     std::unique_lock guard(lock_);
     while (changed_.wait(guard, stop, [this] { return !changes_.empty(); })) {

@@ -34,7 +34,7 @@ class LinkPublisher
         bool up;
     };
 
-    void work(std::stop_token stop);
+    void work(const std::stop_token &stop);
     bool write(const Change &change);
 
     KelDb db_{};
