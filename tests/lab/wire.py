@@ -1,5 +1,6 @@
 """Frames as they are on a cable."""
 
+import itertools
 import select
 import socket
 import struct
@@ -8,6 +9,8 @@ from collections import namedtuple
 
 SLOW_PROTOCOLS_TYPE = 0x8809
 SLOW_PROTOCOLS_ADDRESS = bytes.fromhex("0180c2000002")
+ACTIVITY, TIMEOUT, AGGREGATION, SYNCHRONIZATION, COLLECTING, DISTRIBUTING, DEFAULTED, EXPIRED = (
+    1 << bit for bit in range(8))
 _ALL_TYPES = 0x0003
 _OUTGOING = 4
 
@@ -56,14 +59,16 @@ class Capture:
     def send(self, data):
         self._socket.send(data)
 
-    def frames(self, count, within):
-        """The next frames to the slow protocols' address, at most `count`."""
-        found = []
+    def each(self, within):
+        """Frames to the slow protocols' address as they come."""
         deadline = time.monotonic() + within
-        while len(found) < count and time.monotonic() < deadline:
+        while True:
             if not select.select([self._socket], [], [], max(deadline - time.monotonic(), 0))[0]:
-                break
+                return
             data, address = self._socket.recvfrom(2048)
             if address[2] != _OUTGOING and data[0:6] == SLOW_PROTOCOLS_ADDRESS:
-                found.append(Frame(time.monotonic(), data))
-        return found
+                yield Frame(time.monotonic(), data)
+
+    def frames(self, count, within):
+        """The next such frames, at most `count`."""
+        return list(itertools.islice(self.each(within), count))
