@@ -1,0 +1,67 @@
+#include "fake_system.h"
+
+#include <cstring>
+#include <deque>
+
+struct SystemThread {
+    std::string name;
+    SystemThreadBody body;
+    void *argument;
+};
+
+namespace fake
+{
+
+System &system()
+{
+    static auto *const records = new System; // never destroyed
+    return *records;
+}
+
+// A described thread stays where it is as long as the process lives.
+static std::deque<SystemThread> &threads()
+{
+    static auto *const records = new std::deque<SystemThread>;
+    return *records;
+}
+
+void reset_system()
+{
+    system() = System{};
+}
+
+} // namespace fake
+
+int system_get_eth_mac(const char *name, std::uint8_t mac[6])
+{
+    const fake::System &system = fake::system();
+    if (!system.has_mac || strcmp(name, "ethv0") != 0)
+        return -1;
+    memcpy(mac, system.mac.data(), system.mac.size());
+    return 0;
+}
+
+SystemThread *system_pthread_create(const char *, const char *name, SystemThreadBody body, int, void *argument)
+{
+    fake::System &system = fake::system();
+    system.described.emplace_back(name);
+    return system.can_describe_threads ? &fake::threads().emplace_back(SystemThread{name, body, argument}) : nullptr;
+}
+
+int system_pthread_run(SystemThread *thread, int, void *argument)
+{
+    fake::System &system = fake::system();
+    if (system.run_result != 0)
+        return system.run_result;
+    if (argument != nullptr)
+        thread->argument = argument;
+    system.started.push_back(thread->name);
+    if (system.start)
+        system.start(thread, thread->body);
+    return 0;
+}
+
+void *system_pthread_argument(const SystemThread *thread)
+{
+    return thread->argument;
+}
