@@ -20,8 +20,32 @@ using Clock = std::chrono::steady_clock;
 constexpr std::uint32_t HANDLER_TIMEOUT_MS = 15000;
 constexpr auto RETRY_FOR = std::chrono::seconds(15);
 constexpr auto RETRY_AFTER = std::chrono::milliseconds(20);
+// A reader that arrives while a writer waits for its lock can miss being woken when that writer goes on (sysrepo
+// 3.7.11). In a handler that would stop everybody until the reader's time is up, so it looks again by itself.
+constexpr std::uint32_t READ_LOCK_MS = 5;
+constexpr auto READ_FOR = std::chrono::seconds(8);
+// An operational read waits for its provider, which may stand behind a handler. Meanwhile it keeps writers out, so
+// this has to end before the readers above give up.
+constexpr std::uint32_t PROVIDER_TIMEOUT_MS = 3000;
 // How sysrepo marks that a handler, and not a lock, took too long. Such a change may have been applied already.
 constexpr char HANDLER_MARK[] = "EV ORIGIN";
+
+// Calls a read with its time limit, and repeats one of the configuration that got no lock.
+template <typename Read> int read_patiently(sr_session_ctx_t *session, const Read &read)
+{
+    if (sr_session_get_ds(session) == SR_DS_OPERATIONAL) {
+        return read(PROVIDER_TIMEOUT_MS);
+    }
+    int code = read(READ_LOCK_MS);
+    if (code != SR_ERR_TIME_OUT) {
+        return code;
+    }
+    const auto give_up = Clock::now() + READ_FOR;
+    while (code == SR_ERR_TIME_OUT && Clock::now() < give_up) {
+        code = read(READ_LOCK_MS);
+    }
+    return code;
+}
 
 } // namespace
 
@@ -62,8 +86,12 @@ Path group_list_path(int group, const char *list, const char *entry)
 Leaf::Leaf(KelDb *db, const Path &path)
 {
     sr_session_ctx_t *session = session_of(db);
+    if (session == nullptr) {
+        return;
+    }
     sr_data_t *raw = nullptr;
-    if (session == nullptr || sr_get_node(session, path.text(), 0, &raw) != SR_ERR_OK) {
+    const auto read = [&](std::uint32_t limit) { return sr_get_node(session, path.text(), limit, &raw); };
+    if (read_patiently(session, read) != SR_ERR_OK) {
         return;
     }
     data_.reset(raw);
@@ -73,7 +101,13 @@ Leaf::Leaf(KelDb *db, const Path &path)
 Values::Values(KelDb *db, const Path &path)
 {
     sr_session_ctx_t *session = session_of(db);
-    read_ = session != nullptr && sr_get_items(session, path.text(), 0, 0, &values_, &count_) == SR_ERR_OK;
+    if (session == nullptr) {
+        return;
+    }
+    const auto read = [&](std::uint32_t limit) {
+        return sr_get_items(session, path.text(), limit, 0, &values_, &count_);
+    };
+    read_ = read_patiently(session, read) == SR_ERR_OK;
 }
 
 std::optional<std::uint32_t> read_number(KelDb *db, const Path &path)

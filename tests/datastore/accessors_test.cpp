@@ -297,6 +297,7 @@ TEST_F(AccessorTest, OneHandleServesManyThreads)
         ++handled;
         return 0;
     });
+    const auto started = std::chrono::steady_clock::now();
     std::atomic<bool> stop = false;
     std::vector<std::jthread> readers;
     for (const std::uint32_t port : {1U, 2U}) {
@@ -319,6 +320,7 @@ TEST_F(AccessorTest, OneHandleServesManyThreads)
     readers.clear();
     EXPECT_EQ(failures, 0);
     EXPECT_GE(handled, 2 * ROUNDS);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 4s) << "somebody waited in vain";
 }
 
 // A handler told of a link status that is in the datastore already reads the port and its group, while the dispatcher
