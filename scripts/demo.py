@@ -72,16 +72,16 @@ def show_trunks(systems):
         show(f"switch of {system.name}", "\n".join(lines))
 
 
-def show_lacpdu(receiver, port, sender):
-    with Capture(receiver.namespace, receiver.port_interface(port)) as capture:
-        frames = capture.frames(1, Ticks.of(3))
+def show_last_lacpdu(capture, sender, port):
+    frames = capture.frames(count=1000, within=0.2)
     check(frames, f"no LACPDU from {sender.name} on port {port}")
-    pdu = Lacpdu(frames[0].data)
+    pdu = Lacpdu(frames[-1].data)
     check(pdu.actor.system.hex(":") == sender.mac, f"LACPDU of a stranger: {pdu.actor.system.hex(':')}")
-    show(f"LACPDU on the cable of port {port}, from {sender.name}",
-         f"{len(frames[0].data)} bytes, actor {pdu.actor.system.hex(':')} port {pdu.actor.port} key {pdu.actor.key} "
-         f"state 0x{pdu.actor.state:02x}, partner {pdu.partner.system.hex(':')} port {pdu.partner.port} "
-         f"key {pdu.partner.key} state 0x{pdu.partner.state:02x}")
+    show(f"last of {len(frames)} LACPDUs from {sender.name} on the cable of port {port}",
+         f"{len(frames[-1].data)} bytes, "
+         f"actor {pdu.actor.system.hex(':')} port {pdu.actor.port} key {pdu.actor.key} state 0x{pdu.actor.state:02x}, "
+         f"partner {pdu.partner.system.hex(':')} port {pdu.partner.port} key {pdu.partner.key} "
+         f"state 0x{pdu.partner.state:02x}")
 
 
 def run(lab):
@@ -93,14 +93,16 @@ def run(lab):
     for system in both:
         system.start()
 
-    configure(left, "active")
-    configure(right, "passive")
-    await_trunks(both, {DYNAMIC: {1, 2}, MANUAL: {3, 4}}, Ticks.FORM)
-    say("both channel groups stand on both sides")
+    with Capture(right.namespace, right.port_interface(1)) as from_left, \
+            Capture(left.namespace, left.port_interface(1)) as from_right:
+        configure(left, "active")
+        configure(right, "passive")
+        await_trunks(both, {DYNAMIC: {1, 2}, MANUAL: {3, 4}}, Ticks.FORM)
+        say("both channel groups stand on both sides")
+        show_last_lacpdu(from_left, left, 1)
+        show_last_lacpdu(from_right, right, 1)
     show("left# show running-config", left.running_config())
     show_trunks(both)
-    show_lacpdu(right, 1, left)
-    show_lacpdu(left, 1, right)
 
     say(f"cutting the link between the ports {CUT_PORT}")
     right.set_link(CUT_PORT, up=False)

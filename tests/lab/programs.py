@@ -1,18 +1,25 @@
 """Where the programs under test are."""
 
 import os
-import subprocess
+import re
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 
 
+def _libraries_of(build):
+    """The prefix of the libraries that the build has used."""
+    try:
+        cache = (build / "CMakeCache.txt").read_text(encoding="utf-8")
+    except FileNotFoundError:
+        raise FileNotFoundError(f"{build} is no build directory; build first") from None
+    return Path(re.search(r"^LACPD_DEPS_PREFIX:PATH=(.*)$", cache, re.MULTILINE)[1])
+
+
 class Programs:
     def __init__(self, build_dir):
         build = Path(build_dir).resolve()
-        prefix = subprocess.run([ROOT / "scripts/deps.sh", "--prefix"], check=True, capture_output=True,
-                                text=True).stdout.strip()
-        prefix = Path(os.environ.get("LACPD_DEPS_PREFIX", prefix))
+        prefix = _libraries_of(build)
         self.lacpd = build / "services/l2/lacpd/lacpd"
         self.switch = build / "switch/olt-switch"
         self.sysrepocfg = prefix / "bin/sysrepocfg"
