@@ -5,14 +5,15 @@
 #   scripts/deps.sh            install packages, build what is missing, print the prefix
 #   scripts/deps.sh --prefix   print the prefix only
 #
-# LACPD_DEPS_CACHE    folder for prefixes and tarballs (default: ~/.cache/lacpd-deps)
+# LACPD_DEPS_CACHE    folder for prefixes and tarballs (default: /var/cache/lacpd-deps for root, since user "daemon"
+#                     has to read the libraries; ~/.cache/lacpd-deps for anybody else)
 # LACPD_DEPS_TARBALLS folder with the three upstream tarballs; nothing is downloaded then
 set -euo pipefail
 
 LIBYANG_VERSION=3.13.6-1~bpo13+1
 SYSREPO_VERSION=3.7.11-1~bpo13+2
 FRR_VERSION=10.3-3+deb13u1
-RECIPE=1 # raise when a build option below changes
+RECIPE=2 # raise when a build option below changes
 DAEMON_GROUP=daemon
 
 PACKAGES=(
@@ -26,7 +27,11 @@ PACKAGES=(
   python3-pytest python3-scapy iproute2 procps iputils-ping
 )
 
-cache=${LACPD_DEPS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lacpd-deps}
+if [ "$(id -u)" = 0 ]; then
+  cache=${LACPD_DEPS_CACHE:-/var/cache/lacpd-deps}
+else
+  cache=${LACPD_DEPS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lacpd-deps}
+fi
 key=$(printf '%s|%s|%s|%s|%s' "$LIBYANG_VERSION" "$SYSREPO_VERSION" "$FRR_VERSION" "$RECIPE" \
   "$(uname -m)" | sha256sum | cut -c1-12)
 prefix=$cache/$key
@@ -135,7 +140,7 @@ build_frr() {
       off+=("--disable-$daemon")
     done
     ./configure --prefix="$prefix" --sysconfdir=/etc --localstatedir=/var --libdir="$prefix/lib" \
-      --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
+      --with-yangmodelsdir=/usr/share --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
       --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}"
     make -j"$(nproc)" lib/mgmt.pb-c.h lib/gitversion.h lib/vtysh_daemons.h lib/route_types.h
     make -j"$(nproc)" lib/libfrr.la
@@ -162,10 +167,11 @@ if [ ! -e "$prefix/.complete" ]; then
     fetch sysrepo "$SYSREPO_VERSION"
     fetch frr "$FRR_VERSION"
     build_cmake libyang
-    # Files of the datastore belong to the daemon's group and to nobody else.
+    # Files of the datastore belong to the daemon's group and to nobody else. Its shared memory has a folder of
+    # its own: in the sticky /dev/shm one user cannot replace another one's files.
     build_cmake sysrepo -DSYSREPO_GROUP="$DAEMON_GROUP" -DSYSREPO_UMASK=00007 -DENABLE_SYSREPO_PLUGIND=OFF \
       -DINSTALL_SYSCTL_CONF=OFF -DSYSREPO_SUPERUSER_UID=0 \
-      -DREPO_PATH=/etc/sysrepo
+      -DREPO_PATH=/etc/sysrepo -DSHM_DIR=/dev/shm/sysrepo
     build_frr
     touch "$prefix/.complete"
   fi
