@@ -11,6 +11,7 @@ namespace
 {
 
 constexpr char GROUPS[] = "/olt-lacp:channel-group/group";
+constexpr std::uint32_t DISPLAY_TIMEOUT_MS = 1000;
 
 // The calling thread's session reads operational data for a scope.
 class OperationalScope
@@ -126,8 +127,8 @@ int db_olt_lacp_show_xml_group_id(KelDb *db, char **text)
 {
     sr_session_ctx_t *session = kel::session_of(db);
     sr_data_t *raw = nullptr;
-    if (session == nullptr || text == nullptr || sr_get_data(session, GROUPS, 0, 0, 0, &raw) != SR_ERR_OK ||
-        raw == nullptr)
+    if (session == nullptr || text == nullptr ||
+        sr_get_data(session, GROUPS, 0, DISPLAY_TIMEOUT_MS, 0, &raw) != SR_ERR_OK || raw == nullptr)
         return kel::FAILED;
     const kel::DataPtr data(raw);
     *text = nullptr;
