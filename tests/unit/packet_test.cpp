@@ -341,8 +341,9 @@ class OpeningTest : public PacketTest
         if (may_open_)
             close(probe);
         lacp_pkt_socket = nullptr;
-        // What the framework sets up before a daemon raises privileges.
-        STAILQ_INIT(&lacp_privs.thread_refs);
+        // What the framework sets up before a daemon raises privileges, once a process.
+        if (lacp_privs.change == nullptr)
+            STAILQ_INIT(&lacp_privs.thread_refs);
         lacp_privs.change = [](zebra_privs_ops_t) { return 0; };
         fake::system().described.clear();
     }
