@@ -1,7 +1,5 @@
 #include "driver_request.h"
 
-#include "sclient/sclient.h"
-
 namespace olt
 {
 
@@ -59,11 +57,34 @@ Request parse_create(const Reader &reader, Members existing_ports)
 {
     const CreateTrunk create{reader.field(0), reader.field(1), Members(reader.field(2))};
     if (!criterion_name(create.criterion))
-        return RequestError::BadCriterion;
+        return SCLIENT_ERROR_LOAD_BALANCE;
     if (create.members.none() || (create.members & ~existing_ports).any() ||
         create.members.count() != reader.field(3))
-        return RequestError::BadMembers;
+        return SCLIENT_ERROR_MEMBERS;
     return create;
+}
+
+std::optional<SclientError> frame_error(std::span<const std::uint8_t> message)
+{
+    const Reader reader(message);
+    if (message.size() < SCLIENT_HEADER_SIZE || reader.length() != message.size())
+        return SCLIENT_ERROR_LENGTH;
+    if (reader.version() != SCLIENT_VERSION)
+        return SCLIENT_ERROR_VERSION;
+    if (reader.kind() != SCLIENT_KIND_LACP)
+        return SCLIENT_ERROR_KIND;
+    const auto fields = body_fields(reader.id());
+    if (!fields)
+        return SCLIENT_ERROR_MESSAGE;
+    if (message.size() != SCLIENT_HEADER_SIZE + *fields * FIELD_SIZE)
+        return SCLIENT_ERROR_BODY;
+    return std::nullopt;
+}
+
+void put32(std::vector<std::uint8_t> &out, std::uint32_t value)
+{
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
 } // namespace
@@ -75,48 +96,33 @@ std::uint16_t message_id(std::span<const std::uint8_t> message)
 
 Request parse_request(std::span<const std::uint8_t> message, Members existing_ports)
 {
+    if (const auto error = frame_error(message))
+        return *error;
     const Reader reader(message);
-    if (message.size() < SCLIENT_HEADER_SIZE || reader.length() != message.size())
-        return RequestError::BadLength;
-    if (reader.version() != SCLIENT_VERSION)
-        return RequestError::BadVersion;
-    if (reader.kind() != SCLIENT_KIND_LACP)
-        return RequestError::BadKind;
-    const auto fields = body_fields(reader.id());
-    if (!fields)
-        return RequestError::UnknownMessage;
-    if (message.size() != SCLIENT_HEADER_SIZE + *fields * FIELD_SIZE)
-        return RequestError::BadLength;
     if (!is_group(reader.field(0)))
-        return RequestError::BadGroup;
+        return SCLIENT_ERROR_GROUP;
     if (reader.id() == SCLIENT_MSG_TRUNK_CREATE)
         return parse_create(reader, existing_ports);
     if (reader.id() == SCLIENT_MSG_TRUNK_DESTROY)
         return DestroyTrunk{reader.field(0)};
     if (!criterion_name(reader.field(1)))
-        return RequestError::BadCriterion;
+        return SCLIENT_ERROR_LOAD_BALANCE;
     return SetCriterion{reader.field(0), reader.field(1)};
 }
 
-std::vector<std::uint8_t> error_reply(RequestError error, std::uint16_t refused_id)
+bool is_malformed(SclientError error)
+{
+    return error <= SCLIENT_ERROR_BODY;
+}
+
+std::vector<std::uint8_t> error_reply(SclientError error, std::uint16_t refused_id)
 {
     constexpr std::uint8_t LENGTH = SCLIENT_HEADER_SIZE + 2 * FIELD_SIZE;
-    return {0,
-            LENGTH,
-            SCLIENT_VERSION,
-            SCLIENT_KIND_LACP,
-            0,
-            0,
-            SCLIENT_MSG_ERROR >> 8,
-            SCLIENT_MSG_ERROR & 0xFF,
-            0,
-            0,
-            0,
-            static_cast<std::uint8_t>(error),
-            0,
-            0,
-            static_cast<std::uint8_t>(refused_id >> 8),
-            static_cast<std::uint8_t>(refused_id)};
+    std::vector<std::uint8_t> reply{0, LENGTH, SCLIENT_VERSION,        SCLIENT_KIND_LACP,
+                                    0, 0,      SCLIENT_MSG_ERROR >> 8, SCLIENT_MSG_ERROR & 0xFF};
+    put32(reply, error);
+    put32(reply, refused_id);
+    return reply;
 }
 
 } // namespace olt

@@ -3,6 +3,8 @@
 
 #include "trunk_table.h"
 
+#include "sclient/sclient.h"
+
 #include <span>
 #include <variant>
 
@@ -22,27 +24,19 @@ struct SetCriterion {
     std::uint32_t criterion;
 };
 
-// Why a message is refused; the code of the error reply.
-enum class RequestError : std::uint32_t {
-    BadLength = 1,
-    BadVersion = 2,
-    BadKind = 3,
-    UnknownMessage = 4,
-    BadGroup = 5,
-    BadCriterion = 6,
-    BadMembers = 7,
-    NoTrunk = 8,
-};
+using Request = std::variant<CreateTrunk, DestroyTrunk, SetCriterion, SclientError>;
 
-using Request = std::variant<CreateTrunk, DestroyTrunk, SetCriterion, RequestError>;
-
-// Decodes one message for a switch with these ports. Any bytes are safe.
+// Decodes one message for a switch with these ports. Any bytes are safe; those that are no valid request give the
+// code of the error reply.
 Request parse_request(std::span<const std::uint8_t> message, Members existing_ports);
+
+// Whether the message was none of the protocol's, rather than one that asks for what cannot be.
+bool is_malformed(SclientError error);
 
 // The id of a message that is long enough to have one, else 0.
 std::uint16_t message_id(std::span<const std::uint8_t> message);
 
 // An error reply to a client.
-std::vector<std::uint8_t> error_reply(RequestError error, std::uint16_t refused_id);
+std::vector<std::uint8_t> error_reply(SclientError error, std::uint16_t refused_id);
 
 } // namespace olt

@@ -2,9 +2,11 @@
 
 #include "sclient/sclient.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <iostream>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace olt
@@ -13,7 +15,9 @@ namespace olt
 namespace
 {
 
-constexpr std::chrono::milliseconds SWEEP_PERIOD(500);
+constexpr std::chrono::milliseconds SWEEP_PERIOD(250);
+constexpr std::size_t MAX_CLIENTS = 32;
+constexpr int MESSAGES_A_TURN = 64;
 
 template <typename... Handlers> struct Overloaded : Handlers... {
     using Handlers::operator()...;
@@ -29,15 +33,27 @@ Members members_of(const Options &options)
     return members;
 }
 
-void print_trunk(std::uint32_t group, const Trunk &trunk)
+void print_trunk(std::uint32_t group, const Trunk *trunk)
 {
-    std::cout << "trunk " << group << ": members";
+    std::cout << "trunk " << group << ": ";
+    if (trunk == nullptr) {
+        std::cout << "removed" << std::endl;
+        return;
+    }
+    std::cout << "members";
     const char *separator = " ";
-    for (const std::uint32_t port : port_numbers(trunk.members)) {
+    for (const std::uint32_t port : port_numbers(trunk->members)) {
         std::cout << separator << port;
         separator = ",";
     }
-    std::cout << ' ' << *criterion_name(trunk.criterion) << std::endl;
+    std::cout << ' ' << *criterion_name(trunk->criterion) << std::endl;
+}
+
+// An empty packet and the end of the connection look the same to recv.
+bool has_hung_up(int socket)
+{
+    pollfd state{socket, POLLRDHUP, 0};
+    return poll(&state, 1, 0) > 0;
 }
 
 } // namespace
@@ -46,88 +62,135 @@ DriverService::DriverService(EventLoop &loop, const Options &options)
     : loop_(loop), stale_grace_(options.stale_grace), existing_ports_(members_of(options)),
       listening_(options.driver_socket, SOCK_SEQPACKET)
 {
+    listening_.listen();
     acceptable_ = Event::readable(loop, listening_.get(), [this] { accept(); });
     sweeping_ = Event::every(loop, SWEEP_PERIOD, [this] { sweep(); });
 }
 
-// The trunks of a daemon that is gone stay until a new one has had time to ask for its own.
+// ---- clients --------------------------------------------------------------------------------------------------
+
 void DriverService::accept()
 {
     for (Descriptor socket = listening_.accept(); socket.is_open(); socket = listening_.accept()) {
+        if (clients_.size() == MAX_CLIENTS)
+            continue; // closes it; the client tries again
         const auto client = clients_.emplace(clients_.end());
         client->socket = std::move(socket);
         client->readable = Event::readable(loop_, client->socket.get(), [this, client] { read(client); });
-        trunks_.mark_stale(TrunkTable::Clock::now() + stale_grace_);
+        if (daemon_ == nullptr)
+            announce(*client);
     }
+}
+
+void DriverService::announce(Client &client)
+{
+    client.announced = true;
+    deadline_ = &client;
+    trunks_.mark_stale(TrunkTable::Clock::now() + stale_grace_);
 }
 
 void DriverService::read(Clients::iterator client)
 {
-    std::array<std::uint8_t, SCLIENT_MAX_MESSAGE> buffer;
-    for (;;) {
-        // MSG_TRUNC gives the whole length, so that a message that was cut is seen as malformed.
-        const ssize_t length = recv(client->socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (length > 0) {
-            const auto size = std::min(static_cast<std::size_t>(length), buffer.size());
-            answer(*client, std::span(buffer.data(), size));
+    for (int turn = 0; turn < MESSAGES_A_TURN; ++turn) {
+        if (read_one(*client))
             continue;
-        }
-        if (length < 0 && (errno == EAGAIN || errno == EINTR))
-            return;
-        clients_.erase(client);
+        if (errno != EAGAIN && errno != EINTR)
+            leave(client);
         return;
     }
 }
 
+// False when nothing was read: errno is 0 at the end of the connection.
+bool DriverService::read_one(Client &client)
+{
+    std::array<std::uint8_t, SCLIENT_MAX_MESSAGE> buffer;
+    // MSG_TRUNC gives the whole length, so that a message that was cut does not look whole.
+    const ssize_t length = recv(client.socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (length < 0)
+        return false;
+    if (length == 0 && has_hung_up(client.socket.get())) {
+        errno = 0;
+        return false;
+    }
+    if (static_cast<std::size_t>(length) > buffer.size()) {
+        refuse(client, SCLIENT_ERROR_LENGTH, message_id(buffer));
+        return true;
+    }
+    answer(client, std::span(buffer.data(), static_cast<std::size_t>(length)));
+    return true;
+}
+
+void DriverService::leave(Clients::iterator client)
+{
+    if (deadline_ == &*client) {
+        trunks_.drop_deadline();
+        deadline_ = nullptr;
+    }
+    if (daemon_ == &*client)
+        daemon_ = nullptr;
+    clients_.erase(client);
+}
+
+// ---- requests -------------------------------------------------------------------------------------------------
+
 void DriverService::answer(Client &client, std::span<const std::uint8_t> message)
 {
     const Request request = parse_request(message, existing_ports_);
-    const std::optional<RequestError> error = act(request);
-    if (!error)
-        return;
-    const auto reply = error_reply(*error, message_id(message));
-    send(client.socket.get(), reply.data(), reply.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    std::cerr << "olt-switch: driver request " << message_id(message) << " refused with code "
-              << static_cast<std::uint32_t>(*error) << std::endl;
+    if (!std::holds_alternative<SclientError>(request)) {
+        if (!client.announced)
+            announce(client);
+        daemon_ = &client;
+    }
+    const auto error = std::visit(Overloaded{[this](const CreateTrunk &wish) { return create(wish); },
+                                             [this](const DestroyTrunk &wish) { return destroy(wish); },
+                                             [this](const SetCriterion &wish) { return set_criterion(wish); },
+                                             [](SclientError found) { return std::optional(found); }},
+                                  request);
+    if (error)
+        refuse(client, *error, message_id(message));
 }
 
-std::optional<RequestError> DriverService::act(const Request &request)
+// A client that does not read its replies loses them.
+void DriverService::refuse(const Client &client, SclientError error, std::uint16_t id)
 {
-    using Result = std::optional<RequestError>;
-    return std::visit(Overloaded{
-                          [this](const CreateTrunk &create) -> Result {
-                              ++counters_.creates;
-                              trunks_.set(create.group, create.criterion, create.members);
-                              print_trunk(create.group, trunks_.all().at(create.group));
-                              return std::nullopt;
-                          },
-                          [this](const DestroyTrunk &destroy) -> Result {
-                              ++counters_.destroys;
-                              trunks_.remove(destroy.group);
-                              std::cout << "trunk " << destroy.group << ": removed" << std::endl;
-                              return std::nullopt;
-                          },
-                          [this](const SetCriterion &set) -> Result {
-                              if (!trunks_.set_criterion(set.group, set.criterion)) {
-                                  ++counters_.refused;
-                                  return RequestError::NoTrunk;
-                              }
-                              ++counters_.psc_sets;
-                              print_trunk(set.group, trunks_.all().at(set.group));
-                              return std::nullopt;
-                          },
-                          [this](RequestError error) -> Result {
-                              ++counters_.malformed;
-                              return error;
-                          },
-                      },
-                      request);
+    ++(is_malformed(error) ? counters_.malformed : counters_.refused);
+    const auto reply = error_reply(error, id);
+    send(client.socket.get(), reply.data(), reply.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    std::cerr << "olt-switch: driver request " << id << " refused with code " << error << std::endl;
+}
+
+std::optional<SclientError> DriverService::create(const CreateTrunk &request)
+{
+    ++counters_.creates;
+    const auto effect = trunks_.set(request.group, request.criterion, request.members);
+    counters_.moved_ports += effect.moved_ports;
+    for (const std::uint32_t group : effect.changed)
+        print_trunk(group, trunks_.find(group));
+    return std::nullopt;
+}
+
+// A group without a trunk is what was asked for.
+std::optional<SclientError> DriverService::destroy(const DestroyTrunk &request)
+{
+    ++counters_.destroys;
+    if (trunks_.remove(request.group))
+        print_trunk(request.group, nullptr);
+    return std::nullopt;
+}
+
+std::optional<SclientError> DriverService::set_criterion(const SetCriterion &request)
+{
+    if (!trunks_.set_criterion(request.group, request.criterion))
+        return SCLIENT_ERROR_NO_TRUNK;
+    ++counters_.psc_sets;
+    print_trunk(request.group, trunks_.find(request.group));
+    return std::nullopt;
 }
 
 void DriverService::sweep()
 {
     for (const std::uint32_t group : trunks_.sweep(TrunkTable::Clock::now()))
-        std::cout << "trunk " << group << ": removed, no daemon has asked for it again" << std::endl;
+        std::cout << "trunk " << group << ": removed, the new daemon has not asked for it" << std::endl;
 }
 
 } // namespace olt

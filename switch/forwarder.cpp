@@ -1,51 +1,45 @@
 #include "forwarder.h"
 
-#include <linux/if_ether.h>
-
 namespace olt
 {
 
-Forwarder::Forwarder(EventLoop &loop, const Options &options) : vlan_(options.vlan), cpu_(options.cpu, TAG_FROM_CPU)
+Forwarder::Forwarder(EventLoop &loop, const Options &options)
+    : cpu_(loop, options.cpu, options.vlan,
+           [this](std::uint32_t number, Frame frame) { return from_cpu(number, frame); })
 {
-    cpu_readable_ =
-        Event::readable(loop, cpu_.get(), [this] { cpu_.receive([this](Frame frame) { from_cpu(frame); }); });
-    for (const auto &[number, interface] : options.ports) {
-        Port &port = ports_[number];
-        port_counters_[number] = {};
-        port.socket = std::make_unique<PacketSocket>(interface, ETH_P_SLOW);
-        const PacketSocket *socket = port.socket.get();
-        port.readable = Event::readable(loop, socket->get(), [this, socket, number = number] {
-            socket->receive([this, number](Frame frame) { from_port(number, frame); });
-        });
-    }
+    for (const auto &[number, interface] : options.ports)
+        ports_.try_emplace(number, loop, number, interface,
+                           [this](Port &port, Frame frame) { from_port(port, frame); });
 }
 
-void Forwarder::from_port(std::uint32_t port, Frame frame)
+bool Forwarder::attach(const std::string &interface, int index) const
 {
-    PortCounters &counters = port_counters_.at(port);
-    if (!is_slow_protocols(frame) || !cpu_.send(tag_for_cpu(frame, port, vlan_))) {
-        ++counters.dropped;
-        return;
-    }
-    ++counters.rx_slow;
-    ++cpu_counters_.sent;
+    if (interface == cpu_.socket().interface())
+        return cpu_.socket().attach(index);
+    for (const auto &[number, port] : ports_)
+        if (interface == port.socket().interface())
+            return port.socket().attach(index);
+    return true;
 }
 
-void Forwarder::from_cpu(Frame frame)
+// User traffic is none of this path.
+void Forwarder::from_port(Port &port, Frame frame)
 {
-    ++cpu_counters_.received;
-    const auto egress = untag_from_cpu(frame);
-    if (!egress) {
-        ++cpu_counters_.bad_tag;
+    if (!is_slow_protocols(frame))
         return;
-    }
-    const auto port = ports_.find(egress->port);
-    if (port == ports_.end()) {
-        ++cpu_counters_.unknown_port;
-        return;
-    }
-    PortCounters &counters = port_counters_.at(egress->port);
-    ++(port->second.socket->send(egress->frame) ? counters.tx_slow : counters.dropped);
+    ++port.counters.rx_slow;
+    if (!cpu_.send(port.number(), frame))
+        ++port.counters.dropped;
+}
+
+bool Forwarder::from_cpu(std::uint32_t number, Frame frame)
+{
+    const auto found = ports_.find(number);
+    if (found == ports_.end())
+        return false;
+    Port &port = found->second;
+    ++(port.send(frame) ? port.counters.tx_slow : port.counters.dropped);
+    return true;
 }
 
 } // namespace olt

@@ -1,52 +1,33 @@
-// Slow-protocols frames between the uplink ports and the CPU interface.
+// Which way frames go: slow-protocols frames between the uplink ports and the CPU.
 #pragma once
 
-#include "event_loop.h"
+#include "cpu_port.h"
 #include "options.h"
-#include "packet_socket.h"
+#include "port.h"
 
 #include <map>
-#include <memory>
 
 namespace olt
 {
-
-struct PortCounters {
-    std::uint64_t rx_slow = 0; // handed to the CPU
-    std::uint64_t tx_slow = 0; // sent for the CPU
-    std::uint64_t dropped = 0; // could not be passed on
-};
-
-struct CpuCounters {
-    std::uint64_t received = 0;
-    std::uint64_t sent = 0;
-    std::uint64_t bad_tag = 0;
-    std::uint64_t unknown_port = 0;
-};
 
 class Forwarder
 {
   public:
     Forwarder(EventLoop &loop, const Options &options);
+    Forwarder(const Forwarder &) = delete;
+    Forwarder &operator=(const Forwarder &) = delete;
 
-    const std::map<std::uint32_t, PortCounters> &port_counters() const { return port_counters_; }
-    const CpuCounters &cpu_counters() const { return cpu_counters_; }
+    // An interface has got an index (again). False with errno when its frames cannot be had.
+    bool attach(const std::string &interface, int index) const;
+    const std::map<std::uint32_t, Port> &ports() const { return ports_; }
+    const CpuPort &cpu() const { return cpu_; }
 
   private:
-    struct Port {
-        std::unique_ptr<PacketSocket> socket;
-        std::unique_ptr<Event> readable;
-    };
+    void from_port(Port &port, Frame frame);
+    bool from_cpu(std::uint32_t number, Frame frame);
 
-    void from_port(std::uint32_t port, Frame frame);
-    void from_cpu(Frame frame);
-
-    std::uint16_t vlan_;
-    PacketSocket cpu_;
-    std::unique_ptr<Event> cpu_readable_;
+    CpuPort cpu_;
     std::map<std::uint32_t, Port> ports_;
-    std::map<std::uint32_t, PortCounters> port_counters_;
-    CpuCounters cpu_counters_;
 };
 
 } // namespace olt

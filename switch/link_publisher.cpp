@@ -1,77 +1,90 @@
 #include "link_publisher.h"
 
-#include <chrono>
 #include <stdexcept>
+#include <sys/eventfd.h>
 
 namespace olt
 {
 
-namespace
+LinkPublisher::LinkPublisher(EventLoop &loop, LinkStore &store, const std::map<std::uint32_t, bool> &links,
+                             std::function<void()> ready)
+    : store_(store), ready_(std::move(ready)), ready_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-
-constexpr int SLOT = 0;
-constexpr std::chrono::milliseconds RETRY_AFTER(500);
-
-} // namespace
-
-LinkPublisher::~LinkPublisher()
-{
-    thread_.request_stop();
-    changed_.notify_all();
-    if (thread_.joinable())
-        thread_.join();
-    database_close(&db_);
-}
-
-void LinkPublisher::start(const std::map<std::uint32_t, bool> &carriers)
-{
-    if (database_init(&db_) != 0)
-        throw std::runtime_error("the datastore cannot be used; install its modules first, or give --no-datastore");
-    for (const auto &[port, up] : carriers) {
-        if (db_olt_ifm_add_interface(SLOT, port, &db_, up) != 0)
-            throw std::runtime_error("the interface entry of port " + std::to_string(port) +
-                                     " cannot be created; if a daemon without that port runs, stop it first");
-        published_[port] = up;
-    }
+    if (!ready_event_.is_open())
+        throw std::runtime_error("an event descriptor cannot be had; raise the limit of open files");
+    ready_readable_ = Event::readable(loop, ready_event_.get(), [this] { on_ready(); });
+    for (const auto &[port, up] : links)
+        queue_.push(port, up);
     thread_ = std::jthread([this](const std::stop_token &stop) { work(stop); });
 }
 
 void LinkPublisher::publish(std::uint32_t port, bool up)
 {
-    {
-        const std::lock_guard guard(lock_);
-        changes_.push_back({port, up});
-    }
+    const std::lock_guard guard(lock_);
+    queue_.push(port, up);
+    news_ = true;
     changed_.notify_all();
 }
 
 std::map<std::uint32_t, bool> LinkPublisher::published() const
 {
     const std::lock_guard guard(lock_);
-    return published_;
+    return queue_.published();
 }
 
-bool LinkPublisher::write(const Change &change)
+PublisherCounters LinkPublisher::counters() const
 {
-    return db_olt_ifm_set_interface_basic_link_status(SLOT, change.port, &db_, change.up) == 0;
+    const std::lock_guard guard(lock_);
+    return counters_;
 }
 
-// A change stays at the head of the queue until it is written: a flap is written as a flap.
 void LinkPublisher::work(const std::stop_token &stop)
 {
     std::unique_lock guard(lock_);
-    while (changed_.wait(guard, stop, [this] { return !changes_.empty(); })) {
-        const Change change = changes_.front();
-        guard.unlock();
-        const bool written = write(change);
-        guard.lock();
-        if (written) {
-            changes_.pop_front();
-            published_[change.port] = change.up;
-        } else {
-            changed_.wait_for(guard, stop, RETRY_AFTER, [] { return false; });
+    for (bool told = false; !stop.stop_requested();) {
+        if (!told && queue_.all_tried()) {
+            tell_ready();
+            told = true;
         }
+        if (const auto next = queue_.next(LinkQueue::Clock::now()))
+            write(guard, *next);
+        else
+            wait(guard, stop);
     }
+}
+
+void LinkPublisher::write(std::unique_lock<std::mutex> &guard, const LinkWrite &write)
+{
+    guard.unlock();
+    const bool written = write.create ? store_.create(write.port, write.up) : store_.set(write.port, write.up);
+    guard.lock();
+    if (written) {
+        ++counters_.written;
+        queue_.written(write.port);
+    } else {
+        ++counters_.failed;
+        queue_.failed(write.port, LinkQueue::Clock::now());
+    }
+}
+
+void LinkPublisher::wait(std::unique_lock<std::mutex> &guard, const std::stop_token &stop)
+{
+    news_ = false;
+    if (const auto due = queue_.due())
+        changed_.wait_until(guard, stop, *due, [this] { return news_; });
+    else
+        changed_.wait(guard, stop, [this] { return news_; });
+}
+
+void LinkPublisher::tell_ready() const
+{
+    eventfd_write(ready_event_.get(), 1);
+}
+
+void LinkPublisher::on_ready()
+{
+    ready_readable_.reset();
+    ready_();
 }
 
 } // namespace olt

@@ -1,48 +1,54 @@
-// Writes the ports' interface entries and link status into the datastore.
+// Keeps the ports' link status in the datastore up to date.
 #pragma once
 
-#include "keldatabase/keldatabase.h"
+#include "event_loop.h"
+#include "link_queue.h"
+#include "link_store.h"
+#include "unix_socket.h"
 
 #include <condition_variable>
-#include <deque>
-#include <map>
 #include <mutex>
 #include <thread>
 
 namespace olt
 {
 
-// A write waits for the daemon's handlers, so it has a thread of its own: frames go on meanwhile. Each change is a
-// transaction of its own, in the order of the changes. A write that fails is tried again until it succeeds.
+struct PublisherCounters {
+    std::uint64_t written = 0;
+    std::uint64_t failed = 0;
+};
+
+// A write waits for the daemon's handlers, maybe for seconds, so writes have a thread of their own: frames go on
+// meanwhile.
 class LinkPublisher
 {
   public:
-    LinkPublisher() = default;
-    ~LinkPublisher();
-    LinkPublisher(const LinkPublisher &) = delete;
-    LinkPublisher &operator=(const LinkPublisher &) = delete;
+    // `ready` is called once, on the loop's thread, when every port of `links` has had its first write tried.
+    LinkPublisher(EventLoop &loop, LinkStore &store, const std::map<std::uint32_t, bool> &links,
+                  std::function<void()> ready);
 
-    // Creates every entry with its first value, then starts the thread. Throws when the datastore is not usable.
-    void start(const std::map<std::uint32_t, bool> &carriers);
     void publish(std::uint32_t port, bool up);
-    // What the datastore holds by now.
     std::map<std::uint32_t, bool> published() const;
+    PublisherCounters counters() const;
 
   private:
-    struct Change {
-        std::uint32_t port;
-        bool up;
-    };
-
     void work(const std::stop_token &stop);
-    bool write(const Change &change);
+    void write(std::unique_lock<std::mutex> &guard, const LinkWrite &write);
+    void wait(std::unique_lock<std::mutex> &guard, const std::stop_token &stop);
+    void tell_ready() const;
+    void on_ready();
 
-    KelDb db_{};
-    mutable std::mutex lock_;
+    LinkStore &store_;
+    mutable std::mutex lock_; // never held during a write
     std::condition_variable_any changed_;
-    std::deque<Change> changes_;
-    std::map<std::uint32_t, bool> published_;
-    std::jthread thread_;
+    LinkQueue queue_;
+    PublisherCounters counters_;
+    bool news_ = false; // a change came in
+
+    std::function<void()> ready_;
+    Descriptor ready_event_;
+    std::unique_ptr<Event> ready_readable_;
+    std::jthread thread_; // last, so that it ends first
 };
 
 } // namespace olt

@@ -1,4 +1,4 @@
-// A packet socket bound to one interface.
+// A packet socket on one interface.
 #pragma once
 
 #include "switch_tag.h"
@@ -10,16 +10,20 @@
 namespace olt
 {
 
+// Sees every frame that comes in on its interface, as it was on the wire, and none that goes out.
 class PacketSocket
 {
   public:
-    // Receives frames of one EtherType (host order; ETH_P_ALL for all). Throws when there is no such interface.
-    PacketSocket(const std::string &interface, std::uint16_t ethertype);
+    using Take = std::function<void(Frame)>;
 
+    explicit PacketSocket(std::string interface);
+
+    // Follows the interface to its present index; false with errno when it cannot be listened to.
+    bool attach(int index) const;
     int get() const { return socket_.get(); }
     const std::string &interface() const { return interface_; }
-    // Hands every waiting frame on, up to a bound, so that no interface starves another.
-    void receive(const std::function<void(Frame)> &take) const;
+    // Hands waiting frames on, up to a bound, so that no interface starves another.
+    void receive(const Take &take) const;
     bool send(Frame frame) const;
 
   private:

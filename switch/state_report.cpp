@@ -26,59 +26,85 @@ Json trunks_json(const TrunkTable &trunks)
     return list;
 }
 
-Json driver_json(const DriverService &driver)
+Json published_json(const std::map<std::uint32_t, bool> &published, std::uint32_t port)
 {
-    const DriverCounters &counters = driver.counters();
-    return {{"clients", driver.clients()},   {"creates", counters.creates}, {"destroys", counters.destroys},
-            {"psc_sets", counters.psc_sets}, {"refused", counters.refused}, {"malformed", counters.malformed}};
+    const auto status = published.find(port);
+    return status == published.end() ? Json() : Json(status->second ? "up" : "down");
 }
 
-Json cpu_json(const std::string &interface, const CpuCounters &counters)
+Json ports_json(const StateSources &sources)
 {
-    return {{"interface", interface},
+    const auto published =
+        sources.publisher == nullptr ? std::map<std::uint32_t, bool>() : sources.publisher->published();
+    Json list = Json::array();
+    for (const auto &[number, port] : sources.forwarder.ports()) {
+        const std::string &interface = port.socket().interface();
+        list.push_back({{"port", number},
+                        {"interface", interface},
+                        {"carrier", sources.links.link(interface).carrier},
+                        {"published", published_json(published, number)},
+                        {"rx_slow", port.counters.rx_slow},
+                        {"tx_slow", port.counters.tx_slow},
+                        {"dropped", port.counters.dropped}});
+    }
+    return list;
+}
+
+Json cpu_json(const CpuPort &cpu)
+{
+    const CpuCounters &counters = cpu.counters();
+    return {{"interface", cpu.socket().interface()},
             {"received", counters.received},
             {"sent", counters.sent},
             {"bad_tag", counters.bad_tag},
-            {"unknown_port", counters.unknown_port}};
+            {"unknown_port", counters.unknown_port},
+            {"send_failed", counters.send_failed}};
+}
+
+Json driver_json(const DriverService &driver)
+{
+    const DriverCounters &counters = driver.counters();
+    return {{"clients", driver.clients()},        {"creates", counters.creates}, {"destroys", counters.destroys},
+            {"psc_sets", counters.psc_sets},      {"refused", counters.refused}, {"malformed", counters.malformed},
+            {"moved_ports", counters.moved_ports}};
+}
+
+Json datastore_json(const LinkPublisher *publisher)
+{
+    if (publisher == nullptr)
+        return nullptr;
+    const PublisherCounters counters = publisher->counters();
+    return {{"written", counters.written}, {"failed", counters.failed}};
 }
 
 } // namespace
 
-StateReport::StateReport(EventLoop &loop, const Options &options, const Forwarder &forwarder,
-                         const CarrierMonitor &carriers, const LinkPublisher &publisher, const DriverService &driver)
-    : options_(options), forwarder_(forwarder), carriers_(carriers), publisher_(publisher), driver_(driver),
-      listening_(options.state_socket, SOCK_STREAM)
+std::string state_text(const StateSources &sources)
 {
-    acceptable_ = Event::readable(loop, listening_.get(), [this] { answer(); });
-}
-
-std::string StateReport::text() const
-{
-    const auto published = publisher_.published();
-    Json ports = Json::array();
-    for (const auto &[number, interface] : options_.ports) {
-        const PortCounters &counters = forwarder_.port_counters().at(number);
-        const auto status = published.find(number);
-        ports.push_back({{"port", number},
-                         {"interface", interface},
-                         {"carrier", carriers_.is_up(number)},
-                         {"published", status == published.end() ? Json() : Json(status->second ? "up" : "down")},
-                         {"rx_slow", counters.rx_slow},
-                         {"tx_slow", counters.tx_slow},
-                         {"dropped", counters.dropped}});
-    }
-    const Json state = {{"trunks", trunks_json(driver_.trunks())},
-                        {"ports", std::move(ports)},
-                        {"cpu", cpu_json(options_.cpu, forwarder_.cpu_counters())},
-                        {"driver", driver_json(driver_)}};
+    const Json state = {{"trunks", trunks_json(sources.driver.trunks())},
+                        {"ports", ports_json(sources)},
+                        {"cpu", cpu_json(sources.forwarder.cpu())},
+                        {"driver", driver_json(sources.driver)},
+                        {"datastore", datastore_json(sources.publisher)}};
     return state.dump(2) + "\n";
 }
 
+StateService::StateService(EventLoop &loop, const std::string &path, Text text)
+    : loop_(loop), text_(std::move(text)), listening_(path, SOCK_STREAM)
+{
+}
+
+void StateService::start()
+{
+    listening_.listen();
+    acceptable_ = Event::readable(loop_, listening_.get(), [this] { answer(); });
+}
+
 // The document is far smaller than a socket's buffer, so a client that does not read blocks nobody.
-void StateReport::answer() const
+void StateService::answer() const
 {
     for (Descriptor client = listening_.accept(); client.is_open(); client = listening_.accept()) {
-        const std::string document = text();
+        const std::string document = text_();
         send(client.get(), document.data(), document.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     }
 }
@@ -95,6 +121,7 @@ int show_state(const std::string &path)
     for (ssize_t length = read(socket.get(), buffer.data(), buffer.size()); length > 0;
          length = read(socket.get(), buffer.data(), buffer.size()))
         std::cout.write(buffer.data(), length);
+    std::cout.flush();
     return 0;
 }
 

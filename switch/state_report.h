@@ -1,30 +1,40 @@
 // The switch's state in JSON, for people and tests.
 #pragma once
 
-#include "carrier_monitor.h"
 #include "driver_service.h"
 #include "forwarder.h"
+#include "link_monitor.h"
 #include "link_publisher.h"
 
 namespace olt
 {
 
+// What a report is made of. `publisher` is null without a datastore.
+struct StateSources {
+    const Options &options;
+    const Forwarder &forwarder;
+    const LinkMonitor &links;
+    const DriverService &driver;
+    const LinkPublisher *publisher;
+};
+
+std::string state_text(const StateSources &sources);
+
 // Answers every connection to the state socket with one JSON document.
-class StateReport
+class StateService
 {
   public:
-    StateReport(EventLoop &loop, const Options &options, const Forwarder &forwarder, const CarrierMonitor &carriers,
-                const LinkPublisher &publisher, const DriverService &driver);
+    using Text = std::function<std::string()>;
+
+    // Takes the path, and answers from start() on.
+    StateService(EventLoop &loop, const std::string &path, Text text);
+    void start();
 
   private:
     void answer() const;
-    std::string text() const;
 
-    const Options &options_;
-    const Forwarder &forwarder_;
-    const CarrierMonitor &carriers_;
-    const LinkPublisher &publisher_;
-    const DriverService &driver_;
+    EventLoop &loop_;
+    Text text_;
     ListeningSocket listening_;
     std::unique_ptr<Event> acceptable_;
 };

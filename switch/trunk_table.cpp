@@ -36,24 +36,40 @@ std::vector<std::uint32_t> port_numbers(Members members)
     return numbers;
 }
 
-void TrunkTable::take_away(Members members, std::uint32_t from_others_than)
+const Trunk *TrunkTable::find(std::uint32_t group) const
 {
-    for (auto trunk = trunks_.begin(); trunk != trunks_.end();) {
-        if (trunk->first != from_others_than)
-            trunk->second.members &= ~members;
-        trunk = trunk->second.members.none() ? trunks_.erase(trunk) : std::next(trunk);
+    const auto trunk = trunks_.find(group);
+    return trunk == trunks_.end() ? nullptr : &trunk->second;
+}
+
+void TrunkTable::take_from_others(Members members, std::uint32_t group, Effect &effect)
+{
+    for (auto entry = trunks_.begin(); entry != trunks_.end();) {
+        auto &[number, trunk] = *entry;
+        const Members moved = number == group ? Members() : trunk.members & members;
+        if (moved.any()) {
+            effect.changed.push_back(number);
+            effect.moved_ports += moved.count();
+            trunk.members &= ~moved;
+        }
+        entry = trunk.members.none() ? trunks_.erase(entry) : std::next(entry);
     }
 }
 
-void TrunkTable::set(std::uint32_t group, std::uint32_t criterion, Members members)
+TrunkTable::Effect TrunkTable::set(std::uint32_t group, std::uint32_t criterion, Members members)
 {
-    take_away(members, group);
+    Effect effect;
+    take_from_others(members, group, effect);
+    const Trunk *before = find(group);
+    if (before == nullptr || before->criterion != criterion || before->members != members)
+        effect.changed.push_back(group);
     trunks_[group] = {criterion, members, false};
+    return effect;
 }
 
-void TrunkTable::remove(std::uint32_t group)
+bool TrunkTable::remove(std::uint32_t group)
 {
-    trunks_.erase(group);
+    return trunks_.erase(group) != 0;
 }
 
 bool TrunkTable::set_criterion(std::uint32_t group, std::uint32_t criterion)
@@ -72,11 +88,12 @@ void TrunkTable::mark_stale(Clock::time_point deadline)
     deadline_ = deadline;
 }
 
-std::vector<std::uint32_t> TrunkTable::sweep(Clock::time_point now)
+TrunkTable::Groups TrunkTable::sweep(Clock::time_point now)
 {
-    std::vector<std::uint32_t> removed;
-    if (now < deadline_)
+    Groups removed;
+    if (!deadline_ || now < *deadline_)
         return removed;
+    deadline_.reset();
     for (const auto &[group, trunk] : trunks_)
         if (trunk.stale)
             removed.push_back(group);

@@ -1,11 +1,12 @@
 #include "unix_socket.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <grp.h>
 #include <stdexcept>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -19,29 +20,68 @@ namespace
 
 constexpr int BACKLOG = 16;
 constexpr mode_t SOCKET_MODE = 0660;
+constexpr mode_t LOCK_MODE = 0600;
+constexpr auto FOLDER_MODE = static_cast<std::filesystem::perms>(0755);
 constexpr char SOCKET_GROUP[] = "daemon";
+
+[[noreturn]] void fail(const std::string &path, const std::string &what)
+{
+    throw std::runtime_error("socket " + path + " " + what);
+}
+
+[[noreturn]] void fail_with_errno(const std::string &path, const std::string &what)
+{
+    fail(path, what + ": " + std::strerror(errno) + "; run as root, or name a path in a folder that can be written");
+}
 
 sockaddr_un address_of(const std::string &path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path))
-        throw std::runtime_error("socket path " + path + " is too long; choose one of at most 107 characters");
+    if (path.empty() || path.size() >= sizeof(address.sun_path))
+        fail(path, "cannot be used; choose a path of 1 to 107 characters");
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     return address;
 }
 
-[[noreturn]] void fail(const std::string &path, const char *what)
+void make_folder_of(const std::string &path)
 {
-    throw std::runtime_error("socket " + path + ": " + what + ": " + std::strerror(errno) +
-                             "; check that its folder exists and can be written");
+    const auto folder = std::filesystem::path(path).parent_path();
+    std::error_code ignored; // a folder that cannot be made shows in the lock
+    if (!folder.empty() && std::filesystem::create_directories(folder, ignored))
+        std::filesystem::permissions(folder, FOLDER_MODE, ignored);
+}
+
+// Two programs that start at the same moment cannot both have it, unlike the socket file alone.
+Descriptor take_lock(const std::string &path)
+{
+    const std::string name = path + ".lock";
+    Descriptor lock(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE));
+    if (!lock.is_open())
+        fail_with_errno(path, "cannot be created beside its lock file");
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
+        fail(path, "is served by another switch; stop that one, or name another path");
+    return lock;
+}
+
+void remove_stale(const std::string &path, int type)
+{
+    struct stat status {
+    };
+    if (lstat(path.c_str(), &status) != 0)
+        return;
+    if (!S_ISSOCK(status.st_mode))
+        fail(path, "cannot be created: a file that is no socket is there; remove it, or name another path");
+    if (connect_to(path, type).is_open())
+        fail(path, "is served by another program; stop that one, or name another path");
+    unlink(path.c_str());
 }
 
 void give_to_group(const std::string &path)
 {
     const group *owner = getgrnam(SOCKET_GROUP);
     if (owner != nullptr && chown(path.c_str(), static_cast<uid_t>(-1), owner->gr_gid) != 0 && geteuid() == 0)
-        fail(path, "cannot be given to its group");
+        fail_with_errno(path, "cannot be given to its group");
 }
 
 } // namespace
@@ -62,32 +102,39 @@ Descriptor connect_to(const std::string &path, int type)
     return socket;
 }
 
-ListeningSocket::ListeningSocket(const std::string &path, int type) : path_(path)
+ListeningSocket::File::~File()
 {
-    const sockaddr_un address = address_of(path);
-    if (connect_to(path, type).is_open())
-        throw std::runtime_error("socket " + path +
-                                 " is served by another switch; stop that one or name another path");
-    std::error_code ignored; // a folder that cannot be made shows in bind
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    unlink(path.c_str());
-
-    Descriptor socket(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const mode_t old_mask = umask(static_cast<mode_t>(~SOCKET_MODE & 0777));
-    const int bound =
-        socket.is_open() ? bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) : -1;
-    umask(old_mask);
-    if (bound != 0)
-        fail(path, "cannot be created");
-    give_to_group(path);
-    if (listen(socket.get(), BACKLOG) != 0)
-        fail(path, "cannot listen");
-    socket_ = std::move(socket);
+    if (bound_)
+        unlink(path_.c_str());
 }
 
-ListeningSocket::~ListeningSocket()
+void ListeningSocket::File::bind(int socket)
 {
-    unlink(path_.c_str());
+    const sockaddr_un address = address_of(path_);
+    if (::bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+        fail_with_errno(path_, "cannot be created");
+    bound_ = true;
+}
+
+ListeningSocket::ListeningSocket(const std::string &path, int type) : file_(path)
+{
+    (void)address_of(path); // refuses a bad path before anything is made
+    make_folder_of(path);
+    lock_ = take_lock(path);
+    remove_stale(path, type);
+    socket_ = Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket_.is_open())
+        fail_with_errno(path, "cannot be created");
+    file_.bind(socket_.get());
+    if (chmod(path.c_str(), SOCKET_MODE) != 0) // nobody can connect before listen()
+        fail_with_errno(path, "cannot be protected");
+    give_to_group(path);
+}
+
+void ListeningSocket::listen() const
+{
+    if (::listen(socket_.get(), BACKLOG) != 0)
+        fail_with_errno(file_.path(), "cannot be listened on");
 }
 
 Descriptor ListeningSocket::accept() const

@@ -25,22 +25,38 @@ class Descriptor
     int fd_;
 };
 
-// A listening socket at a path, for root and group "daemon". Takes over the path of a switch that is gone; refuses
-// that of one that runs. Throws std::runtime_error with what failed and what to do.
+// A socket at a path, for root and group "daemon". Takes over the path of a program that is gone; refuses that of one
+// that runs. Throws std::runtime_error with what failed and what to do.
 class ListeningSocket
 {
   public:
+    // Takes the path; connections are refused until listen() is called.
     ListeningSocket(const std::string &path, int type);
-    ~ListeningSocket();
-    ListeningSocket(const ListeningSocket &) = delete;
-    ListeningSocket &operator=(const ListeningSocket &) = delete;
 
+    void listen() const;
     int get() const { return socket_.get(); }
     Descriptor accept() const; // non-blocking; not open when nobody waits
 
   private:
-    std::string path_;
+    // The file of a bound socket; goes with its object.
+    class File
+    {
+      public:
+        explicit File(std::string path) : path_(std::move(path)) {}
+        ~File();
+        File(const File &) = delete;
+        File &operator=(const File &) = delete;
+        void bind(int socket);
+        const std::string &path() const { return path_; }
+
+      private:
+        std::string path_;
+        bool bound_ = false;
+    };
+
+    Descriptor lock_; // an advisory lock beside the socket; the kernel drops it with the process
     Descriptor socket_;
+    File file_;
 };
 
 // A connection to a path, or a descriptor that is not open.

@@ -1,0 +1,42 @@
+// The software switch: its parts and what they tell each other.
+#pragma once
+
+#include "driver_service.h"
+#include "forwarder.h"
+#include "link_monitor.h"
+#include "link_publisher.h"
+#include "state_report.h"
+
+#include <optional>
+
+namespace olt
+{
+
+// Everything that can be wrong at start-up throws from the constructor, before anything is written. Frames are
+// passed on from then on; the state socket, which tells that the switch is ready, answers when the interface entries
+// have been written.
+class Switch
+{
+  public:
+    Switch(EventLoop &loop, const Options &options);
+    Switch(const Switch &) = delete;
+    Switch &operator=(const Switch &) = delete;
+
+  private:
+    void attach(const std::string &interface, int index) const;
+    void link_changed(const std::string &interface, const Link &before, const Link &now);
+    void publish_links();
+    void ready();
+
+    EventLoop &loop_;
+    const Options options_;
+    std::map<std::string, std::uint32_t> numbers_; // by interface
+    DriverService driver_;                         // first: it refuses a second switch
+    StateService state_;
+    Forwarder forwarder_;
+    LinkMonitor links_;
+    std::unique_ptr<LinkStore> store_;
+    std::optional<LinkPublisher> publisher_; // empty without a datastore
+};
+
+} // namespace olt
