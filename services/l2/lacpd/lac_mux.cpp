@@ -140,9 +140,11 @@ bool is_synchronized(const LacPort *port)
     return (port->partner_oper_state & LAC_SYNCHRONIZATION) != 0;
 }
 
-bool is_lone(const LacPort *port)
+// Whether the port may collect and distribute: with a synchronized partner, or alone. Entering and staying have the
+// same test, or the machine would go to and fro without end.
+bool may_collect(const LacPort *port)
 {
-    return port->individual == 1 && port->rxm == LAC_RX_DEFAULTED;
+    return is_synchronized(port) || (port->individual == 1 && port->rxm == LAC_RX_DEFAULTED);
 }
 
 void enter_detached(const MuxRun &run)
@@ -233,7 +235,7 @@ bool evaluate_attached(const MuxRun &run)
         port->muxm = LAC_MUX_ENTER_DETACHED;
         return true;
     }
-    if (port->selected == LAC_SELECTED && (is_synchronized(port) || is_lone(port))) {
+    if (port->selected == LAC_SELECTED && may_collect(port)) {
         port->muxm = LAC_MUX_ENTER_COLLECTING_DISTRIBUTING;
         return true;
     }
@@ -256,7 +258,7 @@ bool evaluate_collecting_distributing(const MuxRun &run)
     LacPort *port = run.port;
     lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d selected %d synchronization %d]\r\n", run.port_no,
               port->muxm.get(), port->selected.get(), is_synchronized(port));
-    if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && is_synchronized(port))
+    if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && may_collect(port))
         return false;
     port->muxm = LAC_MUX_ENTER_ATTACHED;
     return true;
