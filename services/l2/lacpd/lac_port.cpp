@@ -80,10 +80,13 @@ void lac_LacInit()
     lacSystem->system_mac = mac;
 
     const std::uint32_t count = lacpCtrl.port_count;
-    auto *ports = lac_new_records<LacPort>(MTYPE_LACP_PORT, count);
     LacPort *const head = &lacSystem->head;
-    head->next = count == 0 ? head : &ports[0];
+    head->next = head;
     head->system = lacSystem;
+    if (count == 0)
+        return;
+    auto *ports = lac_new_records<LacPort>(MTYPE_LACP_PORT, count);
+    head->next = &ports[0];
     for (std::uint32_t i = 0; i < count; ++i) {
         LacPort &port = ports[i];
         port.next = i + 1 < count ? &ports[i + 1] : head;
