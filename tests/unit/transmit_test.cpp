@@ -59,9 +59,10 @@ TEST_F(TransmitTest, AtMostThreeLeaveBetweenTwoPeriodicOnes)
 {
     LacPort &record = settled_port(0);
     const auto ntt = [&] { tx_machine(&record, Lac_ntt); };
-    // The periodic machine transmits on tick 1, after that tick's own LACPDU: it starts the count again, and three
-    // leave. The next one waits for the next periodic transmission and leaves with its LACPDU.
-    EXPECT_EQ(transmissions(5, ntt), (Ticks{1, 2, 3, 4}));
+    // Nothing leaves on tick 1; then the periodic machine starts the count again, and three leave. The next one waits
+    // for the next periodic transmission and leaves with its LACPDU.
+    record.hold_count = 3;
+    EXPECT_EQ(transmissions(5, ntt), (Ticks{2, 3, 4}));
     EXPECT_EQ(record.hold_count, 3U);
     EXPECT_EQ(record.ntt, 1U);
     EXPECT_EQ(transmissions(26, ntt), Ticks{});

@@ -1,0 +1,364 @@
+// Mux machine and attachment to aggregators.
+#include "engine.h"
+
+namespace
+{
+
+constexpr std::uint8_t OPERATION = LAC_SYNCHRONIZATION | LAC_COLLECTING | LAC_DISTRIBUTING;
+
+class MuxTest : public EngineTest
+{
+  protected:
+    // A port in group 1 with a partner, its machine held in a state.
+    LacPort &port_in(std::uint32_t muxm, std::uint32_t selected)
+    {
+        LacPort &record = current_port(1);
+        record.aggregator = &record;
+        record.individual = 0;
+        record.muxm = muxm;
+        record.selected = selected;
+        record.ready_n = 0;
+        fake::take_writes();
+        return record;
+    }
+};
+
+TEST_F(MuxTest, Transitions)
+{
+    constexpr std::uint8_t SYNC = LAC_SYNCHRONIZATION;
+    struct Row {
+        const char *name;
+        std::uint32_t from;
+        std::uint32_t selected;
+        std::uint32_t ready_n;
+        std::uint8_t partner;
+        std::uint32_t to;
+        std::uint8_t actor; // Synchronization, Collecting, Distributing afterwards
+        std::uint32_t attached;
+    };
+    const Row rows[] = {
+        {"not selected", 0x11, LAC_UNSELECTED, 0, SYNC, LAC_MUX_DETACHED, 0, 0},
+        {"selected", 0x11, LAC_SELECTED, 0, SYNC, LAC_MUX_WAITING, 0, 0},
+        {"standby", 0x11, LAC_STANDBY, 0, SYNC, LAC_MUX_WAITING, 0, 0},
+        {"detached, not selected", 1, LAC_UNSELECTED, 0, SYNC, LAC_MUX_DETACHED, OPERATION, 0},
+        {"detached, selected", 1, LAC_SELECTED, 0, SYNC, LAC_MUX_WAITING, OPERATION, 0},
+        {"enter waiting", 0x12, LAC_SELECTED, 0, SYNC, LAC_MUX_WAITING, OPERATION, 0},
+        {"waiting, ready", 2, LAC_SELECTED, 1, 0, LAC_MUX_ATTACHED, SYNC, 1},
+        {"waiting, ready, partner ready", 2, LAC_SELECTED, 1, SYNC, LAC_MUX_COLLECTING_DISTRIBUTING, OPERATION, 1},
+        {"waiting, standby", 2, LAC_STANDBY, 1, SYNC, LAC_MUX_WAITING, OPERATION, 0},
+        {"waiting, unselected", 2, LAC_UNSELECTED, 1, SYNC, LAC_MUX_DETACHED, 0, 0},
+        {"enter attached", 0x13, LAC_SELECTED, 0, 0, LAC_MUX_ATTACHED, SYNC, 1},
+        {"attached, partner synchronizes", 3, LAC_SELECTED, 0, SYNC, LAC_MUX_COLLECTING_DISTRIBUTING, OPERATION, 0},
+        {"attached, standby", 3, LAC_STANDBY, 0, SYNC, LAC_MUX_WAITING, 0, 0},
+        {"attached, unselected", 3, LAC_UNSELECTED, 0, SYNC, LAC_MUX_DETACHED, 0, 0},
+        {"enter collecting", 0x14, LAC_SELECTED, 0, SYNC, LAC_MUX_COLLECTING_DISTRIBUTING, OPERATION, 0},
+        {"enter distributing", 0x15, LAC_SELECTED, 0, SYNC, LAC_MUX_COLLECTING_DISTRIBUTING, OPERATION, 0},
+        {"enter both", 0x16, LAC_SELECTED, 0, SYNC, LAC_MUX_COLLECTING_DISTRIBUTING, OPERATION, 0},
+        {"partner loses synchronization", 6, LAC_SELECTED, 0, 0, LAC_MUX_ATTACHED, SYNC, 1},
+        {"collecting, the same", 4, LAC_SELECTED, 0, 0, LAC_MUX_ATTACHED, SYNC, 1},
+        {"distributing, nothing changes", 5, LAC_SELECTED, 0, SYNC, 5, OPERATION, 0},
+        {"both, nothing changes", 6, LAC_SELECTED, 0, SYNC, 6, OPERATION, 0},
+        {"both, unselected", 6, LAC_UNSELECTED, 0, SYNC, LAC_MUX_DETACHED, 0, 0},
+        {"both, standby", 6, LAC_STANDBY, 0, SYNC, LAC_MUX_WAITING, 0, 0},
+        {"not started", 0, LAC_SELECTED, 1, SYNC, 0, OPERATION, 0},
+        {"no state", 7, LAC_UNSELECTED, 1, SYNC, 7, OPERATION, 0},
+        {"no state", 0x10, LAC_SELECTED, 1, SYNC, 0x10, OPERATION, 0},
+        {"no state", 0x17, LAC_SELECTED, 1, SYNC, 0x17, OPERATION, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        LacPort &record = port_in(row.from, row.selected);
+        record.attached = 0;
+        record.ready_n = row.ready_n;
+        record.partner_oper_state = row.partner;
+        record.actor_oper_state = OPERATION | LAC_ACTIVITY;
+        lacMuxMachine(&record);
+        EXPECT_EQ(record.muxm, row.to);
+        EXPECT_EQ(record.actor_oper_state, row.actor | LAC_ACTIVITY);
+        EXPECT_EQ(record.attached, row.attached);
+        EXPECT_EQ(lacGetMuxMachineState(1), row.to & 15);
+    }
+}
+
+TEST_F(MuxTest, DetachingTellsThePartnerAndForgetsTheAggregation)
+{
+    LacPort &record = port_in(0x11, LAC_UNSELECTED);
+    record.ntt = 0;
+    record.ready_n = 1;
+    record.aggregator_partner_system = PEER_MAC;
+    record.aggregator_partner_key = 7;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.ntt, 1U);
+    EXPECT_EQ(record.ready_n, 0U);
+    EXPECT_EQ(record.aggregator_partner_system.get(), Mac{});
+    EXPECT_EQ(record.aggregator_partner_key, 0);
+}
+
+TEST_F(MuxTest, WaitingStartsTheTimerOnceAndRearmsItOnEveryRun)
+{
+    LacPort &record = port_in(0x11, LAC_SELECTED);
+    record.wait_while_timer.active = 0;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.wait_while_timer.active, 1U);
+    EXPECT_EQ(record.wait_while_timer.count, 2U);
+    record.wait_while_timer.count = 1;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.wait_while_timer.count, 2U);
+    EXPECT_EQ(record.muxm, LAC_MUX_WAITING);
+}
+
+TEST_F(MuxTest, ReadyIsTheReadinessOfAnySelectedPortOfTheGroup)
+{
+    struct Row {
+        const char *name;
+        std::uint32_t group;
+        std::uint32_t selected;
+        std::uint32_t ready_n;
+        std::uint32_t ready;
+    };
+    const Row rows[] = {
+        {"selected and ready", 1, LAC_SELECTED, 1, 1},
+        {"not ready", 1, LAC_SELECTED, 0, 0},
+        {"standby", 1, LAC_STANDBY, 1, 0},
+        {"another group", 2, LAC_SELECTED, 1, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        LacPort &record = port_in(LAC_MUX_WAITING, LAC_SELECTED);
+        LacPort &other = port(3);
+        other.channel_group_id = row.group;
+        other.selected = row.selected;
+        other.ready_n = row.ready_n;
+        record.partner_oper_state = 0;
+        record.ready = 1 - row.ready;
+        lacMuxMachine(&record);
+        EXPECT_EQ(record.ready, row.ready);
+        EXPECT_EQ(record.muxm, row.ready == 1 ? LAC_MUX_ATTACHED : LAC_MUX_WAITING);
+        record.attached = 0;
+    }
+}
+
+TEST_F(MuxTest, AttachingCountsAndTellsThePartner)
+{
+    LacPort &record = port_in(0x13, LAC_SELECTED);
+    record.partner_oper_state = 0;
+    record.aggregator_partner_key = 0;
+    record.ntt = 0;
+    record.ready_n = 1;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.stats->attach_count, 1U);
+    EXPECT_EQ(record.ntt, 1U);
+    EXPECT_EQ(record.ready_n, 0U);
+    EXPECT_EQ(record.aggregator_partner_system.get(), PEER_MAC);
+    EXPECT_EQ(record.aggregator_partner_key, 7);
+}
+
+TEST_F(MuxTest, OnlyTheAggregatorItselfTakesThePartnerIntoItsView)
+{
+    LacPort &record = port_in(0x13, LAC_SELECTED);
+    record.partner_oper_state = 0;
+    record.aggregator = &port(2);
+    record.aggregator_partner_system = Mac{};
+    record.aggregator_partner_key = 0;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.aggregator_partner_system.get(), Mac{});
+    EXPECT_EQ(record.aggregator_partner_key, 0);
+    EXPECT_EQ(port(2).aggregator_partner_key, 0);
+}
+
+TEST_F(MuxTest, ALonePortNeedsNoSynchronizedPartner)
+{
+    LacPort &record = port_in(0x13, LAC_SELECTED);
+    record.individual = 1;
+    record.rxm = LAC_RX_DEFAULTED;
+    record.partner_oper_state = 0;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.muxm, LAC_MUX_COLLECTING_DISTRIBUTING);
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.muxm, LAC_MUX_COLLECTING_DISTRIBUTING) << "and stays there";
+    EXPECT_EQ(record.stats->attach_count, 1U);
+    record.selected = LAC_UNSELECTED;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.muxm, LAC_MUX_DETACHED);
+}
+
+// A DEFAULTED port hears a LACPDU while the link of its aggregator is gone: the partner is recorded, out of
+// synchronization, and the port is still DEFAULTED when selection lets it stand alone.
+TEST_F(MuxTest, ALonePortSurvivesALacpduThatDoesNotCount)
+{
+    current_port(1);
+    LacPort &record = current_port(2);
+    ASSERT_NE(ticks_until([&] { return record.muxm == LAC_MUX_COLLECTING_DISTRIBUTING; }), 0U);
+    ASSERT_EQ(record.aggregator.get(), &port(1));
+    lacRxMachine(&record, Lac_current_while_timer_expired, nullptr);
+    lacRxMachine(&record, Lac_current_while_timer_expired, nullptr);
+    ASSERT_EQ(record.rxm, LAC_RX_DEFAULTED);
+    set_link(1, false);
+    receive(2, pdu_bytes(peer(2), {}));
+    ASSERT_EQ(record.rxm, LAC_RX_DEFAULTED);
+    ASSERT_EQ(record.partner_oper_state & LAC_SYNCHRONIZATION, 0);
+    change_link(1, false);
+    EXPECT_EQ(record.individual, 1U);
+    EXPECT_EQ(record.muxm, LAC_MUX_COLLECTING_DISTRIBUTING);
+}
+
+TEST_F(MuxTest, InitialisingStartsOverAndTakesTheBitFromTheOldAggregator)
+{
+    LacPort &record = port_in(6, LAC_SELECTED);
+    record.aggregator = &port(2);
+    port(2).port_mask = 0x3;
+    record.coll_dist = 1;
+    record.attached = 1;
+    lacMuxMachineInitPort(&record);
+    EXPECT_EQ(port(2).port_mask, 0x2U);
+    EXPECT_EQ(record.muxm, LAC_MUX_DETACHED);
+    EXPECT_EQ(record.selected, LAC_UNSELECTED);
+    EXPECT_EQ(record.attached, 0U);
+    EXPECT_EQ(record.coll_dist, 0U);
+    EXPECT_EQ(record.aggregator.get(), &record);
+    EXPECT_EQ(fake::take_writes(), Texts{}) << "what was attached is forgotten, not removed";
+}
+
+// ---- masks ----------------------------------------------------------------------------------------------------
+
+TEST_F(MuxTest, MasksHoldEachMemberOnce)
+{
+    LacPort &record = port_in(1, LAC_SELECTED);
+    LacPort &aggregator = port(2);
+    record.aggregator = &aggregator;
+    record.coll_dist = 0;
+    aggregator.port_mask = 0x4;
+    lacDebug = LAC_DBG_COLL_DIST | LAC_DBG_MASK;
+    EXPECT_EQ(printed([&] { Enable_Collecting_Distributing(&record); }),
+              "[ECD p=1, ap=2]\r\n[Add Mask: 1 to 2 1:5]\r\n");
+    EXPECT_EQ(printed([&] { Enable_Collecting_Distributing(&record); }), "");
+    EXPECT_EQ(aggregator.port_mask, 0x5U);
+    EXPECT_EQ(printed([&] { Disable_Collecting_Distributing(&record, &aggregator); }),
+              "[DCD p=1, ap=2]\r\n[Remove Mask: 1 from 2 1:4]\r\n");
+    aggregator.port_mask = 0x5;
+    EXPECT_EQ(printed([&] { Disable_Collecting_Distributing(&record, &aggregator); }), "");
+    EXPECT_EQ(aggregator.port_mask, 0x5U) << "a port that does not collect has nothing to take away";
+    EXPECT_EQ(printed([&] { lacInitPortMask(&record); }), "[Init Mask: 2 to 2 1:1]\r\n");
+    EXPECT_EQ(aggregator.port_mask, 0x1U);
+}
+
+TEST_F(MuxTest, TheBitMovesWithThePort)
+{
+    LacPort &record = port_in(6, LAC_SELECTED);
+    record.coll_dist = 1;
+    record.port_mask = 0x1;
+    port(2).port_mask = 0x2;
+    lacChangeAggregator(&record, &port(2));
+    EXPECT_EQ(record.port_mask, 0U);
+    EXPECT_EQ(port(2).port_mask, 0x3U);
+    record.coll_dist = 0;
+    lacChangeAggregator(&record, &record);
+    EXPECT_EQ(record.port_mask, 0U) << "a port that does not collect has no bit to move";
+}
+
+// ---- attachment -----------------------------------------------------------------------------------------------
+
+TEST_F(MuxTest, AttachmentIsWrittenForAPortWithAPartner)
+{
+    struct Row {
+        const char *name;
+        std::uint32_t rxm;
+        std::uint32_t individual;
+        bool written;
+    };
+    const Row rows[] = {
+        {"partner heard", LAC_RX_CURRENT, 0, true},
+        {"individual", LAC_RX_CURRENT, 1, false},
+        {"expired", LAC_RX_EXPIRED, 0, false},
+        {"defaulted", LAC_RX_DEFAULTED, 0, false},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        LacPort &record = port_in(1, LAC_SELECTED);
+        record.rxm = row.rxm;
+        record.individual = row.individual;
+        record.attached = 0;
+        Attach_Mux_To_Aggregator(1, 1);
+        EXPECT_EQ(record.attached, 1U);
+        EXPECT_EQ(fake::take_writes(), row.written ? Texts{"add 1 gigabitethernet 0/1 (32,1)"} : Texts{});
+        Attach_Mux_To_Aggregator(1, 1);
+        EXPECT_EQ(fake::take_writes(), Texts{}) << "attached already";
+        const std::string text = printed([] { Detach_Mux_From_Aggregator(1, 1); });
+        EXPECT_EQ(text, row.written ? "LACP Msg: interface 0/1 is OK remove from channel-group 1!\n"
+                                    : "LINE 849 FUNC lac_bcm_remove_port_from_trunk del interface from lacp-group "
+                                      "database failed! ret=" +
+                                          std::to_string(SR_ERR_NOT_FOUND) + "\n");
+        EXPECT_EQ(fake::take_writes(), Texts{"del 1 gigabitethernet 0/1"});
+        EXPECT_EQ(record.attached, 0U);
+        Detach_Mux_From_Aggregator(1, 1);
+        EXPECT_EQ(fake::take_writes(), Texts{}) << "detached already";
+    }
+}
+
+TEST_F(MuxTest, AFailedWriteIsReportedAndTheMachineGoesOn)
+{
+    LacPort &record = port_in(0x13, LAC_SELECTED);
+    fake::datastore().failures["db_olt_lacp_set_group_member_port"] = -7;
+    EXPECT_EQ(printed([&] { lacMuxMachine(&record); }),
+              "LINE 803 FUNC lac_add_port_to_aggregator add interface to lacp-group database failed! ret=-7\n");
+    EXPECT_EQ(record.muxm, LAC_MUX_COLLECTING_DISTRIBUTING);
+    EXPECT_EQ(record.attached, 1U);
+    fake::datastore().failures["db_olt_lacp_del_group_member_port"] = 4;
+    record.selected = LAC_UNSELECTED;
+    EXPECT_EQ(printed([&] { lacMuxMachine(&record); }),
+              "LINE 849 FUNC lac_bcm_remove_port_from_trunk del interface from lacp-group database failed! ret=4\n");
+    EXPECT_EQ(record.muxm, LAC_MUX_DETACHED);
+    EXPECT_EQ(record.attached, 0U);
+}
+
+TEST_F(MuxTest, DetachingFindsTheGroupThatTookThePort)
+{
+    LacPort &record = port_in(1, LAC_SELECTED);
+    Attach_Mux_To_Aggregator(1, 1);
+    record.channel_group_id = 3;
+    fake::take_writes();
+    Detach_Mux_From_Aggregator(1, 1);
+    EXPECT_EQ(fake::take_writes(), Texts{"del 1 gigabitethernet 0/1"});
+}
+
+TEST_F(MuxTest, TracesOfAttachment)
+{
+    port_in(1, LAC_SELECTED).attached = 0;
+    lacDebug = LAC_DBG_ATTACH | LAC_DBG_GLOBAL;
+    fake::datastore().member_changed = nullptr;
+    EXPECT_EQ(printed([] { Attach_Mux_To_Aggregator(1, 4); }),
+              "\r\nAttaching port 1 to aggregator 4\r\n"
+              "\r\nMsg: lac_add_port_to_aggregator 792   port_no = 1, aggr_no = 4\r\n");
+    EXPECT_EQ(printed([] { Attach_Mux_To_Aggregator(1, 4); }), "\r\nPort 1 already attached\r\n");
+    EXPECT_EQ(printed([] { Detach_Mux_From_Aggregator(1, 4); }),
+              "Detaching port 1 from aggregator 4\r\n\r\nMsg: remove port_no  1 from aggr_no 4.\r\n");
+    EXPECT_EQ(printed([] { Detach_Mux_From_Aggregator(1, 4); }), "");
+}
+
+TEST_F(MuxTest, TracesOfTheMachine)
+{
+    LacPort &record = port_in(0x11, LAC_SELECTED);
+    lacDebug = LAC_DBG_MUX;
+    EXPECT_EQ(printed([&] { lacMuxMachine(&record); }), "\r\n lacMuxMachine port 1 port->muxm 17\r\n"
+                                                        "[1 mux DETACHE]\r\n"
+                                                        "[1 mux DETACHED port->selected  1]\r\n"
+                                                        "[1 mux WAIT]\r\n"
+                                                        "[1 mux WAITING selected 1 Ready 0]\r\n");
+    record.ready_n = 1;
+    record.rxm = LAC_RX_EXPIRED; // nothing is written
+    EXPECT_EQ(printed([&] { lacMuxMachine(&record); }), "\r\n lacMuxMachine port 1 port->muxm 2\r\n"
+                                                        "[1 mux WAITING selected 1 Ready 1]\r\n"
+                                                        "[1 mux ATTACHE]\r\n"
+                                                        "[1 mux ATTACHED selected 1 synchronization 1]\r\n"
+                                                        "[1:mux Col-Dist Event 22]\r\n"
+                                                        "[1:mux Col-Dist Event 6 selected 1 synchronization 1]\r\n");
+    record.attached = 0;
+    lacDebug = LAC_DBG_MUX | LAC_DBG_UNSELECT;
+    EXPECT_EQ(printed([&] { lacMuxMachineInitPort(&record); }), "1: lacMuxMachineInitPort: UNSELECTED\r\n"
+                                                                "\r\n lacMuxMachineInitPort port 1 port->muxm 17\r\n"
+                                                                "\r\n lacMuxMachine port 1 port->muxm 17\r\n"
+                                                                "[1 mux DETACHE]\r\n"
+                                                                "[1 mux DETACHED port->selected  0]\r\n");
+}
+
+} // namespace
