@@ -137,13 +137,24 @@ int set_group_type(int group, std::string_view type)
     return set_channel_group_used(group, 1);
 }
 
+// A request that could not be sent reaches the driver service when it is there again. The change stands in the table
+// by then, so it is accepted: the datastore and the table must not part.
+int accept_unsent(int result, int group, std::uint32_t port, bool member)
+{
+    std::uint32_t list = 0;
+    if (result != LAC_FAILED || get_channel_group_port_list(group, &list) != LAC_OK)
+        return result;
+    const bool is_member = (list >> ((port - 1) % 32) & 1) != 0;
+    return is_member == member ? LAC_OK : result;
+}
+
 int add_member(int group, const sr_val_t *value)
 {
     const PortName name = port_name_of(value);
     const int result = set_channel_group_add_port(group, name.slot, static_cast<std::uint32_t>(name.port));
     printf("LACP Msg: interface %d/%d is %s added to channel-group %d!\n", name.slot, name.port,
            result == LAC_OK ? "OK" : "falied", group);
-    return result;
+    return accept_unsent(result, group, static_cast<std::uint32_t>(name.port), true);
 }
 
 int remove_member(int group, const sr_val_t *value)
@@ -152,7 +163,7 @@ int remove_member(int group, const sr_val_t *value)
     const int result = set_channel_group_del_port(group, name.slot, static_cast<std::uint32_t>(name.port));
     printf("LACP Msg: interface %d/%d is %s remove from channel-group %d!\n", name.slot, name.port,
            result == LAC_OK ? "OK" : "failed", group);
-    return result;
+    return accept_unsent(result, group, static_cast<std::uint32_t>(name.port), false);
 }
 
 // The table forgets the group; its trunk goes with it, and its ports stop LACP.
