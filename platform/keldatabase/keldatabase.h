@@ -80,6 +80,9 @@ struct DbModuleCbs {
 // thread of the library, one at a time.
 int db_module_subscription_init(KelDb *db, const DbModuleCbs *const *tables);
 
+// Whether a process, this one included, has subscribed to the module's configuration.
+bool db_module_is_served(const char *module);
+
 // The next change of an event. The first call (null iterator) opens the iterator. The values of the previous call
 // are released; those of the last one, and the iterator, are the caller's (sr_free_val, sr_free_change_iter).
 // Non-zero when no change is left; the two values are then null.

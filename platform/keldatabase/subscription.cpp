@@ -42,10 +42,15 @@ void write_owner(int descriptor)
     }
 }
 
+std::string lock_path(const char *module)
+{
+    return std::string(sr_get_repo_path()) + "/" + module + ".subscriber";
+}
+
 // Only one process at a time may act on the changes of a module's configuration: two would drive one switch.
 kel::FileDescriptor lock_subscriber(const char *module)
 {
-    const std::string path = std::string(sr_get_repo_path()) + "/" + module + ".subscriber";
+    const std::string path = lock_path(module);
     kel::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_FILE_MODE));
     if (!file.valid()) {
         kel::complain("%s cannot be opened (%s); changes are not received", path.c_str(), std::strerror(errno));
@@ -113,6 +118,14 @@ try {
 } catch (const std::exception &error) {
     kel::complain("changes cannot be subscribed to (%s)", error.what());
     return kel::FAILED;
+}
+
+bool db_module_is_served(const char *module)
+try {
+    const kel::FileDescriptor file(::open(lock_path(module).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    return file.valid() && flock(file.get(), LOCK_EX | LOCK_NB) != 0;
+} catch (const std::exception &) {
+    return false;
 }
 
 int kel_db_get_change_next(sr_session_ctx_t *session, const char *xpath, sr_change_iter_t **iterator,

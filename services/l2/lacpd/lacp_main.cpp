@@ -110,6 +110,13 @@ static void read_inventory()
         printf("LACP Msg: get base configuration from database failed! ret %d\n", result);
 }
 
+// What another daemon serves is not stale; the subscription will say that there is one.
+static void clear_stale_configuration()
+{
+    if (!db_module_is_served(lacp_cbs.module))
+        lacp_database_clear(&g_lacpd_db);
+}
+
 int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0); // a log shows a message when it happens
@@ -128,7 +135,7 @@ int main(int argc, char **argv)
     shell_init(master);
     lacp_vty_init();
     daemon_restart_restore_config(&lacpd_daemon_info);
-    lacp_database_clear(&g_lacpd_db);
+    clear_stale_configuration();
     lacp_database_subs(&g_lacpd_db);
     frr_config_fork();
     lacp_rx_tx_packet_init(lacp_bpdu_recv);
