@@ -6,6 +6,7 @@ import time
 
 PROMPT = re.compile(r"(?:^|\n)(?P<prompt>[\w-]+(?:\([\w/-]+\))?[>#] )$")
 PASSWORD_PROMPT = re.compile(r"Password: $")
+LOGIN_ANSWER = re.compile(f"{PROMPT.pattern}|{PASSWORD_PROMPT.pattern}")
 TIMEOUT = 20.0
 
 _IAC = 255
@@ -53,7 +54,9 @@ class Shell:
         try:
             self._read_until(PASSWORD_PROMPT)
             self._send(password)
-            self._read_until(PROMPT)
+            self._read_until(LOGIN_ANSWER)
+            if not self.prompt:
+                raise ShellError("the shell does not take the password")
             if enable:
                 self.run("enable")
                 self.run("terminal length 0")
@@ -91,7 +94,7 @@ class Shell:
         while True:
             match = pattern.search(text)
             if match:
-                self.prompt = match.groupdict().get("prompt", "")
+                self.prompt = match.groupdict().get("prompt") or ""
                 return text
             self._socket.settimeout(max(deadline - time.monotonic(), 0.01))
             try:

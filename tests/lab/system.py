@@ -102,18 +102,18 @@ class System:
         self.start_switch()
         self.start_daemon()
 
-    def start_switch(self):
+    def start_switch(self, *options):
         ports = [word for port in range(1, self.ports + 1)
                  for word in ("--port", f"{port}={self.port_interface(port)}")]
         self.switch = self._run("olt-switch", [
             self.programs.switch, "--cpu", CPU_SWITCH_SIDE, *ports,
-            "--driver-socket", self._driver_socket, "--state-socket", self._state_socket])
+            "--driver-socket", self._driver_socket, "--state-socket", self._state_socket, *options])
         self._await(self.switch, "answers", lambda: self._state(), lambda state: state is not None)
 
-    def launch_daemon(self, *options, environment=None, name="lacpd"):
+    def launch_daemon(self, *options, environment=None, name="lacpd", configuration=None, port=SHELL_PORT):
         """The daemon's process, without waiting for its shell."""
         return self._run(name, [
-            self.programs.lacpd, "-f", self.configuration_file, "-A", "127.0.0.1", "-P", SHELL_PORT,
+            self.programs.lacpd, "-f", configuration or self.configuration_file, "-A", "127.0.0.1", "-P", port,
             "-i", self.run_directory / f"{name}.pid", "--vty_socket", self.run_directory,
             "--log", f"file:{self.log_file}", "--log-level", "info", *options], environment)
 

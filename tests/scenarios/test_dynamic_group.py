@@ -82,7 +82,7 @@ def test_a_silent_partner_is_given_up_and_taken_back(pair):
             await_actor(capture, DEFAULTED, EXPIRED, Ticks.LOST_SHORT)
         finally:
             right.daemon.send_signal(signal.SIGCONT)
-        await_actor(capture, SYNC_AND_FORWARDING, EXPIRED | DEFAULTED, Ticks.FORM)
+        await_actor(capture, SHORT, EXPIRED | DEFAULTED, Ticks.FORM)
     for system in pair:
         system.await_trunk(2, {3}, Ticks.FORM)
         assert system.trunks()[1] == {1, 2}

@@ -5,7 +5,7 @@ import socket
 
 import pytest
 
-from helpers import enter, join, quietly
+from helpers import enter, join, leave, quietly
 from lab import Shell, ShellError, Ticks, eventually, stays
 from lab.system import CPU_INTERFACE, PASSWORD, SHELL_PORT
 
@@ -120,18 +120,15 @@ def test_no_driver_service(system):
     system.stop_switch()
     system.start_daemon()
     try:
-        answer = system.configure(*join(1, 1, "on"))
+        quietly(system, *join(1, 1, "on"), *join(2, 1, "on"))
         assert "deal_channel_group_updown_port sclient_send_message() failed ret -1" in system.daemon.output()
-        assert answer in ("", "LACP Msg: set channel-group 1 to on mode failed! "
-                              "This group is already in other mode.\n")
-        accepted = answer == ""
-        assert (system.datastore.members(1) == {1}) == accepted, "all of the change, or nothing"
+        assert system.datastore.members(1) == {1, 2}
         system.start_switch()
-        if not accepted:
-            quietly(system, *join(1, 1, "on"))
+        system.await_trunk(1, {1, 2}, Ticks.of(3))
+        system.stop_switch()
+        quietly(system, *leave(2, 1))
+        system.start_switch()
         system.await_trunk(1, {1}, Ticks.of(3))
-        quietly(system, *join(2, 1, "on"))
-        system.await_trunk(1, {1, 2}, Ticks.LINK)
     finally:
         system.stop_daemon()
         if system.switch.status is not None:
@@ -169,13 +166,19 @@ def test_a_second_daemon_on_the_same_datastore_changes_nothing(running):
     quietly(running, *join(1, 1, "on"), "lacp system-priority 5")
     running.await_trunk(1, {1}, Ticks.LINK)
     before = (running.configured(), running.datastore.groups())
-    second = running.launch_daemon("-f", "/dev/null", "-P", "2705", name="second")
+    second = running.launch_daemon(name="second", port=2705, configuration="/dev/null")
+    try:
+        check_second(running, second, before)
+    finally:
+        assert second.stop() == 0
+
+
+def check_second(running, second, before):
     second.wait_for_output("LACP Msg: LACPD subscription callback func failed! ret = ", Ticks.LINK)
     assert f"process {running.daemon.pid} already serves the configuration" in second.output()
     stays("the first daemon's groups", lambda: (running.configured(), running.datastore.groups(), running.trunks()),
           lambda now: now == (*before, {1: {1}}), 1.0)
     assert second.status is None
-    assert second.stop() == 0
 
 
 # ---- signals
@@ -209,7 +212,7 @@ def test_the_shell_listens_on_loopback_only(running):
 
 
 def test_a_wrong_password_is_refused(running):
-    with pytest.raises(ShellError, match="% Bad passwords, too many failures!|Password: "):
+    with pytest.raises(ShellError, match="does not take the password"):
         Shell(running.namespace, SHELL_PORT, "wrong")
 
 
