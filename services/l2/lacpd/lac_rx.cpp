@@ -29,16 +29,24 @@ static std::optional<bool> mux_may_move(const LacPort *port)
     }
 }
 
+// A running scheduler is left alone: started over on every tick, as by the expiries of a DEFAULTED port or a partner
+// that transmits every second, it would never expire, and the port would never be selected again.
+static void kick(LacPort *port)
+{
+    if (port->mux_scheduler.active == 0)
+        mux_scheduler_start(port);
+}
+
 void lacKickMux(LacPort *port)
 {
     if (mux_may_move(port).value_or(false))
-        mux_scheduler_start(port);
+        kick(port);
 }
 
 static void kick_mux_after_event(LacPort *port)
 {
     if (mux_may_move(port).value_or(port->selected == LAC_UNSELECTED))
-        mux_scheduler_start(port);
+        kick(port);
 }
 
 // ---- state entries --------------------------------------------------------------------------------------------
