@@ -111,9 +111,12 @@ static void record_aggregator(const LacPort *port, const LacPort *best)
     set_channel_group_master_port(group, best->port_no);
 }
 
+// A port whose partner has gone silent passes through DETACHED: so it leaves the group's member ports and the trunk.
 static void stand_alone(LacPort *port)
 {
     lac_trace(LAC_DBG_SELECT, "%s port %d enter Individual_Aggregator\n", "lacSelect", port->port_no);
+    if (port->individual == 0 || port->aggregator != port)
+        port->muxm = LAC_MUX_ENTER_DETACHED;
     port->individual = 1;
     lacChangeAggregator(port, port);
     port->selected = LAC_SELECTED;
@@ -140,8 +143,16 @@ static void join(LacPort *port, LacPort *best)
     }
 }
 
+static bool is_waiting(const LacPort *port)
+{
+    return port->muxm == LAC_MUX_WAITING && port->selected == LAC_SELECTED && port->wait_while_timer.active == 1;
+}
+
+// A port that goes on waiting for the same aggregator is left to its timer: the machine would start the waiting time
+// over, and in a group that is selected on every other tick, as by a fast partner, it would never end.
 static void assign(LacPort *port, LacPort *best)
 {
+    const bool was_waiting = is_waiting(port);
     if (port->lacp_enabled == 0 || port->port_enabled == 0) {
         port->selected = LAC_UNSELECTED;
         lacChangeAggregator(port, port);
@@ -150,7 +161,8 @@ static void assign(LacPort *port, LacPort *best)
     } else {
         join(port, best);
     }
-    lacMuxMachine(port);
+    if (!was_waiting || !is_waiting(port))
+        lacMuxMachine(port);
 }
 
 static void select_before_start(LacPort *port, LacPort *best)
