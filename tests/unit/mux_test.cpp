@@ -199,7 +199,8 @@ TEST_F(MuxTest, ALonePortSurvivesALacpduThatDoesNotCount)
     ASSERT_EQ(record.partner_oper_state & LAC_SYNCHRONIZATION, 0);
     change_link(1, false);
     EXPECT_EQ(record.individual, 1U);
-    EXPECT_EQ(record.muxm, LAC_MUX_COLLECTING_DISTRIBUTING);
+    EXPECT_EQ(record.muxm, LAC_MUX_WAITING);
+    EXPECT_EQ(ticks_until([&] { return record.muxm == LAC_MUX_COLLECTING_DISTRIBUTING; }), 3U);
 }
 
 TEST_F(MuxTest, InitialisingStartsOverAndTakesTheBitFromTheOldAggregator)

@@ -1,0 +1,386 @@
+// Whole stories: up to four links to partners that answer, tick by tick.
+#include "engine.h"
+
+namespace
+{
+
+// The far end of one link: hears our LACPDUs and answers each with one of its own.
+struct FarEnd {
+    LacInfo self;
+    LacInfo heard{};
+    bool talks = true;
+
+    Bytes answer() const { return pdu_bytes(self, heard); }
+};
+
+class ScenarioTest : public EngineTest
+{
+  protected:
+    ScenarioTest()
+    {
+        for (std::uint16_t number = 1; number <= 4; ++number)
+            far_ends.push_back({peer(number)});
+    }
+
+    FarEnd &far_end(std::uint32_t port_no) { return far_ends[port_no - 1]; }
+
+    // One tick; then every partner hears what was sent and answers.
+    void second()
+    {
+        tick();
+        for (const SentFrame &frame : wire.take()) {
+            FarEnd &partner = far_end(frame.port());
+            const auto link = fake::datastore().link_status.find(frame.port());
+            if (!partner.talks || link == fake::datastore().link_status.end() || link->second != "up")
+                continue;
+            partner.heard = frame.actor();
+            receive(frame.port(), partner.answer());
+        }
+    }
+    void seconds(unsigned count)
+    {
+        while (count-- > 0)
+            second();
+    }
+    unsigned seconds_until(const std::function<bool()> &condition, unsigned limit = 200)
+    {
+        for (unsigned count = 1; count <= limit; ++count) {
+            second();
+            if (condition())
+                return count;
+        }
+        return 0;
+    }
+    static bool distributing(std::uint32_t port_no)
+    {
+        return (port(port_no).actor_oper_state & LAC_DISTRIBUTING) != 0 &&
+               port(port_no).muxm == LAC_MUX_COLLECTING_DISTRIBUTING;
+    }
+
+    // The trunk as the switch has it: the members of the last request for the group.
+    static std::uint32_t trunk(std::uint8_t group)
+    {
+        std::uint32_t members = 0;
+        for (const fake::Message &message : fake::driver().sent) {
+            if (message[11] != group)
+                continue;
+            if (message[7] == SCLIENT_MSG_TRUNK_CREATE)
+                members = message[19];
+            else if (message[7] == SCLIENT_MSG_TRUNK_DESTROY)
+                members = 0;
+        }
+        return members;
+    }
+    static std::uint32_t aggregator_of(int group)
+    {
+        std::uint32_t number = 99;
+        get_channel_group_agg_no(group, &number);
+        return number;
+    }
+
+    // Ports 1 to n of group 1 up and distributing.
+    void bring_up(std::uint32_t ports)
+    {
+        for (std::uint32_t number = 1; number <= ports; ++number)
+            running_port(number);
+        ASSERT_NE(seconds_until([&] {
+                      bool all = true;
+                      for (std::uint32_t number = 1; number <= ports; ++number)
+                          all = all && distributing(number);
+                      return all;
+                  }),
+                  0U);
+        seconds(40); // the rate has settled
+        ASSERT_EQ(trunk(1), (1U << ports) - 1);
+    }
+
+    std::vector<FarEnd> far_ends;
+};
+
+// Joining selects the port as standby, since nothing is known of a partner. The periodic machine starts on tick 1 and
+// the first LACPDU leaves on tick 2, where it is answered. The answer unselects the port and starts the mux
+// scheduler, which selects on tick 4; WAITING counts from there and ends on the third tick after.
+TEST_F(ScenarioTest, APortComesUpInSevenTicks)
+{
+    LacPort &record = running_port(2);
+    second();
+    EXPECT_EQ(record.rxm, LAC_RX_EXPIRED);
+    EXPECT_EQ(record.stats->tx_lacpdu, 0U);
+    second();
+    EXPECT_EQ(record.stats->tx_lacpdu, 1U);
+    EXPECT_EQ(record.rxm, LAC_RX_CURRENT);
+    EXPECT_EQ(record.selected, LAC_UNSELECTED);
+    seconds(2);
+    EXPECT_EQ(record.selected, LAC_SELECTED);
+    EXPECT_EQ(record.muxm, LAC_MUX_WAITING);
+    seconds(2);
+    EXPECT_EQ(record.muxm, LAC_MUX_WAITING);
+    EXPECT_EQ(trunk(1), 0U);
+    second();
+    EXPECT_TRUE(distributing(2));
+    EXPECT_EQ(trunk(1), 0x2U);
+    EXPECT_EQ(record.port_mask, 0x2U);
+    EXPECT_EQ(aggregator_of(1), 2U);
+    EXPECT_EQ(fake::datastore().members[1], std::set<std::string>{"gigabitethernet 0/2"});
+    seconds(2);
+    EXPECT_EQ(far_end(2).heard.state,
+              LAC_ACTIVITY | LAC_AGGREGATION | LAC_SYNCHRONIZATION | LAC_COLLECTING | LAC_DISTRIBUTING);
+}
+
+TEST_F(ScenarioTest, FourPortsMakeOneTrunk)
+{
+    bring_up(4);
+    EXPECT_EQ(aggregator_of(1), 1U);
+    EXPECT_EQ(port(1).port_mask, 0xFU);
+    for (std::uint32_t number = 1; number <= 4; ++number) {
+        EXPECT_EQ(port(number).aggregator.get(), &port(1));
+        EXPECT_EQ(port(number).stats->attach_count, 1U);
+        EXPECT_EQ(port(number).stats->moved, 0U);
+    }
+}
+
+// The long timeout runs out 91 ticks after the last LACPDU, then the short one in 4; the port then stands alone.
+TEST_F(ScenarioTest, APartnerIsLostAndFoundAgain)
+{
+    bring_up(2);
+    LacPort &record = port(2);
+    receive(2, far_end(2).answer());
+    far_end(2).talks = false;
+    EXPECT_EQ(seconds_until([&] { return record.rxm == LAC_RX_EXPIRED; }), 91U);
+    EXPECT_EQ(record.partner_oper_key, 7);
+    EXPECT_FALSE((record.partner_oper_state & LAC_SYNCHRONIZATION) != 0);
+    EXPECT_EQ(seconds_until([&] { return record.rxm == LAC_RX_DEFAULTED; }), 4U);
+    EXPECT_TRUE(distributing(1)) << "the other link goes on";
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x1; }, 10), 0U) << "no partner, no member";
+    EXPECT_NE(seconds_until([&] { return distributing(2); }, 10), 0U) << "but it forwards";
+    EXPECT_EQ(record.individual, 1U);
+    EXPECT_EQ(record.aggregator.get(), &record);
+    EXPECT_EQ(trunk(1), 0x1U) << "not as a member";
+    EXPECT_EQ(port(1).port_mask, 0x1U);
+    seconds(50);
+    EXPECT_EQ(record.rxm, LAC_RX_DEFAULTED);
+    EXPECT_TRUE(distributing(2));
+
+    far_end(2).talks = true;
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x3; }, 60), 0U);
+    EXPECT_EQ(record.individual, 0U);
+    EXPECT_EQ(record.rxm, LAC_RX_CURRENT);
+    EXPECT_EQ(record.aggregator.get(), &port(1));
+    EXPECT_EQ(port(1).port_mask, 0x3U);
+}
+
+TEST_F(ScenarioTest, WithShortTimeoutAPartnerIsLostInFourTicks)
+{
+    far_end(1).self.state |= LAC_TIMEOUT; // it wants to hear us every second tick, and answers as often
+    set_lacp_port_timeout(0, 1, 1);
+    bring_up(1);
+    receive(1, far_end(1).answer());
+    far_end(1).talks = false;
+    EXPECT_EQ(seconds_until([&] { return port(1).rxm == LAC_RX_EXPIRED; }), 4U);
+    EXPECT_EQ(seconds_until([&] { return port(1).rxm == LAC_RX_DEFAULTED; }), 4U);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0; }, 10), 0U) << "also the last port leaves";
+    EXPECT_NE(seconds_until([&] { return distributing(1); }, 10), 0U) << "and forwards alone";
+}
+
+// LACPDUs on every tick do not keep selection waiting.
+TEST_F(ScenarioTest, AnEagerPartnerThatChangesItsKeyLeavesTheTrunk)
+{
+    bring_up(2);
+    far_end(2).self.key = 8;
+    for (int i = 0; i < 4; ++i) {
+        receive(2, far_end(2).answer());
+        second();
+    }
+    EXPECT_EQ(port(2).selected, LAC_STANDBY);
+    EXPECT_EQ(trunk(1), 0x1U);
+}
+
+// A link that is told and answers every second tick selects its group as often; a port that joins then must still get
+// through its waiting time.
+TEST_F(ScenarioTest, AFastLinkLetsOthersJoin)
+{
+    for (const std::uint32_t fast : {1U, 2U}) {
+        SCOPED_TRACE(fast);
+        far_end(fast).self.state |= LAC_TIMEOUT;
+        set_lacp_port_timeout(0, fast, 1);
+        running_port(fast);
+        ASSERT_NE(seconds_until([&] { return distributing(fast); }, 20), 0U);
+        seconds(10);
+        const std::uint32_t other = 3 - fast;
+        running_port(other);
+        EXPECT_NE(seconds_until([&] { return trunk(1) == 0x3; }, 20), 0U);
+        leave(1);
+        leave(2);
+        seconds(3);
+        far_end(fast).self.state = peer(1).state;
+    }
+}
+
+TEST_F(ScenarioTest, ALonePortLetsOthersJoin)
+{
+    for (const std::uint32_t lone : {1U, 2U}) {
+        SCOPED_TRACE(lone);
+        far_end(lone).talks = false;
+        running_port(lone);
+        ASSERT_NE(seconds_until([&] { return distributing(lone); }, 20), 0U);
+        seconds(10);
+        running_port(3 - lone);
+        EXPECT_NE(seconds_until([&] { return trunk(1) == (1U << (2 - lone)); }, 20), 0U);
+        EXPECT_TRUE(distributing(lone));
+        leave(1);
+        leave(2);
+        seconds(3);
+        far_end(lone).talks = true;
+    }
+}
+
+TEST_F(ScenarioTest, APortOfAnotherSystemStandsBy)
+{
+    far_end(3).self.system = OTHER_MAC;
+    for (const std::uint32_t number : {1U, 2U, 3U})
+        running_port(number);
+    seconds(60);
+    EXPECT_EQ(trunk(1), 0x3U);
+    EXPECT_EQ(port(3).selected, LAC_STANDBY);
+    EXPECT_EQ(port(3).muxm, LAC_MUX_WAITING);
+    EXPECT_EQ(far_end(3).heard.state & LAC_SYNCHRONIZATION, 0) << "the partner is told";
+
+    far_end(3).self.system = PEER_MAC; // cabled to the right system
+    receive(3, far_end(3).answer());
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x7; }, 60), 0U);
+    EXPECT_EQ(port(3).selected, LAC_SELECTED);
+}
+
+TEST_F(ScenarioTest, APartnerThatChangesItsKeyLeavesTheTrunk)
+{
+    bring_up(2);
+    far_end(2).self.key = 8;
+    receive(2, far_end(2).answer());
+    EXPECT_EQ(port(2).selected, LAC_UNSELECTED);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x1; }, 5), 0U);
+    EXPECT_EQ(port(2).selected, LAC_STANDBY);
+}
+
+TEST_F(ScenarioTest, APartnerThatMovesTakesItsOldPortAlong)
+{
+    bring_up(2);
+    running_port(3);
+    far_end(3).self = far_end(2).self; // the cable now ends on port 3
+    far_end(2).talks = false;
+    EXPECT_NE(seconds_until([&] { return port(3).stats->moved == 1; }, 10), 0U);
+    EXPECT_EQ(port(2).rxm, LAC_RX_EXPIRED) << "its link is still up";
+    EXPECT_EQ(port(2).partner_port, 0);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x5; }, 20), 0U);
+    EXPECT_EQ(port(3).stats->moved, 1U) << "the old port has forgotten it";
+}
+
+TEST_F(ScenarioTest, WhenTheBestPortLosesItsLinkTheNextOneServes)
+{
+    bring_up(3);
+    change_link(1, false);
+    EXPECT_EQ(aggregator_of(1), 2U);
+    EXPECT_EQ(port(3).aggregator.get(), &port(2));
+    EXPECT_EQ(trunk(1), 0U) << "a port with another aggregator starts again";
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x6; }, 60), 0U);
+    EXPECT_EQ(port(2).port_mask, 0x6U);
+    EXPECT_EQ(port(1).port_mask, 0U);
+
+    change_link(1, true);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x7; }, 60), 0U);
+    EXPECT_EQ(aggregator_of(1), 1U) << "the best port serves again";
+    EXPECT_EQ(port(1).port_mask, 0x7U);
+    EXPECT_EQ(port(2).port_mask, 0U);
+}
+
+TEST_F(ScenarioTest, WhenTheBestPortIsTakenOutTheGroupSelectsAgain)
+{
+    bring_up(2);
+    leave(1);
+    EXPECT_EQ(aggregator_of(1), 2U);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x2; }, 60), 0U);
+    EXPECT_EQ(get_lacp_port_state(1), 0);
+    join(1, 1);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x3; }, 60), 0U);
+}
+
+TEST_F(ScenarioTest, ABetterPriorityTakesOver)
+{
+    bring_up(2);
+    set_lacp_port_priority(0, 2, 1);
+    dispatch();
+    EXPECT_NE(seconds_until([&] { return aggregator_of(1) == 2; }, 60), 0U);
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x3; }, 60), 0U);
+    EXPECT_EQ(far_end(2).heard.port_priority, 1) << "the partner has learned it";
+    EXPECT_EQ(port(2).port_mask, 0x3U);
+}
+
+TEST_F(ScenarioTest, TwoGroupsKeepApart)
+{
+    running_port(1, 1);
+    running_port(2, 1);
+    running_port(3, 2);
+    running_port(4, 2);
+    seconds(60);
+    EXPECT_EQ(trunk(1), 0x3U);
+    EXPECT_EQ(trunk(2), 0xCU);
+    EXPECT_EQ(aggregator_of(2), 3U);
+    EXPECT_EQ(far_end(3).heard.key, 2);
+    change_link(3, false);
+    seconds(20);
+    EXPECT_EQ(trunk(1), 0x3U);
+    EXPECT_EQ(trunk(2), 0x8U);
+}
+
+TEST_F(ScenarioTest, ALoopedCableStandsBy)
+{
+    LacPort &record = running_port(1);
+    for (int i = 0; i < 20; ++i) {
+        tick();
+        for (const SentFrame &frame : wire.take())
+            receive(1, frame.pdu()); // what leaves comes back
+    }
+    EXPECT_EQ(record.rxm, LAC_RX_CURRENT);
+    EXPECT_EQ(record.selected, LAC_STANDBY);
+    EXPECT_EQ(trunk(1), 0U);
+}
+
+TEST_F(ScenarioTest, AnIndividualPartnerIsHeardButStandsBy)
+{
+    far_end(1).self.state = LAC_ACTIVITY;
+    LacPort &record = running_port(1);
+    seconds(30);
+    EXPECT_EQ(record.rxm, LAC_RX_CURRENT);
+    EXPECT_EQ(record.matched, 1U);
+    EXPECT_EQ(record.selected, LAC_STANDBY);
+    EXPECT_EQ(trunk(1), 0U);
+}
+
+TEST_F(ScenarioTest, ALinkThatFlapsLeavesNothingBehind)
+{
+    bring_up(2);
+    for (int i = 0; i < 5; ++i) {
+        change_link(2, false);
+        seconds(static_cast<unsigned>(i));
+        change_link(2, true);
+        seconds(static_cast<unsigned>(i));
+    }
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x3; }, 60), 0U);
+    std::uint32_t count = 0;
+    get_channel_group_port_count(1, &count);
+    EXPECT_EQ(count, 2U);
+    EXPECT_EQ(fake::datastore().members[1].size(), 2U);
+    EXPECT_EQ(port(1).port_mask, 0x3U);
+}
+
+// Nothing but the periodic LACPDUs is on the wire of a settled aggregation.
+TEST_F(ScenarioTest, ASettledAggregationIsQuiet)
+{
+    bring_up(2);
+    seconds(35);
+    const std::uint32_t before = port(1).stats->tx_lacpdu;
+    seconds(124);
+    EXPECT_EQ(port(1).stats->tx_lacpdu - before, 4U);
+    EXPECT_EQ(port(1).stats->attach_count, 1U);
+}
+
+} // namespace
