@@ -29,9 +29,9 @@ void install_commands()
           &cli_lacp_show_all_info_cmd, &cli_config_lacp_db_debug_cmd})
         _install_element(CONFIG_NODE, command);
     for (const auto *command : {&cli_config_lacp_db_info_debug_cmd, &cli_config_lacp_db_port_debug_cmd})
-        _install_element(port_node.node, command);
+        _install_element(static_cast<node_type>(UPLINK_PORT_NODE), command);
     for (const auto *command : {&cli_config_lacp_pkt_debug_cmd, &cli_lacp_sys_debug_set_cmd})
-        _install_element(debug_node.node, command);
+        _install_element(static_cast<node_type>(SHELL_DEBUG_NODE), command);
 }
 
 class Commands : public EngineTest
@@ -63,6 +63,46 @@ class Commands : public EngineTest
 
     Terminal terminal;
 };
+
+TEST(CommandRecords, SyntaxAndHelp)
+{
+    const std::string show = "Show running system information\n";
+    const std::string database = "Show running system information. \nShow lacp information.\nInfo of database.\n";
+    const struct {
+        const cmd_element &command;
+        const char *name, *syntax;
+        std::string help;
+    } table[] = {
+        {cli_static_lacp_show_sum_cmd, "cli_static_lacp_show_sum_cmd", "show channel-group [(1-4)] <detail|ports>",
+         show + "Channel group information.\nSpecify channel group id.\nDetail of channel-group.\n"
+                "Information of ports for channel-group.\n"},
+        {cli_lacp_show_neighbor_cmd, "cli_lacp_show_neighbor_cmd", "show channel-group (1-4) port",
+         show + "Specify channel group information.\nSpecify channel group id.\nSpecify 802.3ad port information.\n"},
+        {cli_lacp_show_all_lag_cmd, "cli_lacp_show_all_lag_cmd", "show channel-group interface all",
+         show + "Specify channel group information.\nSpecify interface information.\nSpecify all interfaces.\n"},
+        {cli_lacp_show_all_info_cmd, "cli_lacp_show_all_info_cmd", "show channel-group information",
+         show + "Specify channel group information.\nSpecify all information.\n"},
+        {cli_config_lacp_db_debug_cmd, "cli_config_lacp_db_debug_cmd", "show lacp database", database},
+        {cli_config_lacp_db_info_debug_cmd, "cli_config_lacp_db_info_debug_cmd",
+         "show lacp database <actor|partner> information",
+         database + "Actor of LACP.\nPartner of LACP.\nReadonly information.\n"},
+        {cli_config_lacp_db_port_debug_cmd, "cli_config_lacp_db_port_debug_cmd", "show lacp database", database},
+        {cli_config_lacp_pkt_debug_cmd, "cli_config_lacp_pkt_debug_cmd", "[no] debug lacp packet <rx|tx|all>",
+         "Disable debug mode\nDebugging functions.\nSpecify lacp debugging operation.\nPacket Debug.\n"
+         "RX packet debug\nTX packet debug\nBoth rx and tx packet debug\n"},
+        {cli_lacp_sys_debug_set_cmd, "cli_lacp_sys_debug_set_cmd", "debug lacp <off|rx|tx|task|pdu|other|all>",
+         "debug mode\nSpecify lacp debugging operation.\nShut off debug information.\n"
+         "Open lacp receive debug information.\nOpen lacp transmit debug information.\n"
+         "Open lacp task debug information.\nOpen lacp bpdu debug information.\n"
+         "Open lacp others debug information.\nOpen lacp all debug information.\n"},
+    };
+    for (const auto &row : table) {
+        EXPECT_STREQ(row.command.name, row.name);
+        EXPECT_STREQ(row.command.string, row.syntax);
+        EXPECT_EQ(row.command.doc, row.help) << row.name;
+        EXPECT_EQ(row.command.attr, 0U) << row.name;
+    }
+}
 
 // ---- displays -------------------------------------------------------------------------------------------------
 

@@ -139,7 +139,7 @@ const Case CASES[] = {
     {"partner-out-of-step", both_in_step,
      [](Engine &engine) {
          engine.receive(2, pdu_bytes(Engine::peer(2), LacInfo{}));
-         engine.tick(3);
+         lacSelect(&engine.port(2));
      }},
     {"silent-partner",
      [](Engine &engine) {
@@ -161,14 +161,18 @@ const Case CASES[] = {
      [](Engine &engine) { engine.tick(1); }},
     {"standby",
      [](Engine &engine) {
-         engine.current_port(1);
-         engine.running_port(2);
+         both_in_step(engine);
          engine.receive(2, pdu_bytes(Engine::peer(2, OTHER_MAC), lac_actor_info(&engine.port(2))));
-         engine.tick(1);
      },
-     [](Engine &engine) { engine.tick(4); }},
-    {"stand-alone", [](Engine &engine) { engine.running_port(1), engine.tick(3); },
-     [](Engine &engine) { engine.tick(3); }},
+     [](Engine &engine) { lacSelect(&engine.port(2)); }},
+    {"stand-alone",
+     [](Engine &engine) {
+         engine.running_port(1);
+         engine.tick(4);
+         ASSERT_EQ(engine.port(1).rxm, LAC_RX_DEFAULTED);
+         engine.port(1).individual = 1;
+     },
+     [](Engine &engine) { lacSelect(&engine.port(1)); }},
 
     {"ranking-by-priority", [](Engine &engine) { both_in_step(engine), engine.port(2).actor_port_priority = 9; },
      [](Engine &engine) { lacSelect(&engine.port(1)); }},
