@@ -116,7 +116,7 @@ void shell_init(event_loop *master)
 {
     sessions().master = master;
     install_node(&debug_node);
-    install_default(debug_node.node);
+    install_default(static_cast<node_type>(SHELL_DEBUG_NODE)); // the record's field is an enumeration without 133
     _install_element(ENABLE_NODE, &debug_mode_cmd);
     schedule_watch();
 }
