@@ -86,6 +86,7 @@ class SwitchBench:
         self.process = None
         self.driver_socket = directory / "run/driver.sock"
         self.state_socket = directory / "run/state.sock"
+        self.datastore = None
         self._open = []
         self.namespace = Namespace(f"switch-test-{os.getpid()}")
         self.pair("cpu0", "ethv0")
@@ -109,17 +110,25 @@ class SwitchBench:
 
     def command(self, *options, ports=PORTS):
         words = [word for port in ports for word in ("--port", f"{port}=ge{port}")]
-        return [*self.namespace.enter(), self.program, "--cpu", "cpu0", *words, "--no-datastore", "--driver-socket",
-                self.driver_socket, "--state-socket", self.state_socket, *options]
+        return [*self.namespace.enter(), self.program, "--cpu", "cpu0", *words, *self._datastore_options(),
+                "--driver-socket", self.driver_socket, "--state-socket", self.state_socket, *options]
+
+    def _datastore_options(self):
+        return () if self.datastore else ("--no-datastore",)
+
+    @property
+    def environment(self):
+        return self.datastore.environment if self.datastore else {}
 
     def start(self, *options, **named):
-        self.process = Process("olt-switch", self.command(*options, **named), {}, self.directory / "switch.out")
+        self.process = Process("olt-switch", self.command(*options, **named), self.environment,
+                               self.directory / "switch.out")
         self.process.wait_for_output("switch runs", SOON)
 
     def run(self, *options, **named):
         """A switch that must end by itself."""
         return subprocess.run([str(word) for word in self.command(*options, **named)], capture_output=True, text=True,
-                              timeout=SOON, check=False)
+                              timeout=SOON, check=False, env={**os.environ, **self.environment})
 
     def wire(self, interface):
         self._open.append(Wire(self.namespace, interface))
