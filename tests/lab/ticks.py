@@ -11,6 +11,9 @@ class Ticks:
     # periodic, scheduler, sent), the answer on the partner's next ticks (2), selection (2), wait_while (3), and
     # one more round for a partner that had already given up and starts again from its own aggregator.
     FORM = 1 + 2 * (3 + 2 + 2 + 3) * TICK + SLACK
+    # The same when one side starts anew: the other may have sent its three LACPDUs and then waits for its next
+    # periodic one, 31 ticks later with the long timeout.
+    REFORM = 31 * TICK + FORM
     # A lost carrier needs no tick: link status, queue, detachment, member list, trunk.
     LINK = SLACK
     # A silent partner: the short timeout expires on the 4th tick, and again on the 4th after that.
