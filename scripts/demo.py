@@ -84,6 +84,14 @@ def show_last_lacpdu(capture, sender, port):
          f"state 0x{pdu.partner.state:02x}")
 
 
+def show_displays(systems):
+    for system in systems:
+        with system.shell() as shell:
+            shell.run("configure terminal")
+            for command in ("show channel-group detail", f"show channel-group {DYNAMIC} port"):
+                show(shell.prompt + command, shell.run(command))
+
+
 def run(lab):
     say("starting two systems: each has a namespace, a datastore, a software switch and lacpd")
     left, right = lab.system("left", PORTS), lab.system("right", PORTS)
@@ -115,6 +123,7 @@ def run(lab):
     await_trunks(both, {DYNAMIC: {1, 2}, MANUAL: {3, 4}}, Ticks.FORM)
     say("trunk 1 has grown again on both sides")
     show_trunks(both)
+    show_displays(both)
 
 
 def main(arguments):
