@@ -164,12 +164,17 @@ static std::string interface_name(int slot, std::uint32_t port)
     return "gigabitethernet " + std::to_string(slot) + "/" + std::to_string(port);
 }
 
-static int change_members(Datastore &db, MemberChange change, int group, const std::string &member)
+// The handler reads the datastore, perhaps on another thread: it sees what was there before the change.
+static int change_members(MemberChange change, int group, const std::string &member)
 {
+    Datastore &db = datastore();
+    std::unique_lock guard(db.lock);
     const auto handler = db.member_changed;
+    guard.unlock();
     const int refused = handler ? handler(change, group, member) : 0;
     if (refused != 0)
         return refused;
+    guard.lock();
     if (change == MemberChange::created)
         db.members[group].insert(member);
     else
@@ -302,25 +307,31 @@ int db_olt_lacp_get_group_lacp_type(int group, KelDb *, char *text, std::uint32_
 int db_olt_lacp_set_group_member_port(int group, KelDb *, const char *name, std::uint32_t size, std::uint32_t count)
 {
     Datastore &db = datastore();
-    const std::lock_guard guard(db.lock);
-    const int failure = fake::write(db, "db_olt_lacp_set_group_member_port",
-                                    "add " + std::to_string(group) + " " + name + " (" + std::to_string(size) + "," +
-                                        std::to_string(count) + ")");
-    return failure != 0 ? failure : fake::change_members(db, fake::MemberChange::created, group, name);
+    {
+        const std::lock_guard guard(db.lock);
+        const int failure = fake::write(db, "db_olt_lacp_set_group_member_port",
+                                        "add " + std::to_string(group) + " " + name + " (" + std::to_string(size) +
+                                            "," + std::to_string(count) + ")");
+        if (failure != 0)
+            return failure;
+    }
+    return fake::change_members(fake::MemberChange::created, group, name);
 }
 
 int db_olt_lacp_del_group_member_port(int group, int slot, std::uint32_t port, KelDb *)
 {
     Datastore &db = datastore();
-    const std::lock_guard guard(db.lock);
     const std::string member = fake::interface_name(slot, port);
-    const int failure =
-        fake::write(db, "db_olt_lacp_del_group_member_port", "del " + std::to_string(group) + " " + member);
-    if (failure != 0)
-        return failure;
-    if (db.members[group].count(member) == 0)
-        return SR_ERR_NOT_FOUND;
-    return fake::change_members(db, fake::MemberChange::deleted, group, member);
+    {
+        const std::lock_guard guard(db.lock);
+        const int failure =
+            fake::write(db, "db_olt_lacp_del_group_member_port", "del " + std::to_string(group) + " " + member);
+        if (failure != 0)
+            return failure;
+        if (db.members[group].count(member) == 0)
+            return SR_ERR_NOT_FOUND;
+    }
+    return fake::change_members(fake::MemberChange::deleted, group, member);
 }
 
 int db_olt_lacp_set_global_configuration_system_id(KelDb *, const char *text, std::uint32_t size, std::uint32_t count)

@@ -19,11 +19,15 @@ Driver &driver()
 
 void reset_driver()
 {
-    driver() = Driver{};
+    Driver &records = driver();
+    records.sent.clear();
+    records.unreachable = false;
+    records.after_send = nullptr;
 }
 
 std::vector<Message> take_messages()
 {
+    const std::lock_guard guard(driver().lock);
     return std::exchange(driver().sent, {});
 }
 
@@ -32,7 +36,10 @@ static int send(stream *message)
     Driver &records = driver();
     if (records.unreachable)
         return -1;
-    records.sent.emplace_back(STREAM_DATA(message), STREAM_DATA(message) + stream_get_endp(message));
+    {
+        const std::lock_guard guard(records.lock);
+        records.sent.emplace_back(STREAM_DATA(message), STREAM_DATA(message) + stream_get_endp(message));
+    }
     if (records.after_send)
         records.after_send();
     return 0;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <vector>
 
 namespace fake
@@ -13,6 +14,7 @@ namespace fake
 using Message = std::vector<std::uint8_t>;
 
 struct Driver {
+    std::mutex lock; // of `sent`
     std::vector<Message> sent;
     bool unreachable = false;
     std::function<void()> after_send; // runs after each message that was taken

@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <deque>
+#include <stdexcept>
+#include <thread>
 
 struct SystemThread {
     std::string name;
@@ -30,6 +32,17 @@ void reset_system()
     system() = System{};
 }
 
+void start_thread(const std::string &name)
+{
+    for (SystemThread &thread : threads()) {
+        if (thread.name != name)
+            continue;
+        std::thread(thread.body, &thread).detach();
+        return;
+    }
+    throw std::runtime_error("no thread is called " + name);
+}
+
 } // namespace fake
 
 int system_get_eth_mac(const char *name, std::uint8_t mac[6])
@@ -56,8 +69,8 @@ int system_pthread_run(SystemThread *thread, int, void *argument)
     if (argument != nullptr)
         thread->argument = argument;
     system.started.push_back(thread->name);
-    if (system.start)
-        system.start(thread, thread->body);
+    if (system.on_run)
+        system.on_run(thread->name);
     return 0;
 }
 

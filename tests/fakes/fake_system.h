@@ -19,8 +19,11 @@ struct System {
     bool can_describe_threads = true;   // system_pthread_create gives a record
     std::vector<std::string> described; // thread names, in order of creation
     std::vector<std::string> started;
-    std::function<void(SystemThread *, SystemThreadBody)> start; // nothing is started while empty
+    std::function<void(const std::string &name)> on_run; // in place of starting the thread
 };
+
+// Starts a described thread after all, detached: the engine's threads never end.
+void start_thread(const std::string &name);
 
 System &system();
 void reset_system();

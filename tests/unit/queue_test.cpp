@@ -264,7 +264,7 @@ TEST_F(TaskSetUpTest, WithoutADispatcherSendersAreNotBlocked)
 TEST_F(TaskSetUpTest, WithoutATimerTheDispatcherStaysAlone)
 {
     std::string text;
-    fake::system().start = [](SystemThread *, SystemThreadBody) { fake::system().run_result = 11; };
+    fake::system().on_run = [](const std::string &) { fake::system().run_result = 11; };
     set_up(text);
     EXPECT_EQ(text, "\r\n Msg:Create lacp timer thread failed!\r");
     EXPECT_EQ(fake::system().started, Texts{"lacpRecv"});
