@@ -46,8 +46,10 @@ int text_list(const std::map<int, std::vector<std::string>> &lists, int group, c
     const auto found = lists.find(group);
     if (found == lists.end())
         return MISSING;
+    if (found->second.empty())
+        return 0;
     *count = static_cast<std::uint32_t>(found->second.size());
-    *texts = static_cast<char **>(calloc(*count + 1, sizeof(char *)));
+    *texts = static_cast<char **>(calloc(*count, sizeof(char *)));
     for (std::uint32_t i = 0; i < *count; ++i)
         (*texts)[i] = strdup(found->second[i].c_str());
     return 0;

@@ -8,7 +8,6 @@
 #include "engine.h"
 
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace
@@ -316,13 +315,12 @@ std::string text_of_threads(std::uint32_t word, int ticks)
         lacpCtrl.once_cfg_done = 1;
         lacpDrvCtrlInit();
         lacDebug = word;
-        fake::system().start = [](SystemThread *thread, SystemThreadBody body) {
-            std::thread(body, thread).detach();
-        };
         LacDrvCtrl *const before = lacDrvCtrl;
         if (lac_TaskInit() != 0)
             _exit(1);
         *lacDrvCtrl = *before;
+        fake::start_thread("lacpRecv");
+        fake::start_thread("lacpTimer");
         set_lac_global_enable(1); // takes a second
         usleep(static_cast<useconds_t>(ticks) * 1'000'000 + 500'000);
         lacDebug = 0;
