@@ -65,9 +65,9 @@ class HandlersTest : public DatastoreTest
         DatastoreTest::SetUp();
         add_ports(PORTS);
         fake::system().mac = {0x02, 0, 0, 0, 0, 0x0A};
-        fake::system().start = [](SystemThread *thread, SystemThreadBody body) {
-            if (fake::system().started.back() == "lacpRecv") // the tests send their own ticks
-                std::thread(body, thread).detach();
+        fake::system().on_run = [](const std::string &name) {
+            if (name == "lacpRecv") // the tests send their own ticks
+                fake::start_thread(name);
         };
         ASSERT_EQ(database_init(&g_lacpd_db), 0);
         intf = {1, PORTS};
