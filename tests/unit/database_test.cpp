@@ -247,6 +247,24 @@ TEST_F(HandlerTest, MembersComeAndGo)
     EXPECT_EQ(outcome.text, "LACP Msg: interface 0/3 is failed remove from channel-group 1!\n");
 }
 
+// The table has the change, and the driver service gets it when it is there again: the datastore has it too.
+TEST_F(HandlerTest, MembersChangeWhileTheDriverServiceIsAway)
+{
+    set_link(3, true);
+    fake::driver().unreachable = true;
+    Outcome outcome{};
+    printed_as_error([&] { outcome = groups({member(1, 3)}); });
+    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(members(1), 0x4U);
+    printed_as_error(
+        [&] { outcome = groups({fake::deleted(fake::text(group_path(1, "member-port"), "gigabitethernet 0/3"))}); });
+    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(members(1), 0U);
+    fake::driver().unreachable = false;
+    lacp_trunk_resync(lacp_sclient);
+    EXPECT_EQ(fake::take_messages().size(), 4U);
+}
+
 TEST_F(HandlerTest, AMemberThatIsNoInterfaceNameIsPortZero)
 {
     const Outcome outcome = groups({fake::created(fake::text(group_path(1, "member-port"), "ethernet 0/3"))});

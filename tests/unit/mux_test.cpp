@@ -243,6 +243,21 @@ TEST_F(MuxTest, MasksHoldEachMemberOnce)
     EXPECT_EQ(aggregator.port_mask, 0x1U);
 }
 
+TEST_F(MuxTest, LosingThePartnersSynchronizationTakesTheBitAway)
+{
+    LacPort &record = port_in(6, LAC_SELECTED);
+    record.coll_dist = 1;
+    record.port_mask = 0x1;
+    record.partner_oper_state = 0;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.port_mask, 0U);
+    EXPECT_EQ(record.coll_dist, 0U);
+    record.partner_oper_state = LAC_SYNCHRONIZATION;
+    lacMuxMachine(&record);
+    EXPECT_EQ(record.port_mask, 0x1U);
+    EXPECT_EQ(record.coll_dist, 1U);
+}
+
 TEST_F(MuxTest, TheBitMovesWithThePort)
 {
     LacPort &record = port_in(6, LAC_SELECTED);

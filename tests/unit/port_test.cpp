@@ -208,6 +208,19 @@ TEST_F(PortTest, LosingTheLinkStopsTheMachines)
     EXPECT_EQ(record.ntt, 1U);
 }
 
+TEST_F(PortTest, ALinkThatComesUpStartsTransmissionOver)
+{
+    LacPort &record = running_port(1);
+    record.hold_count = 3;
+    record.tx_scheduler = LacTimer{0, 1, 0, 1};
+    send(LAC_Q_LINK_UP, 1);
+    dispatch();
+    EXPECT_EQ(record.hold_count, 0U);
+    EXPECT_EQ(record.ntt, 1U);
+    EXPECT_EQ(record.tx_scheduler.active, 1U);
+    EXPECT_EQ(record.tx_scheduler.count, 0U);
+}
+
 TEST_F(PortTest, DisablingReinitialisesThePort)
 {
     LacPort &record = current_port(1);
@@ -323,6 +336,25 @@ TEST_F(PortTest, ConfiguredValuesSurvive)
     }
     EXPECT_EQ(port(1).actor_oper_key, 100) << "another port keeps its own";
     EXPECT_EQ(port(1).actor_system_priority, 4096) << "the system's priority is every port's";
+}
+
+TEST_F(PortTest, ASystemPriorityConfiguredWhileRunningSurvives)
+{
+    LacPort &record = current_port(1);
+    set_lacp_system_priority(4096);
+    dispatch();
+    lacRxMachine(&record, Lac_port_moved, nullptr);
+    EXPECT_EQ(record.actor_system_priority, 4096);
+}
+
+TEST_F(PortTest, LeavingTakesTheTimeoutBitUntilLacpStartsAgain)
+{
+    set_lacp_port_timeout(0, 1, 1);
+    set_lacp_port_state(1, 0);
+    dispatch();
+    EXPECT_EQ(port(1).actor_oper_state & LAC_TIMEOUT, 0);
+    switch_on();
+    EXPECT_NE(port(1).actor_oper_state & LAC_TIMEOUT, 0);
 }
 
 TEST_F(PortTest, AttributesTakeEffectInTheOrderOfTheCalls)

@@ -172,8 +172,10 @@ TEST_F(QueueTest, ASecondSwitchOnChangesNothing)
 
 TEST_F(QueueTest, SwitchedOffNothingMovesUntilSwitchedOn)
 {
-    LacPort &record = current_port(1);
+    current_port(1);
+    LacPort &record = current_port(2);
     ASSERT_NE(ticks_until([&] { return record.muxm == LAC_MUX_COLLECTING_DISTRIBUTING; }), 0U);
+    ASSERT_EQ(record.aggregator.get(), &port(1));
     send(LAC_Q_LACP_OFF);
     dispatch();
     EXPECT_EQ(get_lac_global_enable(), 0U);
@@ -184,7 +186,7 @@ TEST_F(QueueTest, SwitchedOffNothingMovesUntilSwitchedOn)
     wire.take();
     send(LAC_Q_LACP_OFF);
     for (const std::uint64_t code : {LAC_Q_LINK_UP, LAC_Q_LINK_DOWN, LAC_Q_PORT_ENABLE, LAC_Q_TICK})
-        send(code, 1);
+        send(code, 2);
     tick(4);
     EXPECT_EQ(snapshot(record), before);
     EXPECT_TRUE(wire.take().empty());

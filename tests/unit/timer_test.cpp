@@ -85,6 +85,37 @@ TEST_F(TimerTest, AStandbyPortsMachineRunsOnEveryThirdTick)
     EXPECT_EQ(record.wait_while_timer.active, 1U);
 }
 
+TEST_F(TimerTest, ExpiryStopsWaitWhileUnlessThePortStandsBy)
+{
+    LacPort &record = current_port(1);
+    record.mux_scheduler.active = 0;
+    for (const std::uint32_t selected : {LAC_UNSELECTED, LAC_SELECTED, LAC_STANDBY}) {
+        record.muxm = LAC_MUX_NONE; // the machine does not start it again
+        record.selected = selected;
+        record.wait_while_timer = LacTimer{0, 2, 1, 1};
+        tick();
+        EXPECT_EQ(record.wait_while_timer.active, selected == LAC_STANDBY ? 1U : 0U);
+        EXPECT_EQ(record.ready_n, 1U);
+    }
+}
+
+// A partner that is lost on the tick on which the waiting time ends is lost first: the port is not written as a
+// member.
+TEST_F(TimerTest, CurrentWhileComesBeforeWaitWhile)
+{
+    LacPort &record = current_port(1);
+    record.mux_scheduler.active = 0;
+    record.muxm = LAC_MUX_WAITING;
+    record.selected = LAC_SELECTED;
+    record.current_while_timer.count = 0;
+    record.wait_while_timer = LacTimer{0, 2, 1, 1};
+    fake::take_writes();
+    tick();
+    EXPECT_EQ(record.rxm, LAC_RX_EXPIRED);
+    EXPECT_EQ(record.attached, 1U);
+    EXPECT_EQ(fake::take_writes(), Texts{});
+}
+
 TEST_F(TimerTest, TheMuxSchedulerSelectsOnceOnTheSecondTick)
 {
     LacPort &record = current_port(1);

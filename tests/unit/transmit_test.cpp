@@ -70,6 +70,19 @@ TEST_F(TransmitTest, AtMostThreeLeaveBetweenTwoPeriodicOnes)
     EXPECT_EQ(record.hold_count, 1U);
 }
 
+TEST_F(TransmitTest, AnNttAboveTheLimitDoesNotStartTheScheduler)
+{
+    LacPort &record = settled_port(0);
+    for (const std::uint32_t held : {2U, 3U}) {
+        record.hold_count = held;
+        record.tx_scheduler.active = 0;
+        record.ntt = 0;
+        tx_machine(&record, Lac_ntt);
+        EXPECT_EQ(record.ntt, 1U);
+        EXPECT_EQ(record.tx_scheduler.active, held < 3 ? 1U : 0U);
+    }
+}
+
 TEST_F(TransmitTest, NttsBeforeTheSchedulerExpiresGiveOneLacpdu)
 {
     LacPort &record = settled_port(0);
