@@ -22,7 +22,7 @@ bool Forwarder::attach(const std::string &interface, int index) const
     return true;
 }
 
-// User traffic is none of this path.
+// User traffic is the data plane's.
 void Forwarder::from_port(Port &port, Frame frame)
 {
     if (!is_slow_protocols(frame))

@@ -31,6 +31,8 @@ std::pair<std::uint32_t, std::string> parse_port(const std::string &text)
 void add_ports(Options &options, const std::vector<std::string> &texts)
 {
     std::set<std::string> used{options.cpu};
+    if (!options.host.empty() && !used.insert(options.host).second)
+        throw CLI::ValidationError("--host", "interface " + options.host + " is given twice");
     for (const std::string &text : texts) {
         auto [number, interface] = parse_port(text);
         if (!used.insert(interface).second)
@@ -72,6 +74,11 @@ Options parse_options(int argc, char **argv)
     app.add_option("--port", ports, "Interface of an uplink port, 1 to 8 (repeated)")
         ->allow_extra_args(false)
         ->type_name("N=IFACE");
+    app.add_option(
+           "--host", options.host,
+           "Interface towards the host, whose traffic the trunks carry: the switch's end of a pair whose other "
+           "end is the user's, in another network namespace")
+        ->type_name("IFACE");
     app.add_option("--driver-socket", options.driver_socket, "Socket of the driver service")
         ->envname(SCLIENT_SOCKET_ENV)
         ->type_name("PATH")

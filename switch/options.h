@@ -12,6 +12,7 @@ namespace olt
 struct Options {
     std::string cpu;                            // the switch's end of the "ethv0" pair
     std::map<std::uint32_t, std::string> ports; // interface by port number
+    std::string host;                           // towards the host; empty: no user traffic
     std::string driver_socket;
     std::string state_socket = "/run/olt/switch-state.sock";
     std::uint16_t vlan = 1; // of the tag on frames to the CPU

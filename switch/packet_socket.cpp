@@ -1,10 +1,12 @@
 #include "packet_socket.h"
 
-#include <algorithm>
+#include "vlan_tag.h"
+
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <optional>
@@ -18,14 +20,8 @@ namespace olt
 namespace
 {
 
-constexpr std::size_t VLAN_TAG_SIZE = 4;
 constexpr std::size_t FRAME_LIMIT = 9216; // jumbo frames
 constexpr int FRAMES_A_TURN = 64;
-
-struct VlanTag {
-    std::uint16_t type;
-    std::uint16_t control;
-};
 
 bool set_option(int fd, int option, const void *value, socklen_t size)
 {
@@ -38,22 +34,6 @@ bool turn_on(int fd, int option)
     return set_option(fd, option, &on, sizeof(on));
 }
 
-// The kernel takes the outer VLAN tag off a frame before packet sockets see it.
-std::optional<VlanTag> stripped_tag(msghdr &message)
-{
-    for (cmsghdr *part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
-        if (part->cmsg_level != SOL_PACKET || part->cmsg_type != PACKET_AUXDATA)
-            continue;
-        tpacket_auxdata data;
-        std::memcpy(&data, CMSG_DATA(part), sizeof(data));
-        if ((data.tp_status & TP_STATUS_VLAN_VALID) == 0)
-            return std::nullopt;
-        const bool has_type = (data.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0;
-        return VlanTag{has_type ? data.tp_vlan_tpid : std::uint16_t{ETH_P_8021Q}, data.tp_vlan_tci};
-    }
-    return std::nullopt;
-}
-
 class Receiver
 {
   public:
@@ -64,8 +44,7 @@ class Receiver
         msghdr message{};
         message.msg_iov = &part;
         message.msg_iovlen = 1;
-        message.msg_control = control_.data();
-        message.msg_controllen = control_.size();
+        control_.offer(message);
         const ssize_t size = recvmsg(fd, &message, MSG_DONTWAIT);
         if (size < 0)
             return std::nullopt;
@@ -73,20 +52,13 @@ class Receiver
         const auto tag = stripped_tag(message);
         if (!tag || length < ADDRESSES_SIZE)
             return Frame(buffer_.data() + VLAN_TAG_SIZE, length);
-        restore(*tag);
+        restore_tag(*tag, buffer_.data() + VLAN_TAG_SIZE);
         return Frame(buffer_.data(), length + VLAN_TAG_SIZE);
     }
 
   private:
-    void restore(const VlanTag &tag)
-    {
-        std::copy_n(buffer_.data() + VLAN_TAG_SIZE, ADDRESSES_SIZE, buffer_.data());
-        const std::array<std::uint16_t, 2> words{htons(tag.type), htons(tag.control)};
-        std::memcpy(buffer_.data() + ADDRESSES_SIZE, words.data(), VLAN_TAG_SIZE);
-    }
-
     std::array<std::uint8_t, VLAN_TAG_SIZE + FRAME_LIMIT> buffer_;
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(tpacket_auxdata))> control_;
+    VlanTagRoom control_;
 };
 
 } // namespace
@@ -97,6 +69,25 @@ PacketSocket::PacketSocket(std::string interface)
     if (!socket_.is_open() || !turn_on(get(), PACKET_AUXDATA) || !turn_on(get(), PACKET_IGNORE_OUTGOING))
         throw std::runtime_error("interface " + interface_ + ": no packet socket: " + std::strerror(errno) +
                                  "; run as root or with the capability CAP_NET_RAW");
+}
+
+// Looks at the destination and at the type behind the outer VLAN tag, so it may let a few others through.
+void PacketSocket::want_slow_protocols_only() const
+{
+    constexpr std::uint32_t ALL = 0xFFFFFFFF;
+    std::array<sock_filter, 8> program = {{
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, ADDRESSES_SIZE),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_SLOW, 4, 0),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0x0180C200, 0, 3),
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 4),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0x0002, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, ALL),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+    }};
+    const sock_fprog filter{program.size(), program.data()};
+    if (setsockopt(get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) != 0)
+        throw std::runtime_error("interface " + interface_ + ": no filter: " + std::strerror(errno));
 }
 
 bool PacketSocket::attach(int index) const

@@ -18,6 +18,8 @@ class PacketSocket
 
     explicit PacketSocket(std::string interface);
 
+    // Leaves user traffic to others: it must not fill the buffer in which LACPDUs wait. Before attach().
+    void want_slow_protocols_only() const;
     // Follows the interface to its present index; false with errno when it cannot be listened to.
     bool attach(int index) const;
     int get() const { return socket_.get(); }

@@ -77,15 +77,49 @@ Json datastore_json(const LinkPublisher *publisher)
     return {{"written", counters.written}, {"failed", counters.failed}};
 }
 
+Json count_json(const TrafficCount &count)
+{
+    return {{"frames", count.frames}, {"bytes", count.bytes}, {"dropped", count.dropped}};
+}
+
+Json counters_json(const TrafficCounters &counters)
+{
+    return {{"rx", count_json(counters.rx)}, {"tx", count_json(counters.tx)}};
+}
+
+Json traffic_port_json(const TrafficPort &port)
+{
+    Json json = counters_json(port.counters);
+    json["interface"] = port.socket().interface();
+    json["missed"] = port.missed();
+    return json;
+}
+
+Json traffic_json(const DataPlane *plane)
+{
+    if (plane == nullptr)
+        return nullptr;
+    Json ports = Json::array();
+    for (const auto &[number, port] : plane->ports()) {
+        ports.push_back({{"port", number}});
+        ports.back().update(traffic_port_json(port));
+    }
+    Json trunks = Json::array();
+    for (const auto &[group, counters] : plane->trunks()) {
+        trunks.push_back({{"group", group}});
+        trunks.back().update(counters_json(counters));
+    }
+    return {{"host", traffic_port_json(plane->host())}, {"ports", ports}, {"trunks", trunks}};
+}
+
 } // namespace
 
 std::string state_text(const StateSources &sources)
 {
-    const Json state = {{"trunks", trunks_json(sources.driver.trunks())},
-                        {"ports", ports_json(sources)},
-                        {"cpu", cpu_json(sources.forwarder.cpu())},
-                        {"driver", driver_json(sources.driver)},
-                        {"datastore", datastore_json(sources.publisher)}};
+    const Json state = {
+        {"trunks", trunks_json(sources.driver.trunks())}, {"ports", ports_json(sources)},
+        {"cpu", cpu_json(sources.forwarder.cpu())},       {"traffic", traffic_json(sources.plane)},
+        {"driver", driver_json(sources.driver)},          {"datastore", datastore_json(sources.publisher)}};
     return state.dump(2) + "\n";
 }
 

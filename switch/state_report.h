@@ -1,6 +1,7 @@
 // The switch's state in JSON, for people and tests.
 #pragma once
 
+#include "data_plane.h"
 #include "driver_service.h"
 #include "forwarder.h"
 #include "link_monitor.h"
@@ -9,13 +10,14 @@
 namespace olt
 {
 
-// What a report is made of. `publisher` is null without a datastore.
+// What a report is made of. `publisher` is null without a datastore, `plane` without a host interface.
 struct StateSources {
     const Options &options;
     const Forwarder &forwarder;
     const LinkMonitor &links;
     const DriverService &driver;
     const LinkPublisher *publisher;
+    const DataPlane *plane;
 };
 
 std::string state_text(const StateSources &sources);

@@ -14,6 +14,8 @@ namespace
 std::vector<std::string> interfaces_of(const Options &options)
 {
     std::vector<std::string> interfaces{options.cpu};
+    if (!options.host.empty())
+        interfaces.push_back(options.host);
     for (const auto &[number, interface] : options.ports)
         interfaces.push_back(interface);
     return interfaces;
@@ -28,17 +30,16 @@ const char *word(bool up)
 
 Switch::Switch(EventLoop &loop, const Options &options)
     : loop_(loop), options_(options), driver_(loop, options_),
-      state_(loop, options_.state_socket,
-             [this] {
-                 return state_text({options_, forwarder_, links_, driver_, publisher_ ? &*publisher_ : nullptr});
-             }),
-      forwarder_(loop, options_), links_(loop, interfaces_of(options_),
-                                         [this](const std::string &interface, const Link &before, const Link &now) {
-                                             link_changed(interface, before, now);
-                                         })
+      state_(loop, options_.state_socket, [this] { return state_text(sources()); }), forwarder_(loop, options_),
+      links_(loop, interfaces_of(options_),
+             [this](const std::string &interface, const Link &before, const Link &now) {
+                 link_changed(interface, before, now);
+             })
 {
     for (const auto &[number, interface] : options_.ports)
         numbers_[interface] = number;
+    if (!options_.host.empty())
+        plane_.emplace(loop, options_, driver_.trunks());
     if (options_.datastore)
         store_ = std::make_unique<DatastoreLinks>();
     for (const std::string &interface : interfaces_of(options_))
@@ -49,9 +50,23 @@ Switch::Switch(EventLoop &loop, const Options &options)
         ready();
 }
 
+StateSources Switch::sources() const
+{
+    return {options_, forwarder_, links_, driver_, publisher_ ? &*publisher_ : nullptr, plane_ ? &*plane_ : nullptr};
+}
+
+std::string Switch::name_of(const std::string &interface) const
+{
+    if (interface == options_.cpu)
+        return "cpu";
+    if (interface == options_.host)
+        return "host";
+    return "port " + std::to_string(numbers_.at(interface));
+}
+
 void Switch::attach(const std::string &interface, int index) const
 {
-    if (!forwarder_.attach(interface, index))
+    if (!forwarder_.attach(interface, index) || (plane_ && !plane_->attach(interface, index)))
         throw std::runtime_error("interface " + interface + " cannot be listened to: " + std::strerror(errno) +
                                  "; check that it is an Ethernet interface and that this program runs as root");
 }
@@ -76,7 +91,7 @@ void Switch::ready()
 void Switch::link_changed(const std::string &interface, const Link &before, const Link &now)
 {
     const auto number = numbers_.find(interface);
-    const std::string name = number == numbers_.end() ? "cpu" : "port " + std::to_string(number->second);
+    const std::string name = name_of(interface);
     if (now.carrier != before.carrier)
         std::cout << name << ": carrier " << word(now.carrier) << std::endl;
     if (now.index == 0)

@@ -1,6 +1,7 @@
 // The software switch: its parts and what they tell each other.
 #pragma once
 
+#include "data_plane.h"
 #include "driver_service.h"
 #include "forwarder.h"
 #include "link_monitor.h"
@@ -23,6 +24,8 @@ class Switch
     Switch &operator=(const Switch &) = delete;
 
   private:
+    StateSources sources() const;
+    std::string name_of(const std::string &interface) const;
     void attach(const std::string &interface, int index) const;
     void link_changed(const std::string &interface, const Link &before, const Link &now);
     void publish_links();
@@ -34,6 +37,7 @@ class Switch
     DriverService driver_;                         // first: it refuses a second switch
     StateService state_;
     Forwarder forwarder_;
+    std::optional<DataPlane> plane_; // empty without a host interface
     LinkMonitor links_;
     std::unique_ptr<LinkStore> store_;
     std::optional<LinkPublisher> publisher_; // empty without a datastore
