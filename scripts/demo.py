@@ -24,9 +24,11 @@ CUT_PORT = 2
 CONFIGURATION = """\
 interface gigabitEthernet 0/1
 channel-group 1 mode {mode}
+lacp timeout short
 exit
 interface gigabitEthernet 0/2
 channel-group 1 mode {mode}
+lacp timeout short
 exit
 interface gigabitEthernet 0/3
 channel-group 2 mode on
