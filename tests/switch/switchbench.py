@@ -15,6 +15,8 @@ from lab.waiting import eventually
 PORTS = (1, 2, 3)
 ALL_TYPES = 0x0003
 OUTGOING = 4
+SOL_PACKET, PACKET_AUXDATA = 263, 8
+TAG_IS_VALID = 0x10
 KIND_LACP = 2
 CREATE, DESTROY, PSC_SET, ERROR = 10, 11, 12, 255
 SOON = 5.0
@@ -35,6 +37,7 @@ class Wire:
     @staticmethod
     def _open(interface):
         raw = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ALL_TYPES))
+        raw.setsockopt(SOL_PACKET, PACKET_AUXDATA, 1)
         raw.bind((interface, ALL_TYPES))
         return raw
 
@@ -45,10 +48,19 @@ class Wire:
         """The next frame that came in, or None."""
         deadline = time.monotonic() + within
         while select.select([self._socket], [], [], max(deadline - time.monotonic(), 0))[0]:
-            data, address = self._socket.recvfrom(4096)
+            data, told, _, address = self._socket.recvmsg(4096, socket.CMSG_SPACE(20))
             if address[2] != OUTGOING:
-                return data
+                return data[:12] + self._stripped_tag(told) + data[12:]
         return None
+
+    @staticmethod
+    def _stripped_tag(told):
+        """The VLAN tag that the kernel has taken off."""
+        for level, kind, content in told:
+            if (level, kind) == (SOL_PACKET, PACKET_AUXDATA):
+                status, _, _, _, _, control, protocol = struct.unpack("=IIIHHHH", content)
+                return struct.pack("!HH", protocol, control) if status & TAG_IS_VALID else b""
+        return b""
 
     def close(self):
         self._socket.close()

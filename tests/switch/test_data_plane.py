@@ -1,0 +1,289 @@
+"""User traffic through the switch: both ways, chosen members, what may not pass, counters."""
+
+import struct
+
+import pytest
+
+from switchbench import CREATE, DESTROY, PORTS, PSC_SET
+
+HOST = bytes.fromhex("020000000001")
+NEIGHBOUR = bytes.fromhex("020000000002")
+BROADCAST = b"\xff" * 6
+SLOW = bytes.fromhex("0180c2000002")
+LLDP = bytes.fromhex("0180c200000e")
+SRC_IP, DST_IP, SRC_MAC, DST_MAC, SRC_DST_IP, SRC_DST_MAC = 0, 1, 9, 10, 18, 19
+QUIET = 0.3     # nothing comes any more
+AT_ONCE = 0.05  # what has been sent is there
+
+
+def frame(number, destination=NEIGHBOUR, source=HOST, src_ip=1, dst_ip=2, tag=b""):
+    """An IPv4 packet with a number in it."""
+    ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 46, 0, 0, 64, 17, 0, bytes([10, 0, 0, src_ip]), bytes([10, 0, 0, dst_ip]))
+    return destination + source + tag + b"\x08\x00" + ip + number.to_bytes(4, "big") + bytes(22)
+
+
+class Stand:
+    """A switch with host interface, trunk 1 over ports 1 and 2; port 3 is in no trunk."""
+
+    def __init__(self, bench):
+        self.bench = bench
+        bench.pair("hostsw", "host0")
+        bench.start("--host", "hostsw")
+        self.host = bench.wire("host0")
+        self.fars = {port: bench.wire(f"far{port}") for port in PORTS}
+        self.driver = bench.driver()
+
+    def trunk(self, group=1, criterion=SRC_DST_IP, members=0b011):
+        before = self.bench.state()["driver"]["creates"]
+        self.driver.request(CREATE, group, criterion, members, members.bit_count())
+        self.bench.await_count("creates", before + 1)
+
+    def traffic(self):
+        return self.bench.state()["traffic"]
+
+    def port_traffic(self, number):
+        return next(port for port in self.traffic()["ports"] if port["port"] == number)
+
+    def trunk_traffic(self, group):
+        return next(trunk for trunk in self.traffic()["trunks"] if trunk["group"] == group)
+
+    def handled(self):
+        """Frames of the host that the switch has dealt with."""
+        host = self.traffic()["host"]["rx"]
+        return host["frames"] + host["dropped"]
+
+    def leaving(self, *frames):
+        """Sends frames from the host; those that come out of each port, in order."""
+        before = self.handled()
+        for data in frames:
+            self.host.send(data)
+        self.bench.await_state("frames of the host", self.handled, before + len(frames))
+        return {port: drain(wire, within=AT_ONCE) for port, wire in self.fars.items()}
+
+
+def drain(wire, within=QUIET):
+    found = []
+    while (data := wire.receive(within)) is not None:
+        found.append(data)
+    return found
+
+
+@pytest.fixture
+def stand(bench):
+    return Stand(bench)
+
+
+# ---- from the host
+
+def test_every_frame_leaves_once_unchanged_and_in_order_within_its_flow(stand):
+    stand.trunk()
+    sent = [frame(number, src_ip=number % 16) for number in range(320)]
+    out = stand.leaving(*sent)
+    assert out[3] == [], "a port in no trunk"
+    assert sorted(out[1] + out[2]) == sorted(sent), "nothing lost, nothing twice, nothing changed"
+    for flow in range(16):
+        mine = sent[flow::16]
+        parts = [[data for data in out[port] if data in mine] for port in (1, 2)]
+        assert sorted(parts) == [[], mine], "one member, in order"
+    assert out[1] and out[2], "sixteen flows use both members"
+
+
+@pytest.mark.parametrize("criterion, field", [(SRC_IP, "src_ip"), (DST_IP, "dst_ip"), (SRC_DST_IP, "src_ip"),
+                                              (SRC_DST_IP, "dst_ip"), (SRC_MAC, "source"), (DST_MAC, "destination"),
+                                              (SRC_DST_MAC, "source"), (SRC_DST_MAC, "destination")])
+def test_the_criterion_spreads_the_flows(stand, criterion, field):
+    stand.trunk(criterion=criterion)
+    fields = {"src_ip", "dst_ip", "source", "destination"}
+
+    def varied(name):
+        values = [2 * byte for byte in range(32)]
+        return [frame(value, **{name: value if name.endswith("ip") else bytes.fromhex("0200000000") + bytes([value])})
+                for value in values]
+
+    out = stand.leaving(*varied(field))
+    assert len(out[1]) + len(out[2]) == 32 and out[1] and out[2]
+    same = fields - {field}
+    if criterion in (SRC_DST_IP, SRC_DST_MAC):
+        same = fields - ({"src_ip", "dst_ip"} if criterion == SRC_DST_IP else {"source", "destination"})
+    for name in sorted(same):
+        out = stand.leaving(*varied(name))
+        assert sorted((len(out[1]), len(out[2]))) == [0, 32], f"{name} makes no other flow"
+
+
+def test_a_vlan_tag_stays_and_the_packet_behind_it_counts(stand):
+    stand.trunk(criterion=SRC_IP)
+    tag = b"\x81\x00\x60\x05"
+    plain = stand.leaving(*(frame(number, src_ip=number) for number in range(16)))
+    tagged = stand.leaving(*(frame(number, src_ip=number, tag=tag) for number in range(16)))
+    for port in (1, 2):
+        assert tagged[port] == [data[:12] + tag + data[12:] for data in plain[port]]
+
+
+def test_broadcasts_leave_once(stand):
+    stand.trunk(group=2, members=0b001)
+    stand.trunk(group=3, members=0b110)
+    sent = frame(1, destination=BROADCAST)
+    assert stand.leaving(sent) == {1: [sent], 2: [], 3: []}
+
+
+def test_the_next_trunk_stands_in_for_the_lowest(stand):
+    stand.trunk(group=2, members=0b001)
+    stand.trunk(group=3, members=0b010)
+    stand.driver.request(DESTROY, 2)
+    stand.bench.await_count("destroys", 1)
+    assert stand.leaving(frame(1)) == {1: [], 2: [frame(1)], 3: []}
+
+
+def test_a_flow_stays_when_another_member_goes(stand):
+    stand.trunk(members=0b111)
+    sent = [frame(number, src_ip=number) for number in range(48)]
+    before = stand.leaving(*sent)
+    stand.trunk(members=0b101)
+    after = stand.leaving(*sent)
+    assert after[2] == []
+    for port in (1, 3):
+        assert set(before[port]) <= set(after[port])
+    assert sum(map(len, after.values())) == 48
+
+
+def test_a_new_criterion_is_used_at_once(stand):
+    stand.trunk(criterion=SRC_MAC)
+    sent = [frame(number, src_ip=number) for number in range(32)]
+    out = stand.leaving(*sent)
+    assert sorted((len(out[1]), len(out[2]))) == [0, 32]
+    stand.driver.request(PSC_SET, 1, SRC_IP)
+    stand.bench.await_count("psc_sets", 1)
+    out = stand.leaving(*sent)
+    assert out[1] and out[2]
+
+
+def test_without_a_trunk_nothing_leaves(stand):
+    assert stand.leaving(frame(1), frame(2)) == {1: [], 2: [], 3: []}
+    assert stand.traffic()["host"]["rx"] == {"frames": 0, "bytes": 0, "dropped": 2}
+
+
+@pytest.mark.parametrize("destination", [SLOW, LLDP])
+def test_link_local_frames_of_the_host_stay(stand, destination):
+    stand.trunk()
+    cpu = stand.bench.wire("ethv0")
+    assert stand.leaving(frame(1, destination=destination)) == {1: [], 2: [], 3: []}
+    assert cpu.receive(within=QUIET) is None
+    assert stand.traffic()["host"]["rx"]["dropped"] == 1
+
+
+# ---- to the host
+
+def test_frames_of_every_member_reach_the_host_and_no_other_port(stand):
+    stand.trunk(group=1, members=0b001)
+    stand.trunk(group=2, members=0b110)
+    for port, wire in stand.fars.items():
+        sent = [frame(number, destination=destination) for number, destination in enumerate(
+            (HOST, NEIGHBOUR, BROADCAST))]
+        for data in sent:
+            wire.send(data)
+        assert drain(stand.host) == sent, f"port {port}"
+    assert all(drain(wire) == [] for wire in stand.fars.values())
+
+
+def test_a_tagged_frame_reaches_the_host_with_its_tag(stand):
+    stand.trunk()
+    sent = frame(1, destination=HOST, tag=b"\x81\x00\x60\x05")
+    stand.fars[2].send(sent)
+    assert stand.host.receive() == sent
+
+
+def test_a_port_in_no_trunk_carries_nothing(stand):
+    stand.trunk()
+    stand.fars[3].send(frame(1, destination=HOST))
+    stand.fars[3].send(frame(2, destination=BROADCAST))
+    assert stand.host.receive(within=QUIET) is None
+    assert stand.port_traffic(3)["rx"] == {"frames": 0, "bytes": 0, "dropped": 2}
+
+
+def test_slow_protocols_frames_go_to_the_cpu_only(stand):
+    stand.trunk()
+    cpu = stand.bench.wire("ethv0")
+    stand.fars[1].send(SLOW + NEIGHBOUR + b"\x88\x09" + bytes(110))
+    assert cpu.receive() is not None and cpu.receive(within=QUIET) is None
+    assert stand.host.receive(within=QUIET) is None
+    stand.fars[1].send(frame(1, destination=LLDP))
+    assert stand.host.receive(within=QUIET) is None
+    assert stand.port_traffic(1)["rx"] == {"frames": 0, "bytes": 0, "dropped": 1}
+
+
+def test_slow_protocols_frames_pass_beside_a_flood(stand):
+    stand.trunk()
+    cpu = stand.bench.wire("ethv0")
+    flood = frame(0, destination=HOST) + bytes(900)
+    for _ in range(20):
+        for _ in range(1000):
+            stand.fars[1].send(flood)
+        stand.fars[1].send(SLOW + NEIGHBOUR + b"\x88\x09" + bytes(110))
+    assert sum(cpu.receive() is not None for _ in range(20)) == 20
+    stand.bench.await_state("slow-protocols frames", lambda: stand.bench.port(1)["rx_slow"], 20)
+
+
+# ---- counters
+
+def test_counters_tell_frames_bytes_and_what_was_dropped(stand):
+    stand.trunk()
+    sent = [frame(number, src_ip=number) for number in range(20)]
+    out = stand.leaving(*sent)
+    for data in sent[:3]:
+        stand.fars[2].send(data)
+    assert len(drain(stand.host)) == 3
+    size = len(sent[0])
+
+    def count(frames, dropped=0):
+        return {"frames": frames, "bytes": frames * size, "dropped": dropped}
+
+    assert stand.port_traffic(1)["tx"] == count(len(out[1]))
+    assert stand.port_traffic(2)["tx"] == count(len(out[2]))
+    assert stand.port_traffic(2)["rx"] == count(3)
+    assert stand.trunk_traffic(1) == {"group": 1, "rx": count(3), "tx": count(20)}
+    host = stand.traffic()["host"]
+    assert (host["interface"], host["rx"], host["tx"], host["missed"]) == ("hostsw", count(20), count(3), 0)
+
+
+def test_what_a_member_cannot_send_is_dropped_alone(stand):
+    stand.trunk()
+    sent = [frame(number, src_ip=number) for number in range(20)]
+    before = stand.leaving(*sent)
+    stand.bench.namespace.ip("link", "set", "ge1", "down")
+    after = stand.leaving(*sent)
+    assert (after[1], after[2]) == ([], before[2])
+    assert stand.port_traffic(1)["tx"]["dropped"] == len(before[1])
+    assert stand.trunk_traffic(1)["tx"]["dropped"] == len(before[1])
+
+
+def test_an_interface_that_comes_again_carries_traffic_again(stand):
+    stand.trunk(members=0b001)
+    for near, far in (("ge1", "far1"), ("hostsw", "host0")):
+        stand.bench.namespace.ip("link", "del", near)
+        stand.bench.pair(near, far)
+    stand.bench.await_state("carrier", lambda: stand.bench.port(1)["carrier"], True)
+    host, far = stand.bench.wire("host0"), stand.bench.wire("far1")
+    host.send(frame(1))
+    assert far.receive() == frame(1)
+    far.send(frame(2))
+    assert host.receive() == frame(2)
+
+
+# ---- options
+
+def test_without_a_host_interface_there_is_no_user_traffic(switch):
+    driver = switch.driver()
+    driver.request(CREATE, 1, SRC_MAC, 0b111, 3)
+    switch.await_count("creates", 1)
+    fars = [switch.wire(f"far{port}") for port in PORTS]
+    fars[0].send(frame(1))
+    assert all(wire.receive(within=QUIET) is None for wire in fars)
+    assert switch.state()["traffic"] is None
+
+
+@pytest.mark.parametrize("interface, words", [("cpu0", "given twice"), ("ge1", "given twice"),
+                                              ("nothere", "there is no interface nothere")])
+def test_a_host_interface_that_cannot_be_is_named(bench, interface, words):
+    result = bench.run("--host", interface)
+    assert result.returncode == 1
+    assert words in result.stderr and result.stderr.count("\n") == 1
