@@ -15,8 +15,9 @@ from lab.programs import Programs
 from lab.shell import Shell, ShellError
 from lab.system import System
 from lab.ticks import Ticks
+from lab.traffic import Flow, transfer
 from lab.waiting import LabError, eventually, stays
 from lab.wire import Capture, Lacpdu
 
-__all__ = ["Capture", "Datastore", "Lab", "LabError", "Lacpdu", "Programs", "Shell", "ShellError", "System", "Ticks",
-           "eventually", "stays"]
+__all__ = ["Capture", "Datastore", "Flow", "Lab", "LabError", "Lacpdu", "Programs", "Shell", "ShellError", "System",
+           "Ticks", "eventually", "stays", "transfer"]

@@ -14,6 +14,9 @@ from lab.waiting import LabError, eventually
 
 CPU_INTERFACE = "ethv0"       # the daemon's
 CPU_SWITCH_SIDE = "cpu0"      # the switch's end of it
+HOST_INTERFACE = "host0"      # the user's
+HOST_SWITCH_SIDE = "hostsw"   # the switch's end of it
+HOST_ADDRESSES = 8
 SHELL_PORT = 2704
 PASSWORD = "lab"
 START_TIME = 20.0
@@ -30,6 +33,7 @@ class System:
         self.programs = programs
         self.directory = Path(directory)
         self.namespace = None
+        self.host = None  # the namespace of the user behind the switch
         self.switch = None
         self.daemon = None
         self.mac = f"02:00:00:00:{number:02x}:00"
@@ -53,6 +57,24 @@ class System:
                           CPU_SWITCH_SIDE)
         self.namespace.ip("link", "set", CPU_INTERFACE, "up")
         self.namespace.ip("link", "set", CPU_SWITCH_SIDE, "up")
+
+    def add_host(self):
+        """A user with addresses, whose traffic the trunks carry. Before start()."""
+        self.host = Namespace(f"{self._namespace_name}-host")
+        self.namespace.ip("link", "add", HOST_SWITCH_SIDE, "type", "veth", "peer", "name", HOST_INTERFACE, "address",
+                          f"02:00:00:00:{self.number:02x}:ff", "netns", self.host.name)
+        self.namespace.ip("link", "set", HOST_SWITCH_SIDE, "up")
+        self.host.ip("link", "set", HOST_INTERFACE, "up")
+        for address in self.host_addresses:
+            self.host.ip("address", "add", f"{address}/16", "dev", HOST_INTERFACE)
+
+    @property
+    def host_addresses(self):
+        return [f"10.77.{self.number}.{last}" for last in range(1, HOST_ADDRESSES + 1)]
+
+    @property
+    def host_address(self):
+        return self.host_addresses[0]
 
     def remove_cpu_interface(self):
         self.namespace.ip("link", "del", CPU_INTERFACE)
@@ -105,8 +127,9 @@ class System:
     def start_switch(self, *options):
         ports = [word for port in range(1, self.ports + 1)
                  for word in ("--port", f"{port}={self.port_interface(port)}")]
+        host = ("--host", HOST_SWITCH_SIDE) if self.host else ()
         self.switch = self._run("olt-switch", [
-            self.programs.switch, "--cpu", CPU_SWITCH_SIDE, *ports,
+            self.programs.switch, "--cpu", CPU_SWITCH_SIDE, *host, *ports,
             "--driver-socket", self._driver_socket, "--state-socket", self._state_socket, *options])
         self._await(self.switch, "answers", lambda: self._state(), lambda state: state is not None)
 
@@ -132,8 +155,9 @@ class System:
         for process in (self.daemon, self.switch):
             if process:
                 process.stop()
-        if self.namespace:
-            self.namespace.remove()
+        for namespace in (self.host, self.namespace):
+            if namespace:
+                namespace.remove()
         shutil.rmtree(self.directory, ignore_errors=True)
 
     def _run(self, name, command, environment=None):
@@ -191,6 +215,10 @@ class System:
     def trunks(self):
         """Member ports of the switch's trunks, by group."""
         return {trunk["group"]: set(trunk["members"]) for trunk in self.state()["trunks"]}
+
+    def traffic(self, port):
+        """Counters of the user traffic of a port."""
+        return next(entry for entry in self.state()["traffic"]["ports"] if entry["port"] == port)
 
     def trunk(self, group):
         return next((trunk for trunk in self.state()["trunks"] if trunk["group"] == group), None)

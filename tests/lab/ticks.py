@@ -11,13 +11,13 @@ class Ticks:
     # periodic, scheduler, sent), the answer on the partner's next ticks (2), selection (2), wait_while (3), and
     # one more round for a partner that had already given up and starts again from its own aggregator.
     FORM = 1 + 2 * (3 + 2 + 2 + 3) * TICK + SLACK
-    # The same when one side starts anew: the other may have sent its three LACPDUs and then waits for its next
-    # periodic one, 31 ticks later with the long timeout.
+    # The same with a partner that has given up: it may have sent three LACPDUs already and then waits for its next
+    # periodic one, 31 ticks after the last.
     REFORM = 31 * TICK + FORM
     # A lost carrier needs no tick: link status, queue, detachment, member list, trunk.
     LINK = SLACK
-    # A silent partner: the short timeout expires on the 4th tick, and again on the 4th after that.
-    LOST_SHORT = 2 * 4 * TICK + SLACK
+    # A silent partner: the short timeout expires on the 4th tick, again on the 4th after that; then selection.
+    LOST_SHORT = (2 * 4 + 2) * TICK + SLACK
     # Two LACPDUs apart with a partner that asks for the short timeout.
     FAST_PERIOD = 2 * TICK
     # Longer than anything that would form a trunk.

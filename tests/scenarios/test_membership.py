@@ -18,11 +18,12 @@ def test_values_survive_leaving_and_coming_back(pair):
 
     quietly(left, *leave(1, 1))
     left.await_trunk(1, set(), Ticks.LINK)
+    right.await_trunk(1, set(), Ticks.LOST_SHORT)
     assert left.configured() == []
 
     quietly(left, *join(1, 1, "passive"))
     for system in pair:
-        system.await_trunk(1, {1}, Ticks.FORM)
+        system.await_trunk(1, {1}, Ticks.REFORM)
     assert left.configured() == before
     # What the daemon really uses is what it tells the other side.
     actor = last_actor(left, right, 1)
@@ -76,7 +77,7 @@ def test_a_port_moves_straight_to_another_group(pair):
     quietly(left, *leave(1, 1))
     quietly(right, *leave(1, 1))
     for system in pair:
-        quietly(system, *join(1, 2, "active", "lacp timeout long"), *join(2, 2, "active", "lacp timeout long"))
+        quietly(system, *join(1, 2, "active", "lacp timeout short"), *join(2, 2, "active", "lacp timeout short"))
     for system in pair:
         system.await_trunk(2, {1, 2}, Ticks.FORM)
     for system in pair:

@@ -9,7 +9,7 @@ from lab import Ticks, eventually
 @pytest.fixture(scope="module")
 def formed(pair):
     for system in pair:
-        quietly(system, *join(1, 1, "active"), *join(2, 1, "active"),
+        quietly(system, *join(1, 1, "active", "lacp timeout short"), *join(2, 1, "active", "lacp timeout short"),
                 *join(3, 2, "on"))
         with system.shell() as shell:
             shell.run("write memory")
@@ -73,6 +73,7 @@ def test_a_daemon_without_its_configuration_leaves_no_trunk(formed):
     left.write_configuration("hostname left\npassword lab\n")
     left.start_daemon()
     eventually("left: no trunk", left.trunks, lambda trunks: trunks == {}, 3 + Ticks.LINK)
+    right.await_trunk(1, set(), Ticks.LOST_SHORT)
     left.stop_daemon()
     left.write_configuration(text)
     left.start_daemon()
@@ -86,11 +87,12 @@ def test_a_group_deleted_by_another_client_takes_its_trunk_along(formed):
     left.await_trunk(2, set(), Ticks.LINK)
     left.datastore.delete_group(1)
     left.await_trunk(1, set(), Ticks.LINK)
-    assert right.trunks()[2] == {3}
+    right.await_trunk(1, set(), Ticks.LOST_SHORT)
+    assert right.trunks() == {2: {3}}
 
 
 def test_the_deleted_groups_can_be_configured_again(formed):
     left, right = formed
-    quietly(left, *join(1, 1, "active"), *join(2, 1, "active"), *join(3, 2, "on"))
+    quietly(left, *join(1, 1, "active", "lacp timeout short"), *join(2, 1, "active", "lacp timeout short"), *join(3, 2, "on"))
     for system in (left, right):
         await_formed(system)
