@@ -16,8 +16,9 @@ shift
 mount --make-rprivate /
 mount -t tmpfs layers "$layers"
 for folder in """ + " ".join(LAYERED) + """; do
-  mkdir -p "$layers/$folder/upper" "$layers/$folder/work"
-  mount -t overlay overlay -o "lowerdir=/$folder,upperdir=$layers/$folder/upper,workdir=$layers/$folder/work" "/$folder"
+  layer=$layers/$folder
+  mkdir -p "$layer/upper" "$layer/work"
+  mount -t overlay overlay -o "lowerdir=/$folder,upperdir=$layer/upper,workdir=$layer/work" "/$folder"
 done
 for folder; do
   mount -t tmpfs empty "$folder"

@@ -31,7 +31,8 @@ class Unit:
 
     def command(self, **variables):
         """The program with the capabilities and groups that the unit leaves it, its environment set."""
-        bounding = ",".join("+" + name.removeprefix("CAP_").lower() for name in self.one("CapabilityBoundingSet").split())
+        names = self.one("CapabilityBoundingSet").split()
+        bounding = ",".join("+" + name.removeprefix("CAP_").lower() for name in names)
         words = shlex.split(self.one("ExecStart"))
         words = [part for word in words for part in
                  (shlex.split(variables[word[1:]]) if word.startswith("$") else [word])]
