@@ -20,10 +20,10 @@ Report = namedtuple("Report", "sent lost duplicates reordered outage rate")
 
 
 class Flow:
-    """Numbered packets from one host to another at an even rate, as long as the block runs. Then `report` tells what
-    became of them, by the kernel's time stamps of reception."""
+    """Numbered packets from one of a host's addresses to another host, at an even rate, as long as the block runs.
+    Then `report` tells what became of them, by the kernel's time stamps of reception."""
 
-    def __init__(self, source, target, rate=RATE):
+    def __init__(self, source, target, address=None, rate=RATE):
         self._rate = rate
         self._interval = 1 / rate
         self._sent = 0
@@ -32,6 +32,7 @@ class Flow:
         self._target = (target.host_address, _PORT)
         self._receiver = target.host.call(self._open_receiver)
         self._sender = source.host.call(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        self._sender.bind((address or source.host_address, 0))
         self._sender.setblocking(False)
         self._threads = [threading.Thread(target=self._receive), threading.Thread(target=self._send)]
         self.report = None
@@ -93,7 +94,8 @@ class Flow:
 
 def transfer(source, target, data, within):
     """Sends bytes over TCP; those that came."""
-    listening = target.host.call(lambda: socket.create_server((target.host_address, _PORT)))
+    address = (target.host_address, _PORT)
+    listening = target.host.call(lambda: socket.create_server(address))
     received = bytearray()
 
     def take():
@@ -106,7 +108,7 @@ def transfer(source, target, data, within):
     listening.settimeout(within)
     taker = threading.Thread(target=take)
     taker.start()
-    sending = source.host.call(lambda: socket.create_connection((target.host_address, _PORT), within))
+    sending = source.host.call(lambda: socket.create_connection(address, within))
     with sending:
         sending.sendall(data)
     taker.join()

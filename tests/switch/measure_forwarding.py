@@ -4,8 +4,8 @@
     tests/switch/measure_forwarding.py [OLT-SWITCH] [--seconds N] [--rounds N]        as root
 
 Both forward over the same veth pairs, one after the other in turns: frames go into one end of a pair as fast as the
-kernel takes them and are counted where they come out. Without bridges in the kernel both are measured against what the
-pair itself takes. Everything happens in namespaces that are made for it.
+kernel takes them and are counted where they come out. In a kernel without bridges the reference is what the pair itself
+takes. Everything happens in namespaces that are made for it.
 """
 
 import argparse

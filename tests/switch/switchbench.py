@@ -15,7 +15,7 @@ from lab.waiting import eventually
 PORTS = (1, 2, 3)
 ALL_TYPES = 0x0003
 OUTGOING = 4
-SOL_PACKET, PACKET_AUXDATA = 263, 8
+SOL_PACKET, PACKET_AUXDATA, PACKET_VNET_HDR = 263, 8, 15
 TAG_IS_VALID = 0x10
 KIND_LACP = 2
 CREATE, DESTROY, PSC_SET, ERROR = 10, 11, 12, 255
@@ -36,7 +36,7 @@ class Wire:
 
     @staticmethod
     def _open(interface):
-        raw = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ALL_TYPES))
+        raw = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
         raw.setsockopt(SOL_PACKET, PACKET_AUXDATA, 1)
         raw.bind((interface, ALL_TYPES))
         return raw
@@ -64,6 +64,31 @@ class Wire:
 
     def close(self):
         self._socket.close()
+
+
+class OffloadWire(Wire):
+    """The same with the header before each frame that tells what the kernel has left to do. Tags are taken off."""
+
+    HEADER = struct.Struct("=BBHHHH")
+    NEEDS_CHECKSUM, TCP_SEGMENTS = 1, 1
+
+    @staticmethod
+    def _open(interface):
+        raw = Wire._open(interface)
+        raw.setsockopt(SOL_PACKET, PACKET_VNET_HDR, 1)
+        return raw
+
+    def send_for_checksum(self, frame, start, offset, segments=(0, 0, 0)):
+        """Segments: their type, the length of their headers and their size."""
+        self._socket.send(self.HEADER.pack(self.NEEDS_CHECKSUM, *segments, start, offset) + frame)
+
+    def receive_with_header(self, within=SOON):
+        """Header fields and frame, or None."""
+        while select.select([self._socket], [], [], within)[0]:
+            data, address = self._socket.recvfrom(70000)
+            if address[2] != OUTGOING:
+                return self.HEADER.unpack(data[:self.HEADER.size]), data[self.HEADER.size:]
+        return None
 
 
 class Driver:
@@ -144,6 +169,10 @@ class SwitchBench:
 
     def wire(self, interface):
         self._open.append(Wire(self.namespace, interface))
+        return self._open[-1]
+
+    def offload_wire(self, interface):
+        self._open.append(OffloadWire(self.namespace, interface))
         return self._open[-1]
 
     def driver(self):

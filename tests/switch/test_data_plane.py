@@ -18,7 +18,8 @@ AT_ONCE = 0.05  # what has been sent is there
 
 def frame(number, destination=NEIGHBOUR, source=HOST, src_ip=1, dst_ip=2, tag=b""):
     """An IPv4 packet with a number in it."""
-    ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 46, 0, 0, 64, 17, 0, bytes([10, 0, 0, src_ip]), bytes([10, 0, 0, dst_ip]))
+    addresses = bytes([10, 0, 0, src_ip, 10, 0, 0, dst_ip])
+    ip = struct.pack("!BBHHHBBH8s", 0x45, 0, 46, 0, 0, 64, 17, 0, addresses)
     return destination + source + tag + b"\x08\x00" + ip + number.to_bytes(4, "big") + bytes(22)
 
 
@@ -169,6 +170,40 @@ def test_link_local_frames_of_the_host_stay(stand, destination):
     assert stand.leaving(frame(1, destination=destination)) == {1: [], 2: [], 3: []}
     assert cpu.receive(within=QUIET) is None
     assert stand.traffic()["host"]["rx"]["dropped"] == 1
+
+
+# ---- what the kernel has left to do
+
+TAGS = pytest.mark.parametrize("tag", [b"", b"\x81\x00\x60\x05"], ids=["untagged", "tagged"])
+UDP_CHECKSUM, TCP_CHECKSUM = 6, 16
+TO_SEGMENT = 4000
+
+
+@TAGS
+def test_a_checksum_that_is_to_be_filled_in_stays_so(stand, tag):
+    stand.trunk(members=0b001)
+    host, far = stand.bench.offload_wire("host0"), stand.bench.offload_wire("far1")
+    sent = frame(1, tag=tag)
+    host.send_for_checksum(sent, start=34 + len(tag), offset=UDP_CHECKSUM)
+    header, received = far.receive_with_header()
+    assert (header[0], header[4:]) == (host.NEEDS_CHECKSUM, (34, UDP_CHECKSUM))
+    assert received == frame(1), "the kernel keeps the tag aside"
+
+
+@TAGS
+def test_a_train_of_segments_passes_in_one_piece(stand, tag):
+    stand.trunk(members=0b001)
+    host, far = stand.bench.offload_wire("host0"), stand.bench.offload_wire("far1")
+    payload = bytes(byte % 251 for byte in range(TO_SEGMENT))
+    ip = struct.pack("!BBHHHBBH8s", 0x45, 0, 40 + TO_SEGMENT, 0, 0, 64, 6, 0, bytes([10, 0, 0, 1, 10, 0, 0, 2]))
+    tcp = struct.pack("!HHIIBBHHH", 5000, 5001, 1, 1, 5 << 4, 0x10, 1000, 0, 0)
+    untagged = NEIGHBOUR + HOST + b"\x08\x00" + ip + tcp + payload
+    host.send_for_checksum(untagged[:12] + tag + untagged[12:], start=34 + len(tag), offset=TCP_CHECKSUM,
+                           segments=(host.TCP_SEGMENTS, 54 + len(tag), 1000))
+    (_, kind, _, size, start, offset), received = far.receive_with_header()
+    assert (kind, size, start, offset) == (host.TCP_SEGMENTS, 1000, 34, TCP_CHECKSUM)
+    assert received == untagged
+    assert stand.port_traffic(1)["tx"] == {"frames": 1, "bytes": len(untagged) + len(tag), "dropped": 0}
 
 
 # ---- to the host
