@@ -67,7 +67,7 @@ namespace
 
 constexpr std::array<const char *, 2> REQUIRED_MODULES = {"olt-ifm", "olt-lacp"};
 constexpr char ACCESS_ADVICE[] = "only root, user daemon and members of group daemon may use it";
-constexpr char INSTALL_ADVICE[] = "install it with scripts/datastore.sh";
+constexpr char INSTALL_ADVICE[] = "install it with scripts/datastore.sh, or olt-datastore where the package is";
 
 bool repository_usable(const char *path)
 {
