@@ -176,12 +176,20 @@ static void tick_tx_scheduler(LacPort *port)
     }
 }
 
+// A partner that has turned to the short timeout does not wait for the slow timer: it would give this port up, take
+// it back and give it up again, without end when both sides are slow.
+static bool has_outgrown_slow_periodic(const LacPort *port)
+{
+    return port->txm == LAC_SLOW_PERIODIC && port->periodic_timer.count != 0 &&
+           (port->partner_oper_state & LAC_TIMEOUT) != 0;
+}
+
 static void tick_periodic(LacPort *port)
 {
     LacTimer &timer = port->periodic_timer;
     lac_trace(LAC_DBG_TIMER, "\r\n periodic timer expired [port %d active %d tick %d]\r\n", port->port_no,
               timer.active.get(), timer.count.get());
-    if (port->txm == LAC_NO_PERIODIC)
+    if (port->txm == LAC_NO_PERIODIC || has_outgrown_slow_periodic(port))
         update_Period(port);
     if (timer.active == 0)
         return;
