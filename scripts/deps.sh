@@ -13,7 +13,7 @@ set -euo pipefail
 LIBYANG_VERSION=3.13.6-1~bpo13+1
 SYSREPO_VERSION=3.7.11-1~bpo13+2
 FRR_VERSION=10.3-3+deb13u1
-RECIPE=2 # raise when a build option below changes
+RECIPE=3 # raise when a build option below changes
 DAEMON_GROUP=daemon
 
 PACKAGES=(
@@ -126,7 +126,9 @@ build_cmake() { # NAME [CMAKE OPTION ...]
   }
 }
 
-# Every daemon is off; only the library and its headers are taken. vtysh stays on: lib/vty.c needs it.
+# Every daemon is off; only the library and its headers are taken. vtysh stays on: lib/vty.c needs it. The folder of
+# YANG models is one that every Debian has and that holds none: the library looks through it at start, and nothing
+# that is built here loads a model from it.
 build_frr() {
   say "building FRR's library"
   (
@@ -140,7 +142,7 @@ build_frr() {
       off+=("--disable-$daemon")
     done
     ./configure --prefix="$prefix" --sysconfdir=/etc --localstatedir=/var --libdir="$prefix/lib" \
-      --with-yangmodelsdir=/usr/share --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
+      --with-yangmodelsdir=/usr/share/base-files --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
       --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}"
     make -j"$(nproc)" lib/mgmt.pb-c.h lib/gitversion.h lib/vtysh_daemons.h lib/route_types.h
     make -j"$(nproc)" lib/libfrr.la
