@@ -11,8 +11,7 @@ class Ticks:
     # periodic, scheduler, sent), the answer on the partner's next ticks (2), selection (2), wait_while (3), and
     # one more round for a partner that had already given up and starts again from its own aggregator.
     FORM = 1 + 2 * (3 + 2 + 2 + 3) * TICK + SLACK
-    # The same with a partner that has given up: it may have sent three LACPDUs already and then waits for its next
-    # periodic one, 31 ticks after the last.
+    # The same with a passive side that hears an active one only at its next slow LACPDU, 31 ticks after the last.
     REFORM = 31 * TICK + FORM
     # A lost carrier needs no tick: link status, queue, detachment, member list, trunk.
     LINK = SLACK

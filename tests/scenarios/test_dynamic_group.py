@@ -86,8 +86,8 @@ def test_a_silent_partner_is_given_up_and_taken_back(pair):
         finally:
             right.daemon.send_signal(signal.SIGCONT)
     for system in pair:
-        system.await_trunk(2, {3}, Ticks.REFORM)
-        system.await_trunk(1, {1, 2}, Ticks.REFORM)
+        system.await_trunk(2, {3}, Ticks.FORM)
+        system.await_trunk(1, {1, 2}, Ticks.FORM)
 
 
 def await_actor(capture, wanted, unwanted, within):

@@ -22,7 +22,7 @@ def await_formed(system):
     """Both trunks as configured, asked for by the daemon that runs now."""
     eventually(f"{system.name}: trunk 1 with ports 1 and 2, trunk 2 with port 3", lambda: system.state()["trunks"],
                lambda trunks: [(trunk["group"], trunk["members"], trunk["stale"]) for trunk in trunks]
-               == [(1, [1, 2], False), (2, [3], False)], Ticks.REFORM)
+               == [(1, [1, 2], False), (2, [3], False)], Ticks.FORM)
 
 
 def test_the_driver_service_comes_back(formed):
