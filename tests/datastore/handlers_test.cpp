@@ -185,6 +185,18 @@ TEST_F(HandlersTest, PortMovesStraightBetweenDynamicGroupsByAnotherClient)
     EXPECT_TRUE(eventually([] { return port(1).lacp_enabled == 0; }));
 }
 
+// The modules' handlers are called in the order in which the writes came.
+TEST_F(HandlersTest, GroupAndPortsInOneTransactionOfAnotherClientJoinInAnyOrder)
+{
+    const ForeignWrite group1{"/olt-lacp:channel-group/group[id='1']/lacp-type", "dynamic"};
+    const ForeignWrite group2{"/olt-lacp:channel-group/group[id='2']/lacp-type", "dynamic"};
+    ASSERT_EQ(foreign_writes({{trunk(1, "channel-group"), "1"}, group1}), 0);
+    ASSERT_EQ(foreign_writes({group2, {trunk(2, "channel-group"), "2"}}), 0);
+    EXPECT_TRUE(eventually([] { return port(1).lacp_enabled == 1 && port(2).lacp_enabled == 1; }));
+    EXPECT_EQ(port(1).channel_group_id, 1u);
+    EXPECT_EQ(port(2).channel_group_id, 2u);
+}
+
 TEST_F(HandlersTest, GroupDeletedByAnotherClientTakesItsTrunkAlong)
 {
     set_link(1, true);

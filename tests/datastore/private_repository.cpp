@@ -211,10 +211,20 @@ std::string dump_datastore()
 
 int foreign_write(const std::string &path, const char *value)
 {
+    return foreign_writes({{path, value}});
+}
+
+int foreign_writes(const std::vector<ForeignWrite> &writes)
+{
     const Client client;
-    const int code = value != nullptr ? sr_set_item_str(client.session(), path.c_str(), value, nullptr, 0)
-                                      : sr_delete_item(client.session(), path.c_str(), 0);
-    return code == SR_ERR_OK ? sr_apply_changes(client.session(), TIMEOUT_MS) : code;
+    int code = SR_ERR_OK;
+    for (const ForeignWrite &write : writes) {
+        code = write.value != nullptr ? sr_set_item_str(client.session(), write.path.c_str(), write.value, nullptr, 0)
+                                      : sr_delete_item(client.session(), write.path.c_str(), 0);
+        if (code != SR_ERR_OK)
+            return code;
+    }
+    return sr_apply_changes(client.session(), TIMEOUT_MS);
 }
 
 ChangeRecorder &ChangeRecorder::instance()

@@ -25,6 +25,12 @@ class PrivateRepository : public testing::Environment
 std::string dump_datastore();
 // Sets or (null value) deletes a path as any other datastore client would. The result is sysrepo's.
 int foreign_write(const std::string &path, const char *value);
+// The same with several paths in one transaction.
+struct ForeignWrite {
+    std::string path;
+    const char *value;
+};
+int foreign_writes(const std::vector<ForeignWrite> &writes);
 
 // Changes as a subscriber of the daemon's paths sees them, and what a test makes its handlers do.
 class ChangeRecorder

@@ -113,16 +113,36 @@ void leave_group(std::uint32_t port, std::uint32_t group)
     update_lacp_select_port(static_cast<int>(port), group);
 }
 
-// A group that another client deleted and now creates again: ports still configured for it come back.
-void rejoin_configured_ports(int group)
+// A port whose leaf named a group that has no type yet. Another client may write both in one transaction, whose
+// modules come in any order and which no handler can read before it is committed. A wish lasts as long as a
+// transaction may, so that a refused one leaves nothing behind.
+struct Wish {
+    std::uint32_t group;
+    std::uint64_t at_ms;
+};
+constexpr std::uint64_t WISH_MS = 5000;
+Wish wishes[LAC_MAX_PORTS];
+
+bool wishes_for(std::uint32_t port, int group)
 {
-    for (std::uint32_t port = intf.first_uplink_port; port != 0 && port <= intf.last_uplink_port; ++port) {
-        std::uint8_t configured = 0;
-        std::uint32_t size = sizeof(configured);
-        if (db_olt_lacp_get_trunk_channel_group(LAC_SLOT, port, &g_lacpd_db, &configured, &size) == 0 &&
-            configured == group)
-            join_group(port, configured);
-    }
+    const Wish &wish = wishes[(port - 1) % LAC_MAX_PORTS];
+    return static_cast<int>(wish.group) == group && lac_now_ms() - wish.at_ms < WISH_MS;
+}
+
+bool is_configured_for(std::uint32_t port, int group)
+{
+    std::uint8_t configured = 0;
+    std::uint32_t size = sizeof(configured);
+    return db_olt_lacp_get_trunk_channel_group(LAC_SLOT, port, &g_lacpd_db, &configured, &size) == 0 &&
+           configured == group;
+}
+
+// The other client may also have deleted the group and create it again: ports still configured for it come back.
+void join_configured_ports(int group)
+{
+    for (std::uint32_t port = intf.first_uplink_port; port != 0 && port <= intf.last_uplink_port; ++port)
+        if (wishes_for(port, group) || is_configured_for(port, group))
+            join_group(port, static_cast<std::uint32_t>(group));
 }
 
 int set_group_type(int group, std::string_view type)
@@ -132,7 +152,7 @@ int set_group_type(int group, std::string_view type)
     } else if (type == "dynamic") {
         set_dynamic_channel_group_type(group);
         start_lacp_once_cfg();
-        rejoin_configured_ports(group);
+        join_configured_ports(group);
     }
     return set_channel_group_used(group, 1);
 }
@@ -228,21 +248,22 @@ int change_global_leaf(const ChangeWalk &walk)
 
 // ---- trunk settings of a port ---------------------------------------------------------------------------------
 
-bool is_dynamic(std::uint32_t group)
+std::uint32_t type_of(std::uint32_t group)
 {
     std::uint32_t type = CHANNEL_GROUP_UNSET;
-    return get_channel_group_type(static_cast<int>(group), &type) == LAC_OK && type == CHANNEL_GROUP_DYNAMIC;
+    get_channel_group_type(static_cast<int>(group), &type);
+    return type;
 }
 
 // A port that goes straight from one dynamic group to another leaves the first one before it joins.
 int change_channel_group(std::uint32_t port, const sr_val_t *old_value, std::uint32_t group)
 {
     const std::uint32_t old_group = old_value == nullptr ? 0 : old_value->data.uint8_val;
-    if (old_group != 0 && old_group != group && is_dynamic(old_group))
+    if (old_group != 0 && old_group != group && type_of(old_group) == CHANNEL_GROUP_DYNAMIC)
         leave_group(port, old_group);
-    if (group == 0 || !is_dynamic(group))
-        return LAC_OK;
-    return join_group(port, group);
+    const std::uint32_t type = type_of(group);
+    wishes[(port - 1) % LAC_MAX_PORTS] = {type == CHANNEL_GROUP_UNSET ? group : 0, lac_now_ms()};
+    return type == CHANNEL_GROUP_DYNAMIC ? join_group(port, group) : LAC_OK;
 }
 
 int change_trunk_leaf(const ChangeWalk &walk)
