@@ -18,7 +18,6 @@ using Clock = std::chrono::steady_clock;
 
 // A handler may wait for the protocol's queue for a second per change; a writer may stand behind several others.
 constexpr std::uint32_t HANDLER_TIMEOUT_MS = 15000;
-constexpr auto RETRY_FOR = std::chrono::seconds(15);
 constexpr auto RETRY_AFTER = std::chrono::milliseconds(20);
 // A reader that arrives while a writer waits for its lock can miss being woken when that writer goes on (sysrepo
 // 3.7.11). In a handler that would stop everybody until the reader's time is up, so it looks again by itself.
@@ -179,12 +178,12 @@ int Transaction::apply_once()
     return sr_apply_changes(session_, HANDLER_TIMEOUT_MS);
 }
 
-int Transaction::apply()
+int Transaction::apply_within(std::chrono::milliseconds patience)
 {
     if (session_ == nullptr) {
         return FAILED;
     }
-    const auto give_up = Clock::now() + RETRY_FOR;
+    const auto give_up = Clock::now() + patience;
     if (result_ == 0) {
         result_ = apply_once();
         while (worth_another_try(result_) && Clock::now() < give_up) {

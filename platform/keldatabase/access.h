@@ -4,6 +4,7 @@
 #include "keldatabase/connection.h"
 
 #include <array>
+#include <chrono>
 #include <optional>
 #include <span>
 
@@ -90,6 +91,11 @@ template <typename Number> int copy_number(KelDb *db, const Path &path, Number *
     return 0;
 }
 
+// How long a write tries again that found the datastore locked or busy.
+constexpr std::chrono::milliseconds WRITE_PATIENCE(15000);
+// The protocol's own writes: its dispatcher has other things to do, and comes back to them.
+constexpr std::chrono::milliseconds PROTOCOL_PATIENCE(300);
+
 // One transaction on the calling thread's session. What was not applied is given up.
 class Transaction
 {
@@ -111,7 +117,8 @@ class Transaction
 
     // 0 when the datastore holds the change and every handler has accepted it. Waits for other writers, within
     // bounds; a refusal is explained on standard error.
-    int apply();
+    int apply() { return apply_within(WRITE_PATIENCE); }
+    int apply_within(std::chrono::milliseconds patience);
 
   private:
     Transaction &stage_set(const Path &path, const char *value, sr_edit_options_t options);

@@ -132,13 +132,17 @@ int db_olt_lacp_set_group_load_balance(int group, KelDb *db, const char *text, s
 
 int db_olt_lacp_set_group_member_port(int group, KelDb *db, const char *name, std::uint32_t, std::uint32_t)
 {
-    return name != nullptr ? set_leaf(db, kel::group_path(group, "member-port"), name) : kel::FAILED;
+    return name != nullptr
+               ? Transaction(db).set(kel::group_path(group, "member-port"), name).apply_within(kel::PROTOCOL_PATIENCE)
+               : kel::FAILED;
 }
 
 int db_olt_lacp_del_group_member_port(int group, int slot, std::uint32_t port, KelDb *db)
 {
     const kel::InterfaceName name(slot, port);
-    return Transaction(db).remove_present(kel::group_list_path(group, "member-port", name.text())).apply();
+    return Transaction(db)
+        .remove_present(kel::group_list_path(group, "member-port", name.text()))
+        .apply_within(kel::PROTOCOL_PATIENCE);
 }
 
 int db_olt_lacp_del_group_id(int group, KelDb *db)

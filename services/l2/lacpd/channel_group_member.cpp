@@ -156,16 +156,19 @@ int deal_manual_channel_updown_port(int group, int slot, std::uint32_t port, int
 
 int deal_dynamic_channel_updown_port(int, int, std::uint32_t port_no, std::uint32_t up)
 {
-    const LacPort *port = lacNoToPort(port_no);
+    LacPort *port = lacNoToPort(port_no);
     if (port == nullptr)
         return LAC_NO_OBJECT;
+    int sent = LAC_OK;
     if (up == 1) {
         printf("\r\n lacpPortLinkStatusEvent  port %d up wait task semaphore\r\n", port_no);
-        lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_UP, 0, port->port_no);
+        sent = lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_UP, 0, port->port_no);
     } else if (up == 0) {
         printf("\r\n lacpPortLinkStatusEvent  port %d down wait task semaphore\r\n", port_no);
-        lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_DOWN, 0, port->port_no);
+        sent = lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_DOWN, 0, port->port_no);
     }
+    if (sent != LAC_OK)
+        port->link_event_lost = 1;
     return LAC_OK;
 }
 

@@ -17,6 +17,7 @@ constexpr int DETACH_FAILURE_LINE = 849;
 constexpr char DETACH_NAME[] = "lac_bcm_remove_port_from_trunk";
 
 constexpr std::size_t INTERFACE_NAME_SIZE = 32;
+constexpr std::uint64_t SETTLE_MS = 400; // of a tick's second
 
 static std::uint32_t port_bit(const LacPort *port)
 {
@@ -73,15 +74,49 @@ void lacChangeAggregator(LacPort *port, LacAggregator *aggregator)
 
 // ---- attachment -----------------------------------------------------------------------------------------------
 
-static void write_member(const LacPort *port)
+static int write_member(LacPort *port)
 {
     char name[INTERFACE_NAME_SIZE] = {};
     snprintf(name, sizeof(name), "gigabitethernet %d/%d", LAC_SLOT, port->port_no);
-    const int result = db_olt_lacp_set_group_member_port(static_cast<int>(port->channel_group_id.get()), &g_lacpd_db,
-                                                         name, sizeof(name), 1);
+    const int result =
+        db_olt_lacp_set_group_member_port(static_cast<int>(port->member_wanted), &g_lacpd_db, name, sizeof(name), 1);
     if (result != 0)
         printf("LINE %d FUNC %s add interface to lacp-group database failed! ret=%d\n", ATTACH_FAILURE_LINE,
                ATTACH_NAME, result);
+    port->member_written = port->member_wanted; // also after a failure: the write may have come through
+    port->member_owed = result != 0;
+    return result;
+}
+
+static int erase_member(LacPort *port, std::uint32_t group)
+{
+    const int result =
+        db_olt_lacp_del_group_member_port(static_cast<int>(group), LAC_SLOT, port->port_no, &g_lacpd_db);
+    if (result != 0)
+        printf("LINE %d FUNC %s del interface from lacp-group database failed! ret=%d\n", DETACH_FAILURE_LINE,
+               DETACH_NAME, result);
+    if (result == 0 || result == SR_ERR_NOT_FOUND)
+        port->member_written = 0;
+    port->member_owed = port->member_written != 0;
+    return result;
+}
+
+// One more attempt at a refused write.
+static void settle_member(LacPort *port)
+{
+    if (port->member_written != 0 && port->member_written != port->member_wanted)
+        erase_member(port, port->member_written);
+    const bool elsewhere = port->member_written != 0 && port->member_written != port->member_wanted;
+    if (port->member_wanted != 0 && !elsewhere)
+        write_member(port);
+}
+
+void lacSettleMembers()
+{
+    const std::uint64_t start = lac_now_ms();
+    for (LacPort *port : lac_ports())
+        if (port->member_owed != 0 && lac_now_ms() - start < SETTLE_MS)
+            settle_member(port);
 }
 
 void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no)
@@ -95,8 +130,10 @@ void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no)
     if (port->rxm == LAC_RX_CURRENT) {
         lac_trace(LAC_DBG_GLOBAL, "\r\nMsg: %s %d   port_no = %d, aggr_no = %d\r\n", ATTACH_NAME, ATTACH_TRACE_LINE,
                   port_no, agg_no);
-        if (port->individual == 0)
+        if (port->individual == 0) {
+            port->member_wanted = port->channel_group_id;
             write_member(port);
+        }
     }
     port->attached_group = port->channel_group_id;
     port->attached = 1;
@@ -110,11 +147,8 @@ void Detach_Mux_From_Aggregator(std::uint32_t port_no, int agg_no)
     lac_trace(LAC_DBG_ATTACH, "Detaching port %d from aggregator %d\r\n", port_no, agg_no);
     if (get_lacp_channel_group_id(port_no) != LAC_FAILED) {
         lac_trace(LAC_DBG_GLOBAL, "\r\nMsg: remove port_no  %d from aggr_no %d.\r\n", port_no, agg_no);
-        const int result =
-            db_olt_lacp_del_group_member_port(static_cast<int>(port->attached_group), LAC_SLOT, port_no, &g_lacpd_db);
-        if (result != 0)
-            printf("LINE %d FUNC %s del interface from lacp-group database failed! ret=%d\n", DETACH_FAILURE_LINE,
-                   DETACH_NAME, result);
+        port->member_wanted = 0;
+        erase_member(port, port->attached_group);
     }
     port->attached = 0;
 }

@@ -15,6 +15,9 @@ void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no);
 // Marks the port detached and removes it from the member ports of the group it was attached in.
 void Detach_Mux_From_Aggregator(std::uint32_t port_no, int agg_no);
 
+// Tries again what the datastore has refused of these writes. Once a tick.
+void lacSettleMembers();
+
 // Points the port at another aggregator; its bit in the mask moves with it.
 void lacChangeAggregator(LacPort *port, LacAggregator *aggregator);
 

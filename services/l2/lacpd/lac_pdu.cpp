@@ -8,12 +8,14 @@
 #include "lac_tx.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace
 {
 
 constexpr std::size_t MARKER_TLV_TYPE_OFFSET = 2;
 constexpr std::size_t MARKER_TLV_LENGTH_OFFSET = 3;
+constexpr std::uint64_t FLOOD_REPORT_MS = 10000;
 
 std::uint16_t get16(const std::uint8_t *bytes)
 {
@@ -78,13 +80,28 @@ LacPdu lacDecodePdu(const std::uint8_t *bytes)
     return pdu;
 }
 
+// One line now and then, not one a lost frame.
+static void tell_of_flood(std::uint32_t port_no)
+{
+    static std::atomic<std::uint64_t> next_ms;
+    const std::uint64_t now = lac_now_ms();
+    if (now < next_ms)
+        return;
+    next_ms = now + FLOOD_REPORT_MS;
+    printf("LACP Msg: port %u receives more PDUs than can be taken, some are dropped!\n", port_no);
+}
+
 int lacp_bpdu_deal(std::uint32_t port_no, std::uint32_t, const std::uint8_t *frame, int length)
 {
     const std::uint32_t enabled = get_lac_global_enable();
     if (enabled != 1)
         return static_cast<int>(enabled);
-    auto *copy = static_cast<std::uint8_t *>(qcalloc(MTYPE_LACP_PDU, LAC_PDU_SIZE));
     const std::size_t received = length > 0 ? static_cast<std::size_t>(length) : 0;
+    if (Lac_Queue.hasEnough(port_no, received > LAC_RX_PDU_OFFSET ? frame[LAC_RX_PDU_OFFSET] : std::uint8_t{0})) {
+        tell_of_flood(port_no);
+        return LAC_FAILED;
+    }
+    auto *copy = static_cast<std::uint8_t *>(qcalloc(MTYPE_LACP_PDU, LAC_PDU_SIZE));
     if (received > LAC_RX_PDU_OFFSET)
         std::copy_n(frame + LAC_RX_PDU_OFFSET, std::min(received - LAC_RX_PDU_OFFSET, LAC_PDU_SIZE), copy);
     return lacWaitAndSend("lacp_bpdu_deal", LAC_Q_PDU, reinterpret_cast<std::uint64_t>(copy), port_no);

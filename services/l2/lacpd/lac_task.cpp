@@ -55,6 +55,35 @@ int LacQueue::count() noexcept
     return created_ ? static_cast<int>(size_) : LAC_FAILED;
 }
 
+template <typename Matches> std::size_t LacQueue::waiting(Matches matches) noexcept
+{
+    const std::lock_guard guard(lock_);
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < size_; ++i)
+        found += matches(ring_[(first_ + i) % ring_.size()]);
+    return found;
+}
+
+bool LacQueue::hasTick() noexcept
+{
+    return waiting([](const LacQueueMsg &message) { return message.code == LAC_Q_TICK; }) != 0;
+}
+
+static bool is_port(std::uint64_t number)
+{
+    return number >= 1 && number <= LAC_MAX_PORTS;
+}
+
+bool LacQueue::hasEnough(std::uint64_t port, std::uint8_t subtype) noexcept
+{
+    const bool is_lacpdu = subtype == LAC_SUBTYPE_LACP;
+    const auto same = [port, is_lacpdu](const LacQueueMsg &message) {
+        return message.code == LAC_Q_PDU && (message.port == port || (!is_port(message.port) && !is_port(port))) &&
+               (*reinterpret_cast<const std::uint8_t *>(message.payload) == LAC_SUBTYPE_LACP) == is_lacpdu;
+    };
+    return waiting(same) >= (is_lacpdu ? LAC_PORT_LACPDU_LIMIT : LAC_PORT_OTHER_PDU_LIMIT);
+}
+
 bool LacQueue::push(const LacQueueMsg &message) noexcept
 {
     const std::lock_guard guard(lock_);
@@ -280,11 +309,18 @@ static void *lacRecvTask(SystemThread *)
     }
 }
 
-void lacSendTick(std::uint32_t &failures)
+static int send_tick()
 {
+    if (Lac_Queue.hasTick())
+        return LAC_FAILED;
     lac_trace(LAC_DBG_LOCK, "\n lacTimerTask wait task semaphore for timer tick\r");
     wait_for_send_lock();
-    if (lacQSend(LAC_Q_TICK, 0, 0) == LAC_OK) {
+    return lacQSend(LAC_Q_TICK, 0, 0);
+}
+
+void lacSendTick(std::uint32_t &failures)
+{
+    if (send_tick() == LAC_OK) {
         failures = 0;
         return;
     }

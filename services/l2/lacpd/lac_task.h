@@ -37,6 +37,12 @@ static_assert(sizeof(LacQueueMsg) == 32);
 
 constexpr std::uint64_t LAC_QUEUE_LIMIT = 128;
 
+// How much of the queue received PDUs may fill, so that a flood from the wire takes neither the ticks' and the
+// configuration's room nor another port's, and Markers never that of LACPDUs. Numbers of no port share one allowance.
+constexpr std::size_t LAC_PORT_LACPDU_LIMIT = 8;
+constexpr std::size_t LAC_PORT_OTHER_PDU_LIMIT = 4;
+static_assert((LAC_MAX_PORTS + 1) * (LAC_PORT_LACPDU_LIMIT + LAC_PORT_OTHER_PDU_LIMIT) < LAC_QUEUE_LIMIT);
+
 // A bounded queue of messages: senders never block, one receiver waits. Trivially destructible, since its threads
 // outlive the static objects when the process exits.
 class LacQueue
@@ -46,12 +52,16 @@ class LacQueue
     int create() noexcept;
     // Number of messages waiting, or -1 before create().
     int count() noexcept;
+    // Whether a tick waits; whether the queue holds a port's allowance of PDUs of this subtype.
+    bool hasTick() noexcept;
+    bool hasEnough(std::uint64_t port, std::uint8_t subtype) noexcept;
     bool push(const LacQueueMsg &message) noexcept; // false when full or not created
     bool wait(LacQueueMsg &message) noexcept;       // false when interrupted
     bool tryPop(LacQueueMsg &message) noexcept;     // false when empty
 
   private:
     bool take(LacQueueMsg &message) noexcept;
+    template <typename Matches> std::size_t waiting(Matches matches) noexcept;
 
     std::mutex lock_;
     sem_t items_{};
@@ -87,7 +97,8 @@ int lacWaitAndSend(const char *sender, std::uint64_t code, std::uint64_t payload
 
 // Acts on one message (dispatcher thread). Frees a PDU and clears the message's reference to it.
 void lacDispatch(LacQueueMsg &message);
-// Sends one tick and counts lost ones (timer thread).
+// Sends one tick and counts lost ones (timer thread). While one still waits no other is sent: after a stall of the
+// dispatcher the protocol's time goes on from where it stood, instead of running through what was missed at once.
 void lacSendTick(std::uint32_t &failures);
 
 void lacDbgCfg(std::uint32_t value);

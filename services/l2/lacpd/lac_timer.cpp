@@ -216,11 +216,23 @@ static void tick_mux_scheduler(LacPort *port)
         mux_scheduler_start(port);
 }
 
+static void catch_up_with_link(LacPort *port)
+{
+    if (port->link_event_lost == 0)
+        return;
+    port->link_event_lost = 0; // before the look, so that an event lost meanwhile is not
+    if (lacIsLinkUp(port) != 0)
+        lacLinkUp(port->port_no);
+    else
+        lacLinkDown(port->port_no);
+}
+
 // The order matters: what an earlier step starts is counted down by its own step of the same tick.
 void LacTick()
 {
     lac_trace(LAC_DBG_TICK, ".");
     for (LacPort *port : lac_ports()) {
+        catch_up_with_link(port);
         if (port->lacp_enabled != 1 || lacIsLinkUp(port) == 0)
             continue;
         tick_current_while(port);
@@ -229,4 +241,5 @@ void LacTick()
         tick_periodic(port);
         tick_mux_scheduler(port);
     }
+    lacSettleMembers();
 }

@@ -261,6 +261,14 @@ struct LacPort {
     // The group whose member-port list took the port on attachment. Detaching takes it from there even when
     // channel_group_id has moved on.
     std::uint32_t attached_group;
+
+    // What the datastore is to hold of this port, and what it may hold: groups whose member-port list has the port,
+    // 0 for none. They differ after a write that was refused; ticks then write until they agree.
+    std::uint32_t member_wanted;
+    std::uint32_t member_written;
+    std::uint32_t member_owed;
+
+    Published<std::uint32_t> link_event_lost; // the queue had no room for it: the next tick looks at the link
 };
 
 // The view of a LacPort that serves as an aggregator.

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
@@ -137,6 +138,32 @@ void lacp_pkt_tag(std::uint32_t port_no, const std::uint8_t *frame, std::size_t 
     std::copy(frame + ADDRESSES_SIZE, frame + length, tag + KTAG_SIZE);
 }
 
+// 0, with errno set, while there is no such interface.
+static int find_cpu_interface(int fd)
+{
+    ifreq request{};
+    snprintf(request.ifr_name, sizeof(request.ifr_name), "%s", LAC_CPU_INTERFACE);
+    return ioctl(fd, SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : 0;
+}
+
+static ssize_t send_once(const LacpPktSocket &socket, const std::uint8_t *bytes, std::size_t size)
+{
+    return sendto(socket.fd, bytes, size, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&socket.dest),
+                  sizeof(socket.dest));
+}
+
+// Whether the CPU interface has another index than the one that frames are sent to: it was deleted and made again.
+static bool follow_cpu_interface(LacpPktSocket &socket)
+{
+    const int index = find_cpu_interface(socket.fd);
+    if (index == 0 || index == socket.dest.sll_ifindex)
+        return false;
+    printf("LACP Msg: interface %s has now index %d, it was %d!\n", LAC_CPU_INTERFACE, index,
+           socket.dest.sll_ifindex);
+    socket.dest.sll_ifindex = index;
+    return true;
+}
+
 int lacp_bpdu_transmit(std::uint32_t, std::uint32_t, std::uint32_t port_no, const std::uint8_t *frame,
                        std::size_t length)
 {
@@ -145,9 +172,14 @@ int lacp_bpdu_transmit(std::uint32_t, std::uint32_t, std::uint32_t port_no, cons
     const std::size_t size = length + KTAG_SIZE;
     auto *out = static_cast<std::uint8_t *>(qcalloc(MTYPE_LACP_SSP_PACKET, size));
     lacp_pkt_tag(port_no, frame, length, out);
-    const ssize_t sent =
-        sendto(lacp_pkt_socket->fd, out, size, MSG_DONTWAIT,
-               reinterpret_cast<const sockaddr *>(&lacp_pkt_socket->dest), sizeof(lacp_pkt_socket->dest));
+    ssize_t sent = send_once(*lacp_pkt_socket, out, size);
+    if (sent < 0 && (errno == ENXIO || errno == ENODEV)) { // no interface has that index
+        const int error = errno;
+        if (follow_cpu_interface(*lacp_pkt_socket))
+            sent = send_once(*lacp_pkt_socket, out, size);
+        else
+            errno = error;
+    }
     if (sent < 0)
         perror("send msg to socket error");
     else if (lacp_pkt_tx_debug != 0)
@@ -169,12 +201,10 @@ static int open_socket()
 
 static int cpu_interface_index(int fd)
 {
-    ifreq request{};
-    snprintf(request.ifr_name, sizeof(request.ifr_name), "%s", LAC_CPU_INTERFACE);
-    if (ioctl(fd, SIOCGIFINDEX, &request) == 0)
-        return request.ifr_ifindex;
-    perror("LACPD get ifindex failed ");
-    return 0;
+    const int index = find_cpu_interface(fd);
+    if (index == 0)
+        perror("LACPD get ifindex failed ");
+    return index;
 }
 
 static sockaddr_ll destination(int fd)
