@@ -1,7 +1,9 @@
 #include "lac_memory.h"
 
 // The types need the group, and both must be there before any other static object allocates.
+#ifndef __clang__ // which does not know the warning
 #pragma GCC diagnostic ignored "-Wprio-ctor-dtor"
+#endif
 #define LACPD_EARLY(priority) __attribute__((init_priority(priority)))
 
 static frr::MemGroup LACPD_MEM LACPD_EARLY(1000)("lacpd daemon's memory");
