@@ -8,9 +8,11 @@ from pathlib import Path
 from lab import netns
 from lab.netns import Namespace
 from lab.system import System
+from lab.waiting import LabError
 
 _PREFIX = "lacpd-lab"
 _PLACE = "/dev/shm"
+_SLOW_PROTOCOLS = 1 << 2  # a bridge forwards these only when told to
 
 
 def _is_running(process):
@@ -39,6 +41,7 @@ class Lab:
         self.directory = Path(tempfile.mkdtemp(prefix=f"{self._names}-", dir=_PLACE))
         self.directory.chmod(0o755)
         self._bench = None
+        self._patches = 0
 
     def __enter__(self):
         return self
@@ -72,6 +75,15 @@ class Lab:
         self._veth(system.namespace, system.port_interface(port), self.bench, end)
         return end
 
+    def patch(self, end, other):
+        """Connects two ends on the bench, away from where they were connected before. No port loses its carrier."""
+        self._patches += 1
+        bridge = f"patch{self._patches}"
+        self.bench.ip("link", "add", bridge, "up", "type", "bridge")
+        for name in (end, other):
+            self.bench.ip("link", "set", name, "master", bridge)
+            self.bench.ip("link", "set", name, "type", "bridge_slave", "group_fwd_mask", _SLOW_PROTOCOLS)
+
     @staticmethod
     def _veth(near, near_name, far, far_name):
         netns.ip("link", "add", near_name, "netns", near.name, "type", "veth", "peer", "name", far_name, "netns",
@@ -84,7 +96,12 @@ class Lab:
 
     def close(self):
         for system in self.systems:
-            system.close()
+            system.stop()
+        findings = "\n".join(system.sanitizer_reports() for system in self.systems).strip()
+        for system in self.systems:
+            system.remove()
         if self._bench:
             self._bench.remove()
         shutil.rmtree(self.directory, ignore_errors=True)
+        if findings:
+            raise LabError(f"a sanitizer has reported:\n{findings}")

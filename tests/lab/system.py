@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -21,6 +22,9 @@ SHELL_PORT = 2704
 PASSWORD = "lab"
 START_TIME = 20.0
 USER = "daemon"
+SANITIZER_REPORT = re.compile(r"^.*(ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:)",
+                              re.MULTILINE)
+SANITIZER_REPORT_SIZE = 6000
 
 
 class System:
@@ -150,11 +154,14 @@ class System:
     def stop_switch(self):
         return self.switch.stop() if self.switch else None
 
-    def close(self):
-        """Ends everything, in the order of dependence, and removes what was made."""
+    def stop(self):
+        """Ends everything, in the order of dependence."""
         for process in (self.daemon, self.switch):
             if process:
                 process.stop()
+
+    def remove(self):
+        """Removes what was made."""
         for namespace in (self.host, self.namespace):
             if namespace:
                 namespace.remove()
@@ -237,6 +244,16 @@ class System:
     def set_link(self, port, up):
         """Takes down or up the port's interface; a link with an end down has no carrier on either."""
         self.namespace.ip("link", "set", self.port_interface(port), "up" if up else "down")
+
+    def sanitizer_reports(self):
+        """What programs that were built with a sanitizer have found."""
+        parts = []
+        for path in sorted(self.directory.glob("*.out")):
+            text = path.read_text(encoding="utf-8", errors="replace")
+            found = SANITIZER_REPORT.search(text)
+            if found:
+                parts.append(f"---- {self.name}: {path.name}\n{text[found.start():][:SANITIZER_REPORT_SIZE]}")
+        return "\n".join(parts)
 
     def logs(self):
         """Tails of everything that was written, for a failure."""
