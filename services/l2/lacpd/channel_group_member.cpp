@@ -149,8 +149,12 @@ int deal_channel_group_updown_port(int group, int slot, std::uint32_t port, int 
     return done ? result : update_trunk(group);
 }
 
+// A port whose trunk settings name the group need not be a member: another client may have taken it out of the list.
 int deal_manual_channel_updown_port(int group, int slot, std::uint32_t port, int up)
 {
+    std::uint32_t members = 0;
+    if (up == 1 && get_channel_group_port_list(group, &members) == LAC_OK && (members >> ((port - 1) % 32) & 1) == 0)
+        return LAC_OK;
     return deal_channel_group_updown_port(group, slot, port, up, 0);
 }
 

@@ -49,10 +49,12 @@ bool carries_data(const sr_val_t *value)
     return value != nullptr && value->type > SR_LEAF_EMPTY_T;
 }
 
-// Texts come as strings or as enumeration names; both members of the value share their storage.
+// Texts come as strings or as enumeration names; both members of the value share their storage. A leaf of another
+// type, as another revision of the schema might have it, is an empty text.
 std::string_view text_of(const sr_val_t *value)
 {
-    return value->data.string_val == nullptr ? std::string_view() : value->data.string_val;
+    const bool is_text = value->type == SR_STRING_T || value->type == SR_ENUM_T;
+    return is_text && value->data.string_val != nullptr ? value->data.string_val : "";
 }
 
 struct PortName {
@@ -239,7 +241,7 @@ int change_global_leaf(const ChangeWalk &walk)
     printf("leaf %s\n", leaf);
     const std::string_view name = leaf;
     if (name == "system-id")
-        return report_failure(leaf, set_system_id(value->data.string_val));
+        return report_failure(leaf, set_system_id(text_of(value).data()));
     if (name == "system-priority")
         return report_failure(leaf, set_lacp_system_priority(value->data.uint16_val));
     printf("'%s' is not belong to lacp global configuration!\n", leaf);
