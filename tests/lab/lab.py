@@ -79,7 +79,7 @@ class Lab:
         """Connects two ends on the bench, away from where they were connected before. No port loses its carrier."""
         self._patches += 1
         bridge = f"patch{self._patches}"
-        self.bench.ip("link", "add", bridge, "up", "type", "bridge")
+        self.bench.ip("link", "add", bridge, "up", "type", "bridge", "mcast_snooping", 0)
         for name in (end, other):
             self.bench.ip("link", "set", name, "master", bridge)
             self.bench.ip("link", "set", name, "type", "bridge_slave", "group_fwd_mask", _SLOW_PROTOCOLS)

@@ -1,5 +1,20 @@
 """What several scenarios do."""
 
+import re
+import subprocess
+from collections import namedtuple
+
+from lab import Ticks, eventually
+
+# A row of the state machines, as the shell shows them.
+Machines = namedtuple("Machines", "receive periodic selection mux lacp aggregator forwards")
+# One side of a port in the display of neighbours.
+Side = namedtuple("Side", "system flags priority key number state")
+
+_MACHINES = re.compile(r"^(\d\d) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +(YES|NO) +(\d\d) ([01])$", re.MULTILINE)
+_SIDE = re.compile(r"ystem ID:0x[0-9a-f]{4}, +([0-9a-f.]+).*?^gigabitEthernet0/(\d\d) (\S+) +(\d+) +([\d ]+?) +(\S+) *$",
+                   re.MULTILINE | re.DOTALL)
+
 
 def enter(port, *commands):
     """Lines that configure one port."""
@@ -18,3 +33,50 @@ def quietly(system, *commands):
     """Configures; the shell must have nothing to say."""
     answer = system.configure(*commands)
     assert answer.strip() == "", f"{system.name} answered {answer!r} to {commands}"
+
+
+def machines(system):
+    """State machines by port."""
+    rows = _MACHINES.findall(system.configure("show channel-group information"))
+    return {int(port): Machines(*words, int(aggregator), forwards == "1") for port, *words, aggregator, forwards in rows}
+
+
+def await_machines(system, within, **wanted):
+    """Waits until ports show what is wanted of their machines: p1={"receive": "CURRENT"}, ..."""
+    def fits(seen):
+        return all(getattr(seen[int(port[1:])], field) == value
+                   for port, fields in wanted.items() for field, value in fields.items())
+    return eventually(f"{system.name}: machines show {wanted}", lambda: machines(system), fits, within)
+
+
+def neighbours(system, group):
+    """(this side, the partner) by port of a group, from the shell."""
+    sides = {}
+    for address, port, flags, priority, numbers, state in _SIDE.findall(
+            system.configure(f"show channel-group {group} port")):
+        *_, key, number = numbers.split()
+        sides.setdefault(int(port), []).append(
+            Side(address, flags, int(priority), int(key), int(number), int(state, 16)))
+    return {port: tuple(pair) for port, pair in sides.items()}
+
+
+def await_groups(systems, trunks, within):
+    """Waits until the switch of every system has exactly these trunks, and the datastore the same members."""
+    for system in systems:
+        eventually(f"{system.name}: trunks are {trunks}", system.trunks, lambda seen: seen == trunks, within)
+        for group, ports in trunks.items():
+            system.await_members(group, ports, Ticks.LINK)
+
+
+def dotted(mac):
+    """An address as displays and datastore show it."""
+    digits = mac.replace(":", "")
+    return ".".join(digits[at:at + 4] for at in (0, 4, 8))
+
+
+def ping(source, address, count=20, sender=None, options=()):
+    """Answers to `count` pings of a system's user."""
+    words = ("-I", sender) if sender else ()
+    result = subprocess.run([*source.host.enter(), "ping", "-q", "-c", str(count), "-i", "0.02", "-W", "2", *words,
+                             *options, address], capture_output=True, text=True, check=False)
+    return int(re.search(r"(\d+) received", result.stdout)[1])

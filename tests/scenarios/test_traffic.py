@@ -2,13 +2,11 @@
 
 import contextlib
 import random
-import re
-import subprocess
 import time
 
 import pytest
 
-from helpers import join, leave, quietly
+from helpers import join, leave, ping, quietly
 from lab import Flow, Ticks, eventually, transfer
 
 MEMBERS = (1, 2)
@@ -47,14 +45,6 @@ def say(capsys):
         with capsys.disabled():
             print(f"\n  {text}")
     return tell
-
-
-def ping(source, address, count=PINGS, sender=None):
-    """Answers to `count` pings."""
-    words = ("-I", sender) if sender else ()
-    result = subprocess.run([*source.host.enter(), "ping", "-q", "-c", str(count), "-i", "0.02", "-W", "2", *words,
-                             address], capture_output=True, text=True, check=False)
-    return int(re.search(r"(\d+) received", result.stdout)[1])
 
 
 def sent(system):
