@@ -1,9 +1,14 @@
 #include "shell/shell.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstdlib>
+#include <fcntl.h>
 #include <list>
 #include <map>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -101,6 +106,82 @@ Session &terminal_session(const vty *vty)
 
 } // namespace
 
+namespace
+{
+
+constexpr off_t CONFIGURATION_ROOM = 64 * 1024; // more than any configuration takes
+
+struct SavingCommand {
+    cmd_element element;
+    decltype(cmd_element::func) save;
+};
+
+std::list<SavingCommand> &saving_commands()
+{
+    static std::list<SavingCommand> instance;
+    return instance;
+}
+
+// 0, or the error number with which the file's folder takes no other file of that size.
+int lack_of_room(const char *file)
+{
+    std::string probe = std::string(file) + ".room.XXXXXX";
+    const int fd = mkstemp(probe.data());
+    if (fd < 0)
+        return errno;
+    const int error = posix_fallocate(fd, 0, CONFIGURATION_ROOM);
+    unlink(probe.c_str());
+    close(fd);
+    return error;
+}
+
+// libfrr overlooks a full disk and puts the half-written file in the place of the configuration.
+int save_with_room(const cmd_element *self, vty *vty, int argc, cmd_token *argv[])
+{
+    const bool to_terminal = argc > 1 && std::strcmp(argv[1]->text, "terminal") == 0;
+    const char *file = host_config_get();
+    const int error = to_terminal || file == nullptr ? 0 : lack_of_room(file);
+    if (error != 0) {
+        vty_out(vty, "Can't save configuration file %s: %s; it stays as it was.\n", file, strerror(error));
+        return CMD_WARNING;
+    }
+    const auto &all = saving_commands();
+    const auto own = std::ranges::find_if(all, [self](const auto &command) { return &command.element == self; });
+    return own->save(self, vty, argc, argv);
+}
+
+bool saves_the_configuration(const cmd_element &command)
+{
+    const std::string_view syntax = command.string;
+    return syntax.starts_with("write ") || syntax == "copy running-config startup-config";
+}
+
+// A command of a node is found through its graph, which names the record to run. (Removing a command with optional
+// words from a graph, as another way, fails in libfrr.)
+void guard_saving_commands_of(const cmd_node &node)
+{
+    for (unsigned i = 0; i < vector_active(node.cmd_vector); ++i) {
+        const auto *command = static_cast<const cmd_element *>(vector_slot(node.cmd_vector, i));
+        if (command == nullptr || !saves_the_configuration(*command))
+            continue;
+        SavingCommand &guarded = saving_commands().emplace_back(*command, command->func);
+        guarded.element.func = save_with_room;
+        for (unsigned j = 0; j < vector_active(node.cmdgraph->nodes); ++j)
+            if (auto *place = static_cast<graph_node *>(vector_slot(node.cmdgraph->nodes, j)); place->data == command)
+                place->data = &guarded.element;
+    }
+}
+
+// From the event loop, when every node and its commands are there.
+void guard_saving_commands(event *)
+{
+    for (unsigned i = 0; i < vector_active(cmdvec); ++i)
+        if (const auto *node = static_cast<const cmd_node *>(vector_slot(cmdvec, i)); node != nullptr)
+            guard_saving_commands_of(*node);
+}
+
+} // namespace
+
 static int enter_debug_mode(const cmd_element *, vty *vty, int, cmd_token *[])
 {
     vty->node = SHELL_DEBUG_NODE;
@@ -118,6 +199,7 @@ void shell_init(event_loop *master)
     install_node(&debug_node);
     install_default(static_cast<node_type>(SHELL_DEBUG_NODE)); // the record's field is an enumeration without 133
     _install_element(ENABLE_NODE, &debug_mode_cmd);
+    event_add_event(master, guard_saving_commands, nullptr, 0, nullptr);
     schedule_watch();
 }
 
