@@ -2,6 +2,9 @@
 # make build   the above, and the programs
 # make test    the above, and every test
 # make demo    build, then show two systems that aggregate their links
+# make longrun two systems under random changes for DURATION seconds (an hour)
+# make nightly the long run for ten minutes, fuzzing for FUZZ seconds a target, the tests under the sanitizers
+# make measure every figure of docs/performance.md again; wants a machine with nothing else to do
 # make format  check the layout of the C++ sources
 # make clean   remove the build directory
 #
@@ -10,7 +13,10 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps build test demo format clean
+DURATION ?= 3600
+FUZZ ?= 120
+
+.PHONY: deps build test demo longrun nightly measure format clean
 
 deps:
 	scripts/deps.sh >/dev/null
@@ -24,6 +30,19 @@ test: build format
 
 demo: build
 	scripts/demo.py $(BUILD)
+
+longrun: build
+	tests/longrun/longrun.py --build=$(BUILD) --duration=$(DURATION) --log=$(BUILD)/longrun.log
+
+nightly: build
+	tests/longrun/longrun.py --build=$(BUILD) --duration=600 --log=$(BUILD)/longrun.log
+	scripts/fuzz.sh $(FUZZ)
+	for preset in asan tsan; do \
+	  cmake --preset $$preset && cmake --build --preset $$preset -j $(JOBS) && ctest --preset $$preset || exit 1; \
+	done
+
+measure: build
+	tests/benchmarks/measure.py --build=$(BUILD)
 
 format: deps
 	scripts/test-format.sh
