@@ -164,7 +164,7 @@ void guard_saving_commands_of(const cmd_node &node)
         const auto *command = static_cast<const cmd_element *>(vector_slot(node.cmd_vector, i));
         if (command == nullptr || !saves_the_configuration(*command))
             continue;
-        SavingCommand &guarded = saving_commands().emplace_back(*command, command->func);
+        SavingCommand &guarded = saving_commands().emplace_back(SavingCommand{*command, command->func});
         guarded.element.func = save_with_room;
         for (unsigned j = 0; j < vector_active(node.cmdgraph->nodes); ++j)
             if (auto *place = static_cast<graph_node *>(vector_slot(node.cmdgraph->nodes, j)); place->data == command)
