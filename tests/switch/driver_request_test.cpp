@@ -56,7 +56,6 @@ TEST_P(BadRequest, IsRefusedWithItsCode)
     EXPECT_EQ(std::get<SclientError>(request), GetParam().error);
 }
 
-constexpr auto CREATE = SCLIENT_MSG_TRUNK_CREATE;
 constexpr auto DESTROY = SCLIENT_MSG_TRUNK_DESTROY;
 constexpr auto PSC_SET = SCLIENT_MSG_TRUNK_PSC_SET;
 
