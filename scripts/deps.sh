@@ -2,8 +2,10 @@
 # Builds the libraries that Debian 12 does not package in the versions needed
 # (libyang, sysrepo and FRR's library) into a prefix outside the checkout, once.
 #
-#   scripts/deps.sh            install packages, build what is missing, print the prefix
-#   scripts/deps.sh --prefix   print the prefix only
+#   scripts/deps.sh                      install packages, build what is missing, print the prefix
+#   scripts/deps.sh --target aarch64     the same for 64-bit ARM, cross-built, in a prefix of its own; its folder
+#                                        "sysroot" has Debian's arm64 libraries and headers
+#   scripts/deps.sh [...] --prefix       print the prefix only
 #
 # LACPD_DEPS_CACHE    folder for prefixes and tarballs (default: /var/cache/lacpd-deps for root, since user "daemon"
 #                     has to read the libraries; ~/.cache/lacpd-deps for anybody else)
@@ -14,6 +16,7 @@ LIBYANG_VERSION=3.13.6-1~bpo13+1
 SYSREPO_VERSION=3.7.11-1~bpo13+2
 FRR_VERSION=10.3-3+deb13u1
 RECIPE=3 # raise when a build option below changes
+CROSS_RECIPE=1 # the same for what only --target does
 DAEMON_GROUP=daemon
 
 PACKAGES=(
@@ -26,6 +29,35 @@ PACKAGES=(
   clang clang-format clang-tidy
   python3-pytest python3-scapy iproute2 procps iputils-ping
 )
+CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user mmdebstrap debian-archive-keyring)
+SYSROOT_PACKAGES=(
+  libc6-dev libstdc++-12-dev libpcre2-dev libjson-c-dev libelf-dev libprotobuf-c-dev libcap-dev libreadline-dev
+  libcrypt-dev libevent-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
+)
+
+usage() { sed -n '2,/^set /{/^set /d;s/^# \{0,1\}//;p}' "$0"; }
+
+target=
+prefix_only=
+while [ $# -gt 0 ]; do
+  case $1 in
+  --target)
+    [ "${2:-}" = aarch64 ] || {
+      usage >&2
+      exit 1
+    }
+    target=$2
+    shift
+    ;;
+  --prefix) prefix_only=yes ;;
+  *)
+    usage >&2
+    exit 1
+    ;;
+  esac
+  shift
+done
+[ "$target" != "$(uname -m)" ] || target= # nothing to cross
 
 if [ "$(id -u)" = 0 ]; then
   cache=${LACPD_DEPS_CACHE:-/var/cache/lacpd-deps}
@@ -33,13 +65,15 @@ else
   cache=${LACPD_DEPS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lacpd-deps}
 fi
 key=$(printf '%s|%s|%s|%s|%s' "$LIBYANG_VERSION" "$SYSREPO_VERSION" "$FRR_VERSION" "$RECIPE" \
-  "$(uname -m)" | sha256sum | cut -c1-12)
+  "${target:+$CROSS_RECIPE|}${target:-$(uname -m)}" | sha256sum | cut -c1-12)
 prefix=$cache/$key
-if [ "${1:-}" = --prefix ]; then
+sysroot=$prefix/sysroot
+if [ -n "$prefix_only" ]; then
   echo "$prefix"
   exit 0
 fi
 
+here=$(cd "$(dirname "$0")" && pwd)
 say() { echo "deps: $*" >&2; }
 die() {
   say "$*"
@@ -48,9 +82,9 @@ die() {
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 
-install_packages() {
+install_packages() { # PACKAGE ...
   local missing=() package
-  for package in "${PACKAGES[@]}"; do
+  for package; do
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
       missing+=("$package")
   done
@@ -89,6 +123,23 @@ Acquire::Languages "none";
 CONF
 }
 
+# The other architecture's packages, unpacked and not set up: neither root nor dpkg of this machine is concerned. Links
+# to absolute places lead into the sysroot instead.
+make_sysroot() {
+  say "unpacking Debian's arm64 libraries"
+  local packages link
+  packages=$(IFS=, && echo "${SYSROOT_PACKAGES[*]}")
+  mkdir -p "$prefix"
+  mmdebstrap --quiet --variant=extract --architectures=arm64 --include="$packages" bookworm "$sysroot" \
+    "$(archive_uri)" >"$work/sysroot.log" 2>&1 || {
+    cat "$work/sysroot.log" >&2
+    die "the arm64 packages could not be fetched"
+  }
+  find "$sysroot" -type l -lname '/*' | while read -r link; do
+    ln -sfnr "$sysroot$(readlink "$link")" "$link"
+  done
+}
+
 fetch() { # NAME VERSION
   local name=$1 version=$2 upstream=${2%-*} tarball
   mkdir -p "$cache/tarballs"
@@ -118,12 +169,32 @@ build_cmake() { # NAME [CMAKE OPTION ...]
   say "building $name"
   cmake -S "$work/$name" -B "$work/$name/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_INSTALL_RPATH="$prefix/lib" -DENABLE_TESTS=OFF "$@" >"$work/$name.log" 2>&1 &&
+    -DCMAKE_INSTALL_RPATH="$prefix/lib" -DENABLE_TESTS=OFF \
+    ${target:+-DCMAKE_TOOLCHAIN_FILE="$here/../cmake/$target-linux-gnu.cmake" -DLACPD_DEPS_PREFIX="$prefix"} \
+    "$@" >"$work/$name.log" 2>&1 &&
     cmake --build "$work/$name/build" >>"$work/$name.log" 2>&1 &&
     cmake --install "$work/$name/build" >>"$work/$name.log" 2>&1 || {
     tail -n 30 "$work/$name.log" >&2
     die "$name did not build"
   }
+}
+
+# FRR runs "clippy", built for this machine, over its sources. Called in FRR's folder; gives configure's options in
+# "cross". pkg-config knows the sysroot only, so libyang is named.
+cross_frr() {
+  (
+    mkdir build-clippy
+    cd build-clippy
+    unset PKG_CONFIG_PATH LDFLAGS CPPFLAGS LD_LIBRARY_PATH
+    ../configure --enable-clippy-only
+    make -j"$(nproc)" lib/clippy
+  )
+  export CC="$target-linux-gnu-gcc --sysroot=$sysroot" CXX="$target-linux-gnu-g++ --sysroot=$sysroot"
+  export PKG_CONFIG_SYSROOT_DIR="$sysroot"
+  export PKG_CONFIG_LIBDIR="$sysroot/usr/lib/$target-linux-gnu/pkgconfig:$sysroot/usr/share/pkgconfig"
+  export LIBYANG_CFLAGS="-I$prefix/include" LIBYANG_LIBS="-L$prefix/lib -lyang"
+  unset LD_LIBRARY_PATH
+  cross=(--host="$target-linux-gnu" --with-clippy="$PWD/build-clippy/lib/clippy")
 }
 
 # Every daemon is off; only the library and its headers are taken. vtysh stays on: lib/vty.c needs it. The folder of
@@ -136,6 +207,8 @@ build_frr() {
     export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" LDFLAGS="-L$prefix/lib -Wl,-rpath,$prefix/lib"
     export CPPFLAGS="-I$prefix/include" LD_LIBRARY_PATH="$prefix/lib"
     ./bootstrap.sh
+    local cross=()
+    [ -z "$target" ] || cross_frr
     local off=() daemon
     for daemon in zebra bgpd ripd ripngd ospfd ospf6d ldpd nhrpd eigrpd babeld isisd pimd pim6d pbrd \
       fabricd vrrpd bfdd staticd pathd sharpd watchfrr mgmtd; do
@@ -143,7 +216,7 @@ build_frr() {
     done
     ./configure --prefix="$prefix" --sysconfdir=/etc --localstatedir=/var --libdir="$prefix/lib" \
       --with-yangmodelsdir=/usr/share/base-files --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
-      --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}"
+      --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}" "${cross[@]}"
     make -j"$(nproc)" lib/mgmt.pb-c.h lib/gitversion.h lib/vtysh_daemons.h lib/route_types.h
     make -j"$(nproc)" lib/libfrr.la
     mkdir -p "$prefix/lib" "$prefix/include/frr/lib"
@@ -156,7 +229,7 @@ build_frr() {
   }
 }
 
-install_packages
+install_packages "${PACKAGES[@]}" ${target:+"${CROSS_PACKAGES[@]}"}
 if [ ! -e "$prefix/.complete" ]; then
   mkdir -p "$cache"
   exec 9>"$cache/lock"
@@ -165,6 +238,7 @@ if [ ! -e "$prefix/.complete" ]; then
     work=$(mktemp -d "$cache/build.XXXXXX")
     trap 'rm -rf "$work"' EXIT
     rm -rf "$prefix"
+    [ -z "$target" ] || make_sysroot
     fetch libyang "$LIBYANG_VERSION"
     fetch sysrepo "$SYSREPO_VERSION"
     fetch frr "$FRR_VERSION"
