@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <sys/statvfs.h>
 #include <thread>
 
 namespace kel
@@ -28,6 +29,19 @@ constexpr auto READ_FOR = std::chrono::seconds(8);
 constexpr std::uint32_t PROVIDER_TIMEOUT_MS = 3000;
 // How sysrepo marks that a handler, and not a lock, took too long. Such a change may have been applied already.
 constexpr char HANDLER_MARK[] = "EV ORIGIN";
+
+// sysrepo keeps the running data and its exchange with subscribers in files there, and looks at no failure of writing
+// them: on a full file system it would cut the data short, or end the process.
+constexpr int NO_ROOM = SR_ERR_NO_MEMORY;
+constexpr std::uint64_t NEEDED_ROOM = 1 << 20;
+
+bool has_room()
+{
+    struct statvfs system {
+    };
+    return statvfs(sr_get_shm_path(), &system) != 0 ||
+           std::uint64_t{system.f_bavail} * system.f_frsize >= NEEDED_ROOM;
+}
 
 // Calls a read with its time limit, and repeats one of the configuration that got no lock.
 template <typename Read> int read_patiently(sr_session_ctx_t *session, const Read &read)
@@ -175,7 +189,7 @@ bool Transaction::worth_another_try(int code) const
 
 int Transaction::apply_once()
 {
-    return sr_apply_changes(session_, HANDLER_TIMEOUT_MS);
+    return has_room() ? sr_apply_changes(session_, HANDLER_TIMEOUT_MS) : NO_ROOM;
 }
 
 int Transaction::apply_within(std::chrono::milliseconds patience)
@@ -192,7 +206,8 @@ int Transaction::apply_within(std::chrono::milliseconds patience)
         }
     }
     if (result_ != 0) {
-        complain("%s was not changed: %s", first_path_->text(), last_error(session_, result_));
+        complain("%s was not changed: %s", first_path_->text(),
+                 result_ == NO_ROOM ? "the memory file system is full" : last_error(session_, result_));
     }
     return result_;
 }
