@@ -9,7 +9,7 @@
 #include "keldatabase/keldatabase.h"
 #include "shell/shell.h"
 
-#include <charconv>
+#include <cstdlib>
 #include <string_view>
 
 namespace
@@ -19,12 +19,11 @@ constexpr std::size_t LOAD_BALANCE_TEXT_SIZE = 30;
 constexpr std::size_t TEXT_SIZE = 16;
 constexpr std::size_t PROMPT_SIZE = 64;
 
-// Number typed at a token; the syntax has made sure that it is one.
+// Number typed at a token; the syntax has made sure that it is one. Read as the framework reads it, which takes a
+// sign.
 long long number(const char *text)
 {
-    long long value = 0;
-    std::from_chars(text, text + strlen(text), value);
-    return value;
+    return strtoll(text, nullptr, 10);
 }
 
 // Whether a keyword was typed, in full or shortened.
