@@ -4,6 +4,9 @@
 #include "lacp_database.h"
 #include "lacp_sclient.h"
 
+#include <array>
+#include <tuple>
+
 namespace
 {
 
@@ -34,6 +37,11 @@ class HandlerTest : public EngineTest
         int result;
         std::size_t fetched;
         std::string text;
+        bool operator==(const Outcome &) const = default;
+        friend std::ostream &operator<<(std::ostream &out, const Outcome &outcome)
+        {
+            return out << outcome.result << " after " << outcome.fetched << ": " << outcome.text;
+        }
     };
     static Outcome run(sr_module_change_cb handler, const std::vector<fake::Change> &changes,
                        sr_event_t event = SR_EV_CHANGE)
@@ -46,35 +54,37 @@ class HandlerTest : public EngineTest
         });
         return outcome;
     }
-    static Outcome groups(const std::vector<fake::Change> &changes) { return run(lacp_channel_group_cb, changes); }
+    static Outcome groups(const std::vector<fake::Change> &changes, sr_event_t event = SR_EV_CHANGE)
+    {
+        return run(lacp_channel_group_cb, changes, event);
+    }
     static Outcome global(const std::vector<fake::Change> &changes)
     {
         return run(lacp_global_configuration_cb, changes);
     }
-    static Outcome trunk(const std::vector<fake::Change> &changes) { return run(lacp_interface_trunk_cb, changes); }
-
-    static std::uint32_t type_of(int group)
+    static Outcome trunk(const std::vector<fake::Change> &changes, sr_event_t event = SR_EV_CHANGE)
     {
-        std::uint32_t type = 99;
-        get_channel_group_type(group, &type);
-        return type;
+        return run(lacp_interface_trunk_cb, changes, event);
     }
-    static std::uint32_t used(int group)
+
+    static std::uint32_t type_of(int group) { return read(get_channel_group_type, group); }
+    static std::uint32_t used(int group) { return read(get_channel_group_used, group); }
+    static std::uint32_t members(int group) { return read(get_channel_group_port_list, group); }
+    static std::uint32_t read(int (*getter)(int, std::uint32_t *), int group)
     {
         std::uint32_t value = 99;
-        get_channel_group_used(group, &value);
+        getter(group, &value);
         return value;
     }
-    static std::uint32_t members(int group)
+    static fake::Value member(int group, std::uint32_t port_no)
     {
-        std::uint32_t list = 99;
-        get_channel_group_port_list(group, &list);
-        return list;
+        return fake::text(group_path(group, "member-port"), "gigabitethernet 0/" + std::to_string(port_no));
     }
-    static fake::Change member(int group, std::uint32_t port_no)
+    static fake::Value type(int group, const char *name) { return fake::name(group_path(group, "lacp-type"), name); }
+    static fake::Value balance(const char *name) { return fake::name(group_path(1, "load-balance"), name); }
+    static fake::Value in_group(std::uint32_t port_no, std::uint8_t group)
     {
-        return fake::created(
-            fake::text(group_path(group, "member-port"), "gigabitethernet 0/" + std::to_string(port_no)));
+        return fake::number8(trunk_path(port_no, "channel-group"), group);
     }
 };
 
@@ -85,99 +95,114 @@ TEST_F(HandlerTest, OtherEventsAreAcceptedUnseen)
     const std::vector<fake::Change> changes = {fake::created(fake::name(group_path(1, "nonsense"), "x"))};
     for (const sr_module_change_cb handler :
          {lacp_channel_group_cb, lacp_global_configuration_cb, lacp_interface_trunk_cb, lacp_port_uplink_change_cb}) {
-        for (const sr_event_t event :
-             {SR_EV_UPDATE, SR_EV_CHANGE, SR_EV_DONE, SR_EV_ABORT, SR_EV_ENABLED, SR_EV_RPC}) {
-            const bool links = handler == lacp_port_uplink_change_cb;
-            if (event == (links ? SR_EV_DONE : SR_EV_CHANGE) || (!links && event == SR_EV_ABORT))
-                continue;
-            const Outcome outcome = run(handler, changes, event);
-            EXPECT_EQ(outcome.result, 0);
-            EXPECT_EQ(outcome.fetched, 0U);
-            EXPECT_EQ(outcome.text, "");
-        }
+        const bool links = handler == lacp_port_uplink_change_cb;
+        EXPECT_EQ(run(handler, {}, links ? SR_EV_DONE : SR_EV_CHANGE), Outcome(0, 0, "")) << "no changes";
+        for (const sr_event_t event : {SR_EV_UPDATE, SR_EV_CHANGE, SR_EV_DONE, SR_EV_ABORT, SR_EV_ENABLED, SR_EV_RPC})
+            if (event != (links ? SR_EV_DONE : SR_EV_CHANGE) && (links || event != SR_EV_ABORT))
+                EXPECT_EQ(run(handler, changes, event), Outcome(0, 0, ""));
     }
 }
 
-TEST_F(HandlerTest, AnEventWithoutChangesIsAccepted)
+TEST_F(HandlerTest, Walks)
 {
-    for (const sr_module_change_cb handler :
-         {lacp_channel_group_cb, lacp_global_configuration_cb, lacp_interface_trunk_cb})
-        EXPECT_EQ(run(handler, {}).result, 0);
-    EXPECT_EQ(run(lacp_port_uplink_change_cb, {}, SR_EV_DONE).result, 0);
-}
-
-TEST_F(HandlerTest, NodesWithoutDataArePassedOver)
-{
+    const auto number = [](const std::string &path, std::uint16_t value) { return fake::number16(path, value); };
+    const std::string priority = GLOBAL + "system-priority";
+    const std::string port_priority = trunk_path(1, "priority");
+    const std::string cut = "'load-balance-and-mu' is not belong to channel group configuration!\n"
+                            "set 'load-balance-and-mu' failed! ret -2\n";
+    const auto created = [](const fake::Value &value) { return fake::created(value); };
+    struct Row {
+        const char *name;
+        sr_module_change_cb handler;
+        std::vector<fake::Change> changes;
+        Outcome outcome;
+    };
+    const Row rows[] = {
+        {"a deletion ends the walk",
+         lacp_channel_group_cb,
+         {created(type(1, "manual")), fake::deleted(balance("dst-ip")), created(member(1, 2))},
+         {0, 2, ""}},
+        {"",
+         lacp_global_configuration_cb,
+         {fake::deleted(number(priority, 5)), created(number(priority, 6))},
+         {0, 1, ""}},
+        {"",
+         lacp_interface_trunk_cb,
+         {fake::deleted(number(port_priority, 5)), created(number(port_priority, 6))},
+         {0, 1, ""}},
+        {"a failure ends the walk",
+         lacp_channel_group_cb,
+         {created(balance("dst-ip")), created(balance("by-hand")), created(balance("src-ip"))},
+         {-9, 2, "set 'load-balance' failed! ret -9\n"}},
+        {"unknown leaf",
+         lacp_channel_group_cb,
+         {created(fake::text(group_path(1, "colour"), "x"))},
+         {-2, 1, "'colour' is not belong to channel group configuration!\nset 'colour' failed! ret -2\n"}},
+        {"",
+         lacp_global_configuration_cb,
+         {created(fake::text(GLOBAL + "colour", "x"))},
+         {-2, 1, "leaf colour\n'colour' is not belong to lacp global configuration!\nset 'colour' failed! ret -2\n"}},
+        {"",
+         lacp_interface_trunk_cb,
+         {created(fake::text(trunk_path(2, "colour"), "x"))},
+         {-2, 1,
+          "'colour' is not belong to lacp interface trunk configuration!\n"
+          "set slot 0 port 2 'colour' failed! ret -2\n"}},
+        // Names are cut after 19 characters; no known name is that long, so a cut one is never taken for another.
+        {"overlong leaf",
+         lacp_channel_group_cb,
+         {created(fake::name(group_path(1, "load-balance-and-much-more"), "dst-ip"))},
+         {-2, 1, cut}},
+        {"leaves that need nothing",
+         lacp_channel_group_cb,
+         {created(fake::number8(group_path(1, "id"), 1)),
+          created(fake::text(group_path(1, "join-port"), "gigabitethernet 0/1")), created(balance("dst-ip"))},
+         {0, 3, ""}},
+        {"unknown group",
+         lacp_channel_group_cb,
+         {created(type(7, "manual"))},
+         {-9, 1, "set 'lacp-type' failed! ret -9\n"}},
+        {"deleted group without trunk",
+         lacp_channel_group_cb,
+         {fake::deleted(fake::dataless(group_path(2, ""), SR_LIST_T))},
+         {0, 1, "LACP Msg: channel-group 2 has been reset!\n"}},
+        {"deleted group without number",
+         lacp_channel_group_cb,
+         {fake::deleted(fake::dataless(group_path(8, ""), SR_LIST_T))},
+         {-9, 1, "LACP Msg: channel-group 8 has been reset!\n"}},
+        {"the whole path counts",
+         lacp_channel_group_cb,
+         {fake::deleted(fake::text(group_path(2, "member-ports"), "gigabitethernet 0/3"))},
+         {0, 1, ""}},
+        {"nothing deleted", lacp_channel_group_cb, {fake::Change{SR_OP_DELETED, {}, {}}}, {0, 1, ""}},
+        {"unknown port",
+         lacp_interface_trunk_cb,
+         {created(number(trunk_path(9, "priority"), 1))},
+         {-27, 1, "set slot 0 port 9 'priority' failed! ret -27\n"}},
+        {"",
+         lacp_interface_trunk_cb,
+         {created(fake::name(trunk_path(9, "mode"), "active"))},
+         {-1, 1, "set slot 0 port 9 'mode' failed! ret -1\n"}},
+        {"not examined",
+         lacp_interface_trunk_cb,
+         {created(fake::name(trunk_path(9, "timeout"), "short"))},
+         {0, 1, ""}},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(run(row.handler, row.changes), row.outcome) << row.name << " row " << &row - rows;
     for (const sr_val_type_t type :
          {SR_UNKNOWN_T, SR_LIST_T, SR_CONTAINER_T, SR_CONTAINER_PRESENCE_T, SR_LEAF_EMPTY_T}) {
-        SCOPED_TRACE(static_cast<int>(type));
-        const Outcome outcome = groups({fake::created(fake::dataless(group_path(1, "nonsense"), type)),
-                                        fake::created(fake::name(group_path(1, "load-balance"), "dst-ip"))});
-        EXPECT_EQ(outcome.result, 0);
-        EXPECT_EQ(outcome.fetched, 2U);
-        EXPECT_EQ(global({fake::created(fake::dataless(GLOBAL + "nonsense", type))}).text, "");
-        EXPECT_EQ(trunk({fake::created(fake::dataless(trunk_path(1, "nonsense"), type))}).result, 0);
+        const auto without_data = [&](const std::string &path) { return created(fake::dataless(path, type)); };
+        EXPECT_EQ(groups({without_data(group_path(1, "nonsense")), created(balance("dst-ip"))}), Outcome(0, 2, ""));
+        EXPECT_EQ(global({without_data(GLOBAL + "nonsense")}), Outcome(0, 1, ""));
+        EXPECT_EQ(trunk({without_data(trunk_path(1, "nonsense"))}), Outcome(0, 1, ""));
     }
-}
-
-TEST_F(HandlerTest, TheFirstDeletionEndsTheWalk)
-{
-    const auto leaf = fake::name(group_path(1, "load-balance"), "dst-ip");
-    const Outcome outcome =
-        groups({fake::created(fake::name(group_path(1, "lacp-type"), "manual")), fake::deleted(leaf), member(1, 2)});
-    EXPECT_EQ(outcome.result, 0);
-    EXPECT_EQ(outcome.fetched, 2U);
-    EXPECT_EQ(type_of(1), 3U) << "what came before stays";
+    EXPECT_EQ(type_of(1), 3U) << "what came before a deletion stays";
+    EXPECT_EQ(read(get_channel_group_load_balance, 1), 1U) << "and before a failure";
     EXPECT_EQ(members(1), 0U);
-
-    const Outcome on_global = global({fake::deleted(fake::number16(GLOBAL + "system-priority", 5)),
-                                      fake::created(fake::number16(GLOBAL + "system-priority", 6))});
-    EXPECT_EQ(on_global.result, 0);
-    EXPECT_EQ(on_global.fetched, 1U);
-    const Outcome on_trunk = trunk({fake::deleted(fake::number16(trunk_path(1, "priority"), 5)),
-                                    fake::created(fake::number16(trunk_path(1, "priority"), 6))});
-    EXPECT_EQ(on_trunk.result, 0);
-    EXPECT_EQ(on_trunk.fetched, 1U);
     EXPECT_EQ(Lac_Queue.count(), 0);
-}
-
-TEST_F(HandlerTest, AFailureEndsTheWalk)
-{
-    const Outcome outcome = groups({fake::created(fake::name(group_path(1, "load-balance"), "dst-ip")),
-                                    fake::created(fake::name(group_path(1, "load-balance"), "by-hand")),
-                                    fake::created(fake::name(group_path(1, "load-balance"), "src-ip"))});
-    EXPECT_EQ(outcome.result, -9);
-    EXPECT_EQ(outcome.fetched, 2U);
-    EXPECT_EQ(outcome.text, "set 'load-balance' failed! ret -9\n");
-    std::uint32_t code = 99;
-    get_channel_group_load_balance(1, &code);
-    EXPECT_EQ(code, 1U) << "the change before it stays applied";
-}
-
-TEST_F(HandlerTest, UnknownLeavesAreRefused)
-{
-    EXPECT_EQ(groups({fake::created(fake::text(group_path(1, "colour"), "x"))}).text,
-              "'colour' is not belong to channel group configuration!\nset 'colour' failed! ret -2\n");
-    EXPECT_EQ(groups({fake::created(fake::text(group_path(1, "colour"), "x"))}).result, -2);
-    const Outcome on_global = global({fake::created(fake::text(GLOBAL + "colour", "x"))});
-    EXPECT_EQ(on_global.result, -2);
-    EXPECT_EQ(on_global.text,
-              "leaf colour\n'colour' is not belong to lacp global configuration!\nset 'colour' failed! ret -2\n");
-    const Outcome on_trunk = trunk({fake::created(fake::text(trunk_path(2, "colour"), "x"))});
-    EXPECT_EQ(on_trunk.result, -2);
-    EXPECT_EQ(on_trunk.text, "'colour' is not belong to lacp interface trunk configuration!\n"
-                             "set slot 0 port 2 'colour' failed! ret -2\n");
-}
-
-// Names are cut after 19 characters; no known name is that long, so a cut one is never taken for another.
-TEST_F(HandlerTest, OverlongNamesAreCutAndRefused)
-{
-    const std::string name = "load-balance-and-much-more";
-    EXPECT_EQ(groups({fake::created(fake::name(group_path(1, name), "dst-ip"))}).text,
-              "'load-balance-and-mu' is not belong to channel group configuration!\n"
-              "set 'load-balance-and-mu' failed! ret -2\n");
-    EXPECT_EQ(global({fake::created(fake::number16(GLOBAL + std::string(500, 'x'), 1))}).result, -2);
-    EXPECT_EQ(trunk({fake::created(fake::number16(trunk_path(1, "priority-of-the-whole-port"), 1))}).result, -2);
+    EXPECT_TRUE(fake::take_messages().empty());
+    EXPECT_EQ(lacp_channel_group_del_cb(nullptr), 0);
 }
 
 // ---- channel groups -------------------------------------------------------------------------------------------
@@ -185,91 +210,52 @@ TEST_F(HandlerTest, OverlongNamesAreCutAndRefused)
 TEST_F(HandlerTest, GroupTypes)
 {
     lacpCtrl.once_cfg_done = 1;
-    EXPECT_EQ(groups({fake::created(fake::name(group_path(1, "lacp-type"), "manual"))}).result, 0);
-    EXPECT_EQ(groups({fake::created(fake::name(group_path(2, "lacp-type"), "dynamic"))}).result, 0);
-    EXPECT_EQ(groups({fake::created(fake::name(group_path(3, "lacp-type"), "other"))}).result, 0);
-    EXPECT_EQ(type_of(1), 3U);
-    EXPECT_EQ(type_of(2), 5U);
-    EXPECT_EQ(type_of(3), 0U) << "left unset";
-    for (int group = 1; group <= 4; ++group)
+    const char *const types[] = {"manual", "dynamic", "other"};
+    for (int group = 1; group <= 3; ++group)
+        EXPECT_EQ(groups({fake::created(type(group, types[group - 1]))}), Outcome(0, 1, ""));
+    for (int group = 1; group <= 4; ++group) {
+        EXPECT_EQ(type_of(group), std::array{3U, 5U, 0U, 0U}[static_cast<std::size_t>(group) - 1]);
         EXPECT_EQ(used(group), group == 4 ? 0U : 1U);
-    EXPECT_EQ(groups({fake::created(fake::name(group_path(1, "lacp-type"), "dynamic"))}).result, 0)
-        << "what the type setter says is not looked at";
+    }
+    EXPECT_EQ(groups({fake::created(type(1, "dynamic"))}).result, 0) << "what the type setter says is not looked at";
     EXPECT_EQ(type_of(1), 3U);
-    const Outcome outcome = groups({fake::created(fake::name(group_path(7, "lacp-type"), "manual"))});
-    EXPECT_EQ(outcome.result, -9);
-    EXPECT_EQ(outcome.text, "set 'lacp-type' failed! ret -9\n");
-}
-
-TEST_F(HandlerTest, AGroupsTypeCannotChange)
-{
-    create_group(2, "dynamic");
-    const auto dynamic = fake::name(group_path(2, "lacp-type"), "dynamic");
-    const auto manual = fake::name(group_path(2, "lacp-type"), "manual");
-    for (const fake::Change &change : {fake::modified(dynamic, manual), fake::modified(dynamic, dynamic),
-                                       fake::Change{SR_OP_MOVED, {}, {manual}}}) {
-        const Outcome outcome = groups({change});
-        EXPECT_EQ(outcome.result, -11);
-        EXPECT_EQ(outcome.text, "");
+    const auto dynamic = type(2, "dynamic");
+    for (const fake::Change &change : {fake::modified(dynamic, type(2, "manual")), fake::modified(dynamic, dynamic),
+                                       fake::Change{SR_OP_MOVED, {}, {type(2, "manual")}}}) {
+        EXPECT_EQ(groups({change}), Outcome(-11, 1, "")) << "a type cannot change";
         EXPECT_EQ(type_of(2), 5U);
     }
 }
 
-TEST_F(HandlerTest, LeavesThatNeedNothing)
-{
-    EXPECT_EQ(groups({fake::created(fake::number8(group_path(1, "id"), 1)),
-                      fake::created(fake::text(group_path(1, "join-port"), "gigabitethernet 0/1")), member(1, 1)})
-                  .fetched,
-              3U);
-}
-
 TEST_F(HandlerTest, MembersComeAndGo)
 {
+    const auto removal = fake::deleted(member(1, 3));
     set_link(3, true);
-    Outcome outcome = groups({member(1, 3)});
-    EXPECT_EQ(outcome.result, 0);
-    EXPECT_EQ(outcome.text, "LACP Msg: interface 0/3 is OK added to channel-group 1!\n");
+    EXPECT_EQ(groups({fake::created(member(1, 3))}),
+              Outcome(0, 1, "LACP Msg: interface 0/3 is OK added to channel-group 1!\n"));
     EXPECT_EQ(members(1), 0x4U);
-
-    outcome = groups({member(1, 3)});
-    EXPECT_EQ(outcome.result, -9);
-    EXPECT_EQ(outcome.text, "LACP Msg: Set port 3 to channel-group 1 failed which was already in it!\n"
-                            "LACP Msg: interface 0/3 is falied added to channel-group 1!\n"
-                            "set 'member-port' failed! ret -9\n");
-
-    const auto removal = fake::deleted(fake::text(group_path(1, "member-port"), "gigabitethernet 0/3"));
-    outcome = groups({removal});
-    EXPECT_EQ(outcome.result, 0);
-    EXPECT_EQ(outcome.text, "LACP Msg: interface 0/3 is OK remove from channel-group 1!\n");
+    EXPECT_EQ(groups({fake::created(member(1, 3))}),
+              Outcome(-9, 1,
+                      "LACP Msg: Set port 3 to channel-group 1 failed which was already in it!\n"
+                      "LACP Msg: interface 0/3 is falied added to channel-group 1!\n"
+                      "set 'member-port' failed! ret -9\n"));
+    EXPECT_EQ(groups({removal}), Outcome(0, 1, "LACP Msg: interface 0/3 is OK remove from channel-group 1!\n"));
     EXPECT_EQ(members(1), 0U);
+    EXPECT_EQ(groups({removal}), Outcome(-9, 1, "LACP Msg: interface 0/3 is failed remove from channel-group 1!\n"));
 
-    outcome = groups({removal});
-    EXPECT_EQ(outcome.result, -9);
-    EXPECT_EQ(outcome.text, "LACP Msg: interface 0/3 is failed remove from channel-group 1!\n");
-}
-
-// The table has the change, and the driver service gets it when it is there again: the datastore has it too.
-TEST_F(HandlerTest, MembersChangeWhileTheDriverServiceIsAway)
-{
-    set_link(3, true);
+    // While the driver service is away the table has the change, and the service gets it when it is there again.
     fake::driver().unreachable = true;
-    Outcome outcome{};
-    printed_as_error([&] { outcome = groups({member(1, 3)}); });
-    EXPECT_EQ(outcome.result, 0);
+    printed_as_error([&] { EXPECT_EQ(groups({fake::created(member(1, 3))}).result, 0); });
     EXPECT_EQ(members(1), 0x4U);
-    printed_as_error(
-        [&] { outcome = groups({fake::deleted(fake::text(group_path(1, "member-port"), "gigabitethernet 0/3"))}); });
-    EXPECT_EQ(outcome.result, 0);
+    printed_as_error([&] { EXPECT_EQ(groups({removal}).result, 0); });
     EXPECT_EQ(members(1), 0U);
     fake::driver().unreachable = false;
+    fake::take_messages();
     lacp_trunk_resync(lacp_sclient);
     EXPECT_EQ(fake::take_messages().size(), 4U);
-}
 
-TEST_F(HandlerTest, AMemberThatIsNoInterfaceNameIsPortZero)
-{
     const Outcome outcome = groups({fake::created(fake::text(group_path(1, "member-port"), "ethernet 0/3"))});
-    EXPECT_EQ(outcome.text.substr(0, 29), "LACP Msg: interface 0/0 is fa");
+    EXPECT_EQ(outcome.text.substr(0, 29), "LACP Msg: interface 0/0 is fa") << "no interface name is port 0";
     EXPECT_NE(outcome.result, 0);
 }
 
@@ -281,49 +267,41 @@ TEST_F(HandlerTest, DeletingAGroupResetsItAndTakesEverythingAlong)
     running_port(4, 2);
     set_channel_group_uplink_port_list(3, 0, 1, 1);
     fake::take_messages();
-    const Outcome outcome = groups({fake::deleted(fake::dataless(group_path(3, ""), SR_LIST_T)),
-                                    fake::deleted(fake::name(group_path(3, "lacp-type"), "dynamic"))});
-    EXPECT_EQ(outcome.result, 0);
-    EXPECT_EQ(outcome.fetched, 1U);
-    EXPECT_EQ(outcome.text, "LACP Msg: channel-group 3 has been reset!\n");
-    EXPECT_EQ(type_of(3), 0U);
-    EXPECT_EQ(used(3), 0U);
-    ASSERT_EQ(fake::driver().sent.size(), 1U);
-    EXPECT_EQ(fake::driver().sent[0], hex("000c 01 02 0000 000b 00000003"));
+    EXPECT_EQ(
+        groups({fake::deleted(fake::dataless(group_path(3, ""), SR_LIST_T)), fake::deleted(type(3, "dynamic"))}),
+        Outcome(0, 1, "LACP Msg: channel-group 3 has been reset!\n"));
+    EXPECT_EQ(type_of(3) + used(3), 0U);
+    EXPECT_EQ(fake::take_messages(), std::vector{hex("000c 01 02 0000 000b 00000003")});
     dispatch();
-    EXPECT_EQ(get_lacp_port_state(1), 0);
-    EXPECT_EQ(get_lacp_port_state(2), 0);
+    EXPECT_EQ(get_lacp_port_state(1) + get_lacp_port_state(2), 0);
     EXPECT_EQ(get_lacp_port_state(4), 1) << "another group's port";
 
     // When it is created again, the ports that are still configured for it come back.
-    EXPECT_EQ(groups({fake::created(fake::name(group_path(3, "lacp-type"), "dynamic"))}).result, 0);
+    EXPECT_EQ(groups({fake::created(type(3, "dynamic"))}).result, 0);
     dispatch();
-    EXPECT_EQ(get_lacp_port_state(1), 1);
-    EXPECT_EQ(get_lacp_port_state(2), 1);
+    EXPECT_EQ(get_lacp_port_state(1) + get_lacp_port_state(2), 2);
     EXPECT_EQ(get_lacp_channel_group_id(1), 3);
+    EXPECT_EQ(groups({fake::deleted(fake::text(group_path(3, "join-port"), "gigabitethernet 0/1"))}).result, 0);
+    dispatch();
+    EXPECT_EQ(get_lacp_channel_group_id(1), 0);
 }
 
-TEST_F(HandlerTest, DeletingAGroupWithoutTrunkOrNumber)
+// A change that another subscriber refuses comes back reversed, all of it.
+TEST_F(HandlerTest, ARefusedTransactionIsTakenBack)
 {
-    EXPECT_EQ(groups({fake::deleted(fake::dataless(group_path(2, ""), SR_LIST_T))}).result, 0);
-    EXPECT_EQ(fake::take_messages().size(), 0U);
-    const Outcome outcome = groups({fake::deleted(fake::dataless(group_path(8, ""), SR_LIST_T))});
-    EXPECT_EQ(outcome.result, -9);
-    EXPECT_EQ(outcome.text, "LACP Msg: channel-group 8 has been reset!\n");
-}
-
-TEST_F(HandlerTest, OtherDeletions)
-{
-    set_lacp_channel_group_id(3, 2);
+    set_link(3, true);
+    running_port(1, 2);
+    trunk({fake::created(in_group(1, 2))});
+    trunk({fake::deleted(in_group(1, 2)), fake::deleted(in_group(9, 2))}, SR_EV_ABORT);
     dispatch();
-    EXPECT_EQ(groups({fake::deleted(fake::text(group_path(2, "join-port"), "gigabitethernet 0/3"))}).result, 0);
-    dispatch();
-    EXPECT_EQ(get_lacp_channel_group_id(3), 0);
-    EXPECT_EQ(groups({fake::deleted(fake::name(group_path(2, "lacp-type"), "manual"))}).result, 0);
-    EXPECT_EQ(groups({fake::deleted(fake::text(group_path(2, "member-ports"), "gigabitethernet 0/3"))}).text, "")
-        << "the whole path counts";
-    EXPECT_EQ(groups({fake::Change{SR_OP_DELETED, {}, {}}}).result, 0);
-    EXPECT_EQ(lacp_channel_group_del_cb(nullptr), 0);
+    EXPECT_EQ(get_lacp_port_state(1), 0) << "a join that came to nothing";
+    groups({fake::created(member(1, 3)), fake::created(member(1, 4))});
+    EXPECT_EQ(groups({fake::deleted(member(1, 3)), fake::deleted(member(1, 4)), fake::created(balance("dst-ip"))},
+                     SR_EV_ABORT)
+                  .fetched,
+              3U);
+    EXPECT_EQ(members(1), 0U);
+    EXPECT_EQ(read(get_channel_group_load_balance, 1), 1U);
 }
 
 // ---- global configuration -------------------------------------------------------------------------------------
@@ -331,10 +309,9 @@ TEST_F(HandlerTest, OtherDeletions)
 TEST_F(HandlerTest, SystemIdentifierAndPriority)
 {
     switch_on();
-    const Outcome outcome = global({fake::created(fake::text(GLOBAL + "system-id", "0299.8877.6655")),
-                                    fake::created(fake::number16(GLOBAL + "system-priority", 4096))});
-    EXPECT_EQ(outcome.result, 0);
-    EXPECT_EQ(outcome.text, "leaf system-id\nleaf system-priority\n");
+    const auto priority = fake::created(fake::number16(GLOBAL + "system-priority", 4096));
+    EXPECT_EQ(global({fake::created(fake::text(GLOBAL + "system-id", "0299.8877.6655")), priority}),
+              Outcome(0, 2, "leaf system-id\nleaf system-priority\n"));
     dispatch();
     EXPECT_EQ(lacSystem->system_mac.get(), OTHER_MAC);
     EXPECT_EQ(port(1).port_mac, OUR_MAC) << "the ports' own addresses stay";
@@ -342,16 +319,10 @@ TEST_F(HandlerTest, SystemIdentifierAndPriority)
     EXPECT_EQ(lacpCtrl.system_priority, 4096);
     EXPECT_EQ(port(4).actor_system_priority, 4096);
     EXPECT_EQ(lacSystem->system_priority, 32768);
-}
-
-TEST_F(HandlerTest, ARefusedSystemPriority)
-{
     LacSystem *const records = lacSystem;
     lacSystem = nullptr;
-    const Outcome outcome = global({fake::created(fake::number16(GLOBAL + "system-priority", 4096))});
+    EXPECT_EQ(global({priority}), Outcome(-11, 1, "leaf system-priority\nset 'system-priority' failed! ret -11\n"));
     lacSystem = records;
-    EXPECT_EQ(outcome.result, -11);
-    EXPECT_EQ(outcome.text, "leaf system-priority\nset 'system-priority' failed! ret -11\n");
 }
 
 // ---- trunk settings of a port ---------------------------------------------------------------------------------
@@ -359,62 +330,64 @@ TEST_F(HandlerTest, ARefusedSystemPriority)
 TEST_F(HandlerTest, AttributesOfAPort)
 {
     switch_on();
-    EXPECT_EQ(trunk({fake::created(fake::name(trunk_path(2, "mode"), "passive")),
-                     fake::created(fake::number16(trunk_path(2, "priority"), 77)),
-                     fake::created(fake::name(trunk_path(2, "timeout"), "short"))})
-                  .result,
-              0);
-    dispatch();
-    EXPECT_EQ(port(2).actor_oper_state & (LAC_ACTIVITY | LAC_TIMEOUT), LAC_TIMEOUT);
-    EXPECT_EQ(port(2).actor_port_priority, 77);
-    for (const char *mode : {"active", "on", "whatever"}) {
-        set_lacp_port_mode(0, 2, 0);
-        trunk({fake::created(fake::name(trunk_path(2, "mode"), mode))});
-        dispatch();
-        EXPECT_NE(port(2).actor_oper_state & LAC_ACTIVITY, 0) << mode;
-    }
-    for (const char *timeout : {"long", "Short", "shorter"}) {
-        set_lacp_port_timeout(0, 2, 1);
-        trunk({fake::created(fake::name(trunk_path(2, "timeout"), timeout))});
-        dispatch();
-        EXPECT_EQ(port(2).actor_oper_state & LAC_TIMEOUT, 0) << timeout;
-    }
-}
-
-TEST_F(HandlerTest, AttributesOfAnUnknownPort)
-{
-    const auto text = [&](const fake::Value &value, int result) {
-        const Outcome outcome = trunk({fake::created(value)});
-        EXPECT_EQ(outcome.result, result);
-        return outcome.text;
+    fake::datastore().debug_mask = KEL_DB_DEBUG_DAEMON;
+    const std::string path = trunk_path(2, "priority");
+    EXPECT_EQ(trunk({fake::modified(fake::number16(path, 1), fake::number16(path, 77))}),
+              Outcome(0, 1, "[DATABASE INFO] interface (0/2) operation [1] xpath [" + path + "]\n"));
+    const std::tuple<const char *, const char *, std::uint8_t, bool> texts[] = {
+        {"mode", "passive", LAC_ACTIVITY, false}, {"mode", "active", LAC_ACTIVITY, true},
+        {"mode", "passive", LAC_ACTIVITY, false}, {"mode", "on", LAC_ACTIVITY, true},
+        {"mode", "passive", LAC_ACTIVITY, false}, {"mode", "whatever", LAC_ACTIVITY, true},
+        {"timeout", "short", LAC_TIMEOUT, true},  {"timeout", "long", LAC_TIMEOUT, false},
+        {"timeout", "short", LAC_TIMEOUT, true},  {"timeout", "Short", LAC_TIMEOUT, false},
+        {"timeout", "short", LAC_TIMEOUT, true},  {"timeout", "shorter", LAC_TIMEOUT, false},
     };
-    EXPECT_EQ(text(fake::number16(trunk_path(9, "priority"), 1), -27),
-              "set slot 0 port 9 'priority' failed! ret -27\n");
-    EXPECT_EQ(text(fake::name(trunk_path(9, "mode"), "active"), -1), "set slot 0 port 9 'mode' failed! ret -1\n");
-    EXPECT_EQ(text(fake::name(trunk_path(9, "timeout"), "short"), 0), "") << "not examined";
+    for (const auto &[leaf, text, bit, set] : texts) {
+        EXPECT_EQ(trunk({fake::created(fake::name(trunk_path(2, leaf), text))}).result, 0);
+        dispatch();
+        EXPECT_EQ((port(2).actor_oper_state & bit) != 0, set) << leaf << ' ' << text;
+    }
+    EXPECT_EQ(port(2).actor_port_priority, 77);
 }
 
 TEST_F(HandlerTest, JoiningADynamicGroup)
 {
     create_group(2, "dynamic");
     set_link(1, true);
-    EXPECT_EQ(trunk({fake::created(fake::number8(trunk_path(1, "channel-group"), 2))}).result, 0);
+    EXPECT_EQ(trunk({fake::created(in_group(1, 2))}).result, 0);
     EXPECT_EQ(Lac_Queue.count(), 3) << "group, key, LACP on";
     dispatch();
     EXPECT_EQ(get_lacp_channel_group_id(1), 2);
     EXPECT_EQ(port(1).actor_oper_key, 2);
     EXPECT_EQ(get_lacp_port_state(1), 1);
+    while (Lac_Queue.count() < 128)
+        send(3);
+    const Outcome outcome = trunk({fake::created(in_group(3, 2))});
+    EXPECT_EQ(outcome.result, -1) << "the queue is full";
+    EXPECT_TRUE(outcome.text.ends_with("set slot 0 port 3 'channel-group' failed! ret -1\n"));
+}
+
+// Group and port in one transaction, the port's module first.
+TEST_F(HandlerTest, APortMayBeNamedBeforeItsGroup)
+{
+    switch_on();
+    set_link(1, true);
+    trunk({fake::created(in_group(1, 2))});
+    trunk({fake::created(in_group(3, 4))});
+    EXPECT_EQ(Lac_Queue.count(), 0);
+    groups({fake::created(type(2, "dynamic"))});
+    dispatch();
+    EXPECT_EQ(get_lacp_channel_group_id(1), 2);
+    EXPECT_EQ(get_lacp_port_state(1), 1);
+    EXPECT_EQ(get_lacp_port_state(3), 0) << "it named another group";
 }
 
 TEST_F(HandlerTest, GroupsThatAreNotDynamicAreLeftToTheirMemberLists)
 {
     create_group(1, "manual");
     for (const std::uint8_t group : {std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{9}, std::uint8_t{0}}) {
-        EXPECT_EQ(trunk({fake::created(fake::number8(trunk_path(1, "channel-group"), group))}).result, 0);
-        EXPECT_EQ(trunk({fake::modified(fake::number8(trunk_path(1, "channel-group"), group),
-                                        fake::number8(trunk_path(1, "channel-group"), 0))})
-                      .result,
-                  0);
+        EXPECT_EQ(trunk({fake::created(in_group(1, group))}).result, 0);
+        EXPECT_EQ(trunk({fake::modified(in_group(1, group), in_group(1, 0))}).result, 0);
     }
     EXPECT_EQ(Lac_Queue.count(), 0);
 }
@@ -426,9 +399,7 @@ TEST_F(HandlerTest, LeavingADynamicGroup)
     set_channel_group_agg_no(2, 0);
     leave(1);
     EXPECT_EQ(get_lacp_port_state(1), 0);
-    std::uint32_t agg_no = 0;
-    get_channel_group_agg_no(2, &agg_no);
-    EXPECT_EQ(agg_no, 3U) << "selection has run in the group it left";
+    EXPECT_EQ(read(get_channel_group_agg_no, 2), 3U) << "selection has run in the group it left";
 }
 
 // A port that goes straight from one dynamic group to another is detached from the first one's list.
@@ -437,6 +408,8 @@ TEST_F(HandlerTest, MovingStraightToAnotherGroup)
     create_group(2, "dynamic");
     LacPort &record = current_port(1, 1);
     ASSERT_NE(ticks_until([&] { return record.attached == 1; }), 0U);
+    join(1, 1); // the same again keeps the port
+    EXPECT_EQ(get_lacp_port_state(1), 1);
     ASSERT_EQ(members(1), 0x1U);
     join(1, 2);
     EXPECT_EQ(members(1), 0U);
@@ -448,34 +421,6 @@ TEST_F(HandlerTest, MovingStraightToAnotherGroup)
     EXPECT_EQ(members(2), 0x1U);
     EXPECT_EQ(fake::datastore().members[1], std::set<std::string>{});
     EXPECT_EQ(fake::datastore().members[2], std::set<std::string>{"gigabitethernet 0/1"});
-}
-
-TEST_F(HandlerTest, NamingTheSameGroupAgainKeepsThePort)
-{
-    LacPort &record = current_port(1, 1);
-    ASSERT_NE(ticks_until([&] { return record.attached == 1; }), 0U);
-    join(1, 1);
-    EXPECT_EQ(get_lacp_port_state(1), 1);
-    EXPECT_EQ(members(1), 0x1U);
-}
-
-TEST_F(HandlerTest, AFullQueueRefusesTheJoin)
-{
-    create_group(2, "dynamic");
-    while (Lac_Queue.count() < 128)
-        send(3);
-    const Outcome outcome = trunk({fake::created(fake::number8(trunk_path(1, "channel-group"), 2))});
-    EXPECT_EQ(outcome.result, -1);
-    const std::string line = "set slot 0 port 1 'channel-group' failed! ret -1\n";
-    EXPECT_EQ(outcome.text.substr(outcome.text.size() - line.size()), line);
-}
-
-TEST_F(HandlerTest, TracesOfTrunkChanges)
-{
-    fake::datastore().debug_mask = KEL_DB_DEBUG_DAEMON;
-    const std::string path = trunk_path(2, "priority");
-    EXPECT_EQ(trunk({fake::modified(fake::number16(path, 1), fake::number16(path, 2))}).text,
-              "[DATABASE INFO] interface (0/2) operation [1] xpath [" + path + "]\n");
 }
 
 // ---- link status ----------------------------------------------------------------------------------------------
@@ -490,12 +435,7 @@ class LinkHandlerTest : public HandlerTest
         set_channel_group_add_port(1, 0, 2);
         fake::datastore().channel_group[2] = 1;
     }
-    static std::uint32_t uplinks()
-    {
-        std::uint32_t list = 0;
-        get_channel_group_uplink_port_list(1, &list);
-        return list;
-    }
+    static std::uint32_t uplinks() { return read(get_channel_group_uplink_port_list, 1); }
     static fake::Change change_to(const std::string &status, std::uint32_t port_no = 2)
     {
         return fake::modified(fake::name(link_path(port_no), "before"), fake::name(link_path(port_no), status));
@@ -508,16 +448,15 @@ class LinkHandlerTest : public HandlerTest
 
 TEST_F(LinkHandlerTest, AManualMemberFollows)
 {
-    EXPECT_EQ(link({change_to("up")}).text, "");
+    EXPECT_EQ(link({change_to("up")}), Outcome(0, 1, ""));
     EXPECT_EQ(uplinks(), 0x2U);
-    link({change_to("testing")});
+    fake::datastore().debug_mask = KEL_DB_DEBUG_DAEMON;
+    EXPECT_EQ(link({change_to("testing"), change_to("up")}),
+              Outcome(0, 1,
+                      "[DATABASE INFO] lacp_port_uplink_change_cb => interface gigabitEthernet 0/2 is [testing], "
+                      "lacp type is [manual]\n"))
+        << "only the first change is looked at";
     EXPECT_EQ(uplinks(), 0U) << "everything but up is down";
-}
-
-TEST_F(LinkHandlerTest, OnlyTheFirstChangeIsLookedAt)
-{
-    EXPECT_EQ(link({change_to("up", 3), change_to("up", 2)}).fetched, 1U);
-    EXPECT_EQ(uplinks(), 0U);
 }
 
 TEST_F(LinkHandlerTest, WhatChangesNothing)
@@ -548,13 +487,6 @@ TEST_F(LinkHandlerTest, ADynamicMembersLinkGoesToTheProtocol)
     ASSERT_TRUE(Lac_Queue.tryPop(message));
     EXPECT_EQ(message.code, LAC_Q_LINK_DOWN);
     EXPECT_EQ(message.port, 2U);
-}
-
-TEST_F(LinkHandlerTest, Traces)
-{
-    fake::datastore().debug_mask = KEL_DB_DEBUG_DAEMON;
-    EXPECT_EQ(link({change_to("up")}).text, "[DATABASE INFO] lacp_port_uplink_change_cb => interface gigabitEthernet "
-                                            "0/2 is [up], lacp type is [manual]\n");
 }
 
 // ---- start-up -------------------------------------------------------------------------------------------------
@@ -597,6 +529,65 @@ TEST_F(HandlerTest, AnUnreachableDatastoreIsReported)
     EXPECT_EQ(printed_as_error([&] { text = printed([] { lacp_database_init(&g_lacpd_db); }); }),
               "LACP Msg: init database failed!\n");
     EXPECT_EQ(text, "[DATABASE INFO] LACP Msg: LACPD connect to database failed! ret=3\n");
+}
+
+// ---- what others refuse, what finds no room -------------------------------------------------------------------
+
+TEST_F(HandlerTest, AChangeThatAnotherSubscriberRefusesIsTakenBack)
+{
+    LacPort &record = current_port(1);
+    const auto abort = [](sr_module_change_cb handler, const std::vector<fake::Change> &reversed) {
+        EXPECT_EQ(run(handler, reversed, SR_EV_ABORT).result, 0);
+    };
+    groups({member(1, 2)});
+    abort(lacp_channel_group_cb, {fake::deleted(member(1, 2).new_value[0])});
+    EXPECT_EQ(members(1), 0U);
+    groups({fake::deleted(member(1, 2).new_value[0])});
+    abort(lacp_channel_group_cb, {member(1, 2), member(1, 3)});
+    EXPECT_EQ(members(1), 6U) << "all of a change counts, not its first deletion only";
+    abort(lacp_interface_trunk_cb, {fake::deleted(fake::number8(trunk_path(1, "channel-group"), 1))});
+    printed([&] { dispatch(); });
+    EXPECT_EQ(record.lacp_enabled, 0U);
+}
+
+TEST_F(HandlerTest, RefusedMemberWritesAreTriedAgainOnTicks)
+{
+    LacPort &record = current_port(1);
+    auto &failures = fake::datastore().failures;
+    const auto settled = [](unsigned ticks) {
+        fake::take_writes();
+        printed([&] {
+            while (ticks-- > 0)
+                lacSettleMembers();
+        });
+        return fake::take_writes();
+    };
+    const Texts once_added = {"add 1 gigabitethernet 0/1 (32,1)"};
+    record.individual = 0;
+    failures["db_olt_lacp_set_group_member_port"] = 3;
+    printed([] { Attach_Mux_To_Aggregator(1, 1); });
+    EXPECT_EQ(settled(1), once_added);
+    failures.clear();
+    EXPECT_EQ(settled(2), once_added) << "done with the first";
+    failures["db_olt_lacp_del_group_member_port"] = 3;
+    printed([] { Detach_Mux_From_Aggregator(1, 1); });
+    failures.clear();
+    EXPECT_EQ(settled(2), Texts{"del 1 gigabitethernet 0/1"});
+}
+
+TEST_F(HandlerTest, ALinkChangeThatTheQueueHadNoRoomForIsNotLost)
+{
+    const LacPort &record = current_port(1);
+    set_link(1, false);
+    printed([] {
+        while (Lac_Queue.count() < 128)
+            lacWaitAndSend("test", 3, 0, 0);
+        deal_dynamic_channel_updown_port(1, 0, 1, 0);
+    });
+    dispatch();
+    EXPECT_EQ(record.port_enabled, 1U);
+    tick();
+    EXPECT_EQ(record.port_enabled, 0U);
 }
 
 } // namespace
