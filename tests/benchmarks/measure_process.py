@@ -17,6 +17,7 @@ import socket
 import statistics
 import struct
 import sys
+import threading
 import time
 from collections import namedtuple
 from contextlib import contextmanager
@@ -24,7 +25,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from lab import Capture, Lab, LabError, Lacpdu, Programs, Ticks  # noqa: E402 (needs the path above)
+from lab import Capture, Lab, LabError, Lacpdu, Programs, Ticks, eventually  # noqa: E402 (needs the path above)
 from lab.ticks import TICK  # noqa: E402
 
 PORTS = range(1, 9)
@@ -120,6 +121,35 @@ class LinkSwitch:
         self._socket.close()
 
 
+class Notices:
+    """When the kernel told about a lost carrier in a namespace: what comes before is not the programs' time."""
+
+    _LINK_GROUP, _NEWLINK, _LOWER_UP = 1, 16, 0x10000
+
+    def __init__(self, namespace):
+        def listen():
+            notices = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 0)
+            notices.bind((0, self._LINK_GROUP))
+            return notices
+        self._socket = namespace.call(listen)
+        self._lost = []
+        threading.Thread(target=self._follow, daemon=True).start()
+
+    def _follow(self):
+        while True:
+            message = self._socket.recv(65536)
+            now = time.monotonic()
+            _, kind, _, _, _ = struct.unpack_from("=IHHII", message)
+            _, _, index, flags, _ = struct.unpack_from("=BxHiII", message, 16)
+            if kind == self._NEWLINK and not flags & self._LOWER_UP:
+                self._lost.append((index, now))
+
+    def first_after(self, index, moment):
+        def found():
+            return [at for number, at in self._lost if number == index and at >= moment]
+        return eventually(f"a notice of interface {index}", found, bool, PATIENCE)[0]
+
+
 # ---- systems --------------------------------------------------------------------------------------------------
 
 def port_lines(port, *commands):
@@ -186,10 +216,13 @@ def measure_commands(programs, table, count):
 def measure_cuts(programs, table, count, mode):
     """Rounds of eight cuts, at moments that have nothing to do with the ticks; then all links come back. A group's
     lowest port is its aggregator and goes last: the others would have to form anew without it."""
-    times, moments = [], random.Random(1)
+    times, own_times, moments = [], [], random.Random(1)
     order = sorted(PORTS, key=lambda port: (-((port - 1) % GROUP_PORTS), port))
     with formed_pair(programs, PORTS, mode) as (left, right):
         links = {port: LinkSwitch(right.namespace, right.port_interface(port)) for port in PORTS}
+        indexes = {port: left.namespace.call(lambda: socket.if_nametoindex(left.port_interface(port)))
+                   for port in PORTS}
+        notices = Notices(left.namespace)
         with Printed(left.switch.log) as printed:
             while len(times) < count:
                 for system in (left, right):
@@ -197,7 +230,9 @@ def measure_cuts(programs, table, count, mode):
                         system.await_trunk(group, members_of(group), Ticks.FORM)
                 for port in order[:count - len(times)]:
                     time.sleep(moments.uniform(0.05, 0.45))
-                    times.append(cut(printed, links, port))
+                    cut_at, seen_at = cut(printed, links, port)
+                    times.append(seen_at - cut_at)
+                    own_times.append(seen_at - notices.first_after(indexes[port], cut_at))
                 for link in links.values():
                     link.set(up=True)
         for link in links.values():
@@ -205,15 +240,16 @@ def measure_cuts(programs, table, count, mode):
     kind = "manual" if mode == "on" else "dynamic"
     _, at_99, _ = spread(times)
     table.add(f"cut to trunk request, {kind} group", spread_text(times), "99th percentile under 20 ms", at_99 < 20)
+    table.add(f"of it from the kernel's notice on, {kind} group", spread_text(own_times))
 
 
 def cut(printed, links, port):
-    """Seconds until the trunk is asked for without the port."""
+    """The moments of the cut and of the request for the trunk without the port."""
     group = group_of(port)
     rest = {other for other in members_of(group) if links[other].is_up and other != port}
     printed.skip()
     moment = links[port].set(up=False)
-    return printed.moment_of(members_line(rest, group)) - moment
+    return moment, printed.moment_of(members_line(rest, group))
 
 
 def measure_forming(programs, table, count):
