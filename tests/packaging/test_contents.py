@@ -11,9 +11,9 @@ PROGRAMS = ["usr/sbin/lacpd", "usr/sbin/olt-switch", "usr/sbin/olt-datastore", "
             "usr/share/lacpd/scripts/install-configuration.sh"]
 FILES = ["etc/default/olt-switch", "usr/lib/systemd/system/lacpd.service",
          "usr/lib/systemd/system/olt-datastore.service", "usr/lib/systemd/system/olt-switch.service",
-         "usr/share/doc/lacpd/copyright", "usr/share/lacpd/lacpd.conf", "usr/share/lacpd/yang/olt-ifm.yang",
-         "usr/share/lacpd/yang/olt-lacp.yang", "usr/share/man/man8/lacpd.8", "usr/share/man/man8/olt-datastore.8",
-         "usr/share/man/man8/olt-switch.8"]
+         "usr/share/doc/lacpd/copyright", "usr/share/lacpd/lacpd.conf", "usr/share/lacpd/nacm.xml",
+         "usr/share/lacpd/yang/olt-ifm.yang", "usr/share/lacpd/yang/olt-lacp.yang", "usr/share/man/man8/lacpd.8",
+         "usr/share/man/man8/olt-datastore.8", "usr/share/man/man8/olt-switch.8"]
 LIBRARIES = ["libyang.so.3", "libsysrepo.so.7", "libfrr.so.0"]
 
 

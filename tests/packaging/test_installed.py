@@ -165,7 +165,8 @@ def test_daemon_works_as_its_user_with_four_capabilities(service):
 def test_local_files_are_where_the_unit_puts_them(service, installed):
     assert installed.owner("/run/lacpd").startswith("daemon:daemon")
     assert int(installed.read("/run/lacpd/lacpd.pid")) == service.daemon.pid
-    assert installed.exists("/run/lacpd/lacpd.vty")
+    assert installed.owner("/run/lacpd/lacpd.vty") == "daemon:daemon 770"
+    assert {installed.owner(f"/run/olt/switch-{name}.sock") for name in ("driver", "state")} == {"root:daemon 660"}
 
 
 def test_group_is_configured_saved_and_there_after_a_restart(service, installed, namespace):
