@@ -16,6 +16,11 @@ def interface_name(port):
     return f"gigabitethernet 0/{port}"
 
 
+def _elements(leaves):
+    return "".join(f"<{name.replace('_', '-')}>{one}</{name.replace('_', '-')}>" for name, value in leaves.items()
+                   for one in (value if isinstance(value, list) else [value]))
+
+
 class Datastore:
     def __init__(self, directory, programs):
         self._programs = programs
@@ -25,6 +30,10 @@ class Datastore:
 
     def install(self):
         self._run([self._programs.datastore_setup], SYSREPOCTL=str(self._programs.sysrepoctl))
+
+    def permit(self, module, mode):
+        """Sets the access mode of a module's data."""
+        self._run([self._programs.sysrepoctl, "-c", module, "-p", mode])
 
     def read(self, module):
         """The running data of a module as a dictionary."""
@@ -37,6 +46,18 @@ class Datastore:
             file.write(f'{top} xmlns="{_NAMESPACES[module]}" xmlns:nc="{_EDIT_NAMESPACE}">{rest}')
             file.flush()
             self._sysrepocfg(f"--edit={file.name}", "-m", module)
+
+    def set_group(self, number, **leaves):
+        """Sets leaves of a group, `lacp_type` for lacp-type; a list sets a leaf-list."""
+        self.edit("olt-lacp", f"<channel-group><group><id>{number}</id>{_elements(leaves)}</group></channel-group>")
+
+    def set_trunk(self, port, **leaves):
+        self.edit("olt-ifm", f"<up-link-ports><interface><name>{interface_name(port)}</name>"
+                             f'<trunk xmlns="{_NAMESPACES["olt-lacp"]}">{_elements(leaves)}</trunk>'
+                             "</interface></up-link-ports>")
+
+    def set_global(self, **leaves):
+        self.edit("olt-lacp", f"<global-configuration>{_elements(leaves)}</global-configuration>")
 
     def delete_group(self, number):
         self.edit("olt-lacp", f'<channel-group><group nc:operation="delete"><id>{number}</id></group></channel-group>')

@@ -9,11 +9,11 @@ from lab import Ticks, eventually
 # A row of the state machines, as the shell shows them.
 Machines = namedtuple("Machines", "receive periodic selection mux lacp aggregator forwards")
 # One side of a port in the display of neighbours.
-Side = namedtuple("Side", "system flags priority key number state")
+Side = namedtuple("Side", "system_priority system flags priority key number state")
 
 _MACHINES = re.compile(r"^(\d\d) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +(YES|NO) +(\d\d) ([01])$", re.MULTILINE)
-_SIDE = re.compile(r"ystem ID:0x[0-9a-f]{4}, +([0-9a-f.]+).*?^gigabitEthernet0/(\d\d) (\S+) +(\d+) +([\d ]+?) +(\S+) *$",
-                   re.MULTILINE | re.DOTALL)
+_SIDE = re.compile(r"ystem ID:0x([0-9a-f]{4}), +([0-9a-f.]+).*?"
+                   r"^gigabitEthernet0/(\d\d) (\S+) +(\d+) +([\d ]+?) +(\S+) *$", re.MULTILINE | re.DOTALL)
 
 
 def enter(port, *commands):
@@ -52,11 +52,11 @@ def await_machines(system, within, **wanted):
 def neighbours(system, group):
     """(this side, the partner) by port of a group, from the shell."""
     sides = {}
-    for address, port, flags, priority, numbers, state in _SIDE.findall(
+    for system_priority, address, port, flags, priority, numbers, state in _SIDE.findall(
             system.configure(f"show channel-group {group} port")):
-        *_, key, number = numbers.split()
+        *_, key, number = map(int, numbers.split())
         sides.setdefault(int(port), []).append(
-            Side(address, flags, int(priority), int(key), int(number), int(state, 16)))
+            Side(int(system_priority, 16), address, flags, int(priority), key, number, int(state, 16)))
     return {port: tuple(pair) for port, pair in sides.items()}
 
 

@@ -93,15 +93,6 @@ def test_all_sets_every_group(system):
         f"channel-group {number} load-balance src-ip" for number in (1, 2, 3, 4)]
 
 
-def test_numbers_are_checked_by_the_shell(system):
-    before = system.configured()
-    for line in ("channel-group 5 load-balance src-ip", "channel-group 0 load-balance src-ip",
-                 "lacp system-priority 65536", "channel-group 1 load-balance nonsense"):
-        assert "Unknown command" in system.configure(line), line
-    assert "Unknown command" in system.configure(*enter(1, "channel-group 1 mode off"))
-    assert system.configured() == before
-
-
 def test_prompts_say_where_one_is(system):
     with system.shell(enable=False) as shell:
         assert shell.prompt == "left> "

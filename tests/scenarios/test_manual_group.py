@@ -69,18 +69,9 @@ def test_a_choice_made_before_the_first_port_is_used(system):
     await_criterion(system, 3, "dst-mac", 10)
 
 
-def test_a_fifth_port_is_refused(system):
+def test_leaving_ports_leave_the_trunk(system):
     quietly(system, *join(4, 1, "on"))
     system.await_trunk(1, {1, 2, 3, 4}, Ticks.LINK)
-    answer = system.configure(*join(6, 1, "on"))
-    assert answer == ("LACP Msg: set channel-group 1 to on mode failed! "
-                      "This group is already in other mode.\n")
-    assert system.datastore.trunk(6).get("channel-group", 0) == 0
-    assert system.datastore.members(1) == {1, 2, 3, 4}
-    assert system.trunks()[1] == {1, 2, 3, 4}
-
-
-def test_leaving_ports_leave_the_trunk(system):
     for port, rest in ((4, {1, 2, 3}), (1, {2, 3}), (2, {3}), (3, set())):
         quietly(system, *leave(port, 1))
         system.await_trunk(1, rest, Ticks.LINK)

@@ -1,9 +1,7 @@
 """Ports that leave, come back and change groups."""
 
-from helpers import enter, join, leave, quietly
+from helpers import join, leave, quietly
 from lab import Capture, Lacpdu, Ticks, stays
-
-REFUSED = "LACP Msg: set channel-group {} to {} mode failed! This group is already in other mode.\n"
 
 
 def test_values_survive_leaving_and_coming_back(pair):
@@ -49,27 +47,6 @@ def test_the_group_can_take_the_other_type(pair):
     assert left.datastore.groups()[1].type == "manual"
     assert left.configured() == ["interface gigabitEthernet 0/1", " channel-group 1 mode on",
                                  "channel-group 1 load-balance src-dst-ip"]
-
-
-def test_a_group_refuses_the_other_type(pair):
-    left, _ = pair
-    for mode in ("active", "passive"):
-        assert left.configure(*join(2, 1, mode)) == REFUSED.format(1, mode)
-    assert left.datastore.trunk(2).get("channel-group", 0) == 0
-    assert "mode" not in left.datastore.trunk(2)
-    assert left.trunks()[1] == {1}
-
-
-def test_a_port_that_is_in_no_group_cannot_leave_one(pair):
-    left, _ = pair
-    assert left.configure(*leave(2, 3)) == "LACP Msg: interface 0/2 delete from channel-group 3 failed!\n"
-
-
-def test_a_port_outside_the_inventory_is_refused(pair):
-    left, _ = pair
-    assert left.configure(*join(8, 1, "on")) == REFUSED.format(1, "on")
-    assert left.configure(*enter(8, "lacp timeout short")) == "LACP Msg: interface 0/8 set timeout to short failed!\n"
-    assert left.trunks()[1] == {1}
 
 
 def test_a_port_moves_straight_to_another_group(pair):

@@ -2,7 +2,7 @@
 
 import pytest
 
-from helpers import join, quietly
+from helpers import enter, join, quietly
 from lab import Ticks, eventually
 
 
@@ -46,13 +46,18 @@ def test_a_link_lost_while_the_driver_service_is_away_is_noticed(formed):
         await_formed(system)
 
 
-def test_the_daemon_comes_back(formed):
+def test_the_daemon_comes_back_with_what_was_written(formed):
     left, right = formed
+    written = left.configured()
+    quietly(left, "channel-group 1 load-balance dst-ip", "lacp system-priority 9", *enter(2, "lacp port-priority 7"))
+    assert left.configured() != written
     assert left.stop_daemon() == 0
     assert left.trunks()[2] == {3}, "the switch goes on without the daemon"
     left.start_daemon()
     for system in (left, right):
         await_formed(system)
+    assert left.configured() == written
+    assert left.trunk(1)["criterion"] == "src-mac"
 
 
 def test_a_killed_daemon_comes_back(formed):
