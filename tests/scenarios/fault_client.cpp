@@ -1,5 +1,5 @@
 // Another client of the datastore that stands in the way until its input ends:
-//   fault_client lock             holds the lock of the running configuration
+//   fault_client lock             holds the locks of the running configuration
 //   fault_client refuse COUNT     refuses the next COUNT changes of member-port lists
 //   fault_client stall SECONDS    takes that long to accept a change of a member-port list
 #include <sysrepo.h>
@@ -13,6 +13,8 @@
 
 namespace
 {
+
+constexpr std::uint32_t LOCK_MS = 5000;
 
 std::atomic<int> refusals;
 std::chrono::seconds stall;
@@ -28,7 +30,8 @@ int on_members(sr_session_ctx_t *, std::uint32_t, const char *, const char *, sr
 bool stand_in_the_way(sr_session_ctx_t *session, std::string_view order, int number)
 {
     if (order == "lock")
-        return sr_lock(session, nullptr, 5000) == SR_ERR_OK;
+        return sr_lock(session, "olt-lacp", LOCK_MS) == SR_ERR_OK &&
+               sr_lock(session, "olt-ifm", LOCK_MS) == SR_ERR_OK;
     refusals = order == "refuse" ? number : 0;
     stall = std::chrono::seconds(order == "stall" ? number : 0);
     static sr_subscription_ctx_t *subscription; // ends with the connection

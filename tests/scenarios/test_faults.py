@@ -91,7 +91,7 @@ def test_a_locked_datastore_refuses_commands_and_delays_members(formed):
     report(f"datastore locked (a command was refused after {refused:.1f} s)", seconds_until_formed(formed))
 
 
-@pytest.mark.parametrize("count", [1, 3])
+@pytest.mark.parametrize("count", [pytest.param(1, marks=slow), 3])
 def test_refused_member_writes_are_made_up_for(formed, count):
     left, right = formed
     with in_the_way(left, "refuse", count):
@@ -125,7 +125,7 @@ def stall_dispatcher(pair, seconds):
 
 
 def test_the_dispatcher_waits_for_the_datastore(formed):
-    stall_dispatcher(formed, 10)
+    stall_dispatcher(formed, 5)
 
 
 @slow
