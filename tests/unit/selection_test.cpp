@@ -68,6 +68,11 @@ TEST_F(SelectionTest, Ranking)
 TEST_F(SelectionTest, WhoIsNoCandidate)
 {
     three_ports();
+    const auto expect_stopped = [](std::uint32_t number) {
+        EXPECT_EQ(port(number).selected, LAC_UNSELECTED);
+        EXPECT_EQ(port(number).aggregator.get(), &port(number));
+        EXPECT_EQ(port(number).muxm, LAC_MUX_DETACHED) << "the mux machine has run";
+    };
     const std::pair<const char *, std::function<void(LacPort &)>> reasons[] = {
         {"other group", [](LacPort &record) { record.channel_group_id = 2; }},
         {"port down", [](LacPort &record) { record.port_enabled = 0; }},
@@ -86,7 +91,12 @@ TEST_F(SelectionTest, WhoIsNoCandidate)
         EXPECT_EQ(port(2).aggregator.get(), &port(2));
         EXPECT_EQ(port(3).aggregator.get(), &port(2));
         EXPECT_EQ(aggregator_of(1), 2U);
+        if (first.lacp_enabled == 0 || first.port_enabled == 0)
+            expect_stopped(1);
     }
+    port(3).lacp_enabled = 0;
+    lacSelect(&port(2));
+    expect_stopped(3);
 }
 
 TEST_F(SelectionTest, StandbyReasons)
@@ -118,15 +128,11 @@ TEST_F(SelectionTest, StandbyReasons)
         port(2).actor_oper_key = 1;
         lac_set_actor_state(&port(2), LAC_AGGREGATION);
     }
-}
-
-TEST_F(SelectionTest, ABestPortThatCannotAggregateLeavesEverybodyStandby)
-{
     three_ports();
     lac_clear_partner_state(&port(1), LAC_AGGREGATION);
     lacSelect(&port(2));
     for (const std::uint32_t number : {1U, 2U, 3U})
-        EXPECT_EQ(port(number).selected, LAC_STANDBY);
+        EXPECT_EQ(port(number).selected, LAC_STANDBY) << "the best port cannot aggregate";
 }
 
 TEST_F(SelectionTest, ALoopNeedsAllFourFields)
@@ -153,51 +159,34 @@ TEST_F(SelectionTest, ALoopNeedsAllFourFields)
     EXPECT_EQ(loop([](LacInfo &info) { info.port_priority = 4; }), LAC_SELECTED);
 }
 
-TEST_F(SelectionTest, ADefaultedPortStandsAlone)
+TEST_F(SelectionTest, DefaultedPortsStandAlone)
 {
     three_ports();
-    LacPort &record = port(1);
-    record.rxm = LAC_RX_DEFAULTED;
-    lacSelect(&port(3));
-    EXPECT_EQ(record.individual, 1U);
-    EXPECT_EQ(record.selected, LAC_SELECTED);
-    EXPECT_EQ(record.aggregator.get(), &record);
-    EXPECT_EQ(port(2).individual, 0U);
-    EXPECT_EQ(port(2).aggregator.get(), &port(2));
+    set_channel_group_agg_no(1, 0);
+    const auto expect_alone = [](std::uint32_t number) {
+        EXPECT_EQ(port(number).individual, 1U);
+        EXPECT_EQ(port(number).selected, LAC_SELECTED);
+        EXPECT_EQ(port(number).aggregator.get(), &port(number));
+    };
+    for (const std::uint32_t number : {1U, 2U, 3U})
+        port(number).rxm = LAC_RX_DEFAULTED;
+    lacSelect(&port(2));
+    for (const std::uint32_t number : {1U, 2U, 3U})
+        expect_alone(number);
+    EXPECT_EQ(aggregator_of(1), 0U) << "nobody serves the group";
 
+    port(2).rxm = port(3).rxm = LAC_RX_CURRENT;
+    lacSelect(&port(3));
+    expect_alone(1);
+    EXPECT_EQ(port(3).individual, 0U);
+    EXPECT_EQ(port(3).aggregator.get(), &port(2));
+
+    LacPort &record = port(1);
     record.muxm = LAC_MUX_ATTACHED;
     record.rxm = LAC_RX_CURRENT;
     lacSelect(&record);
     EXPECT_EQ(record.individual, 0U);
     EXPECT_EQ(record.muxm, LAC_MUX_WAITING) << "it restarts through DETACHED although the aggregator is the same";
-}
-
-TEST_F(SelectionTest, AGroupWithoutPartnersHasOnlyIndividualPorts)
-{
-    three_ports();
-    set_channel_group_agg_no(1, 0);
-    for (const std::uint32_t number : {1U, 2U, 3U})
-        port(number).rxm = LAC_RX_DEFAULTED;
-    lacSelect(&port(2));
-    for (const std::uint32_t number : {1U, 2U, 3U}) {
-        EXPECT_EQ(port(number).individual, 1U);
-        EXPECT_EQ(port(number).selected, LAC_SELECTED);
-        EXPECT_EQ(port(number).aggregator.get(), &port(number));
-    }
-    EXPECT_EQ(aggregator_of(1), 0U) << "nobody serves the group";
-}
-
-TEST_F(SelectionTest, StoppedPortsAreUnselectedAndTheirOwn)
-{
-    three_ports();
-    port(2).lacp_enabled = 0;
-    port(3).port_enabled = 0;
-    lacSelect(&port(1));
-    for (const std::uint32_t number : {2U, 3U}) {
-        EXPECT_EQ(port(number).selected, LAC_UNSELECTED);
-        EXPECT_EQ(port(number).aggregator.get(), &port(number));
-        EXPECT_EQ(port(number).muxm, LAC_MUX_DETACHED) << "the mux machine has run";
-    }
 }
 
 TEST_F(SelectionTest, AnotherAggregatorRestartsTheMuxMachine)
@@ -282,15 +271,13 @@ TEST_F(ReselectTest, TheFirstOtherPortOfTheGroupIsSelected)
     EXPECT_EQ(reselect(1, 1, 0), "2");
     EXPECT_EQ(aggregator_of(1), 1U) << "the best port is ranked as ever";
     EXPECT_EQ(port(2).muxm, LAC_MUX_WAITING) << "restarted from DETACHED";
+    EXPECT_EQ(reselect(1, 1, 0), "") << "a group with an aggregator is left alone";
     set_channel_group_agg_no(1, 0);
-    EXPECT_EQ(reselect(2, 1, 0), "1");
     EXPECT_EQ(reselect(4, 2, 0), "") << "nobody else is configured there";
-}
-
-TEST_F(ReselectTest, AGroupWithAnAggregatorIsLeftAlone)
-{
-    set_channel_group_agg_no(1, 3);
-    EXPECT_EQ(reselect(1, 1, 0), "");
+    EXPECT_EQ(update_lacp_select_port(2, 1), 0);
+    EXPECT_EQ(aggregator_of(1), 0U);
+    dispatch();
+    EXPECT_EQ(aggregator_of(1), 1U) << "through the queue";
 }
 
 TEST_F(ReselectTest, FailedReadsAreRememberedAndPassedOver)
@@ -301,14 +288,6 @@ TEST_F(ReselectTest, FailedReadsAreRememberedAndPassedOver)
     set_channel_group_agg_no(1, 0);
     fake::datastore().failures["db_olt_lacp_get_trunk_channel_group"] = 13;
     EXPECT_EQ(reselect(1, 1, 13), "");
-}
-
-TEST_F(ReselectTest, TheRequestTravelsThroughTheQueue)
-{
-    EXPECT_EQ(update_lacp_select_port(1, 1), 0);
-    EXPECT_EQ(aggregator_of(1), 0U);
-    dispatch();
-    EXPECT_EQ(aggregator_of(1), 1U);
 }
 
 // ---- LACP off -------------------------------------------------------------------------------------------------
@@ -337,49 +316,6 @@ TEST_F(SelectionTest, ChainsAreCounted)
     port(3).next_lag_port = &port(2);
     port(2).next_lag_port = &port(1);
     EXPECT_EQ(lacNumOfPortsInAggregation(&port(2)), 3U);
-}
-
-// ---- traces ---------------------------------------------------------------------------------------------------
-
-TEST_F(SelectionTest, Traces)
-{
-    three_ports();
-    const auto ranking = [&] {
-        lacDebug = LAC_DBG_SELECT;
-        const std::string text = printed([&] { lacSelect(&port(2)); });
-        lacDebug = 0;
-        return text.substr(0, text.find("lacSelect"));
-    };
-    lacSelect(&port(1));
-    EXPECT_EQ(ranking(), "[line 188 best 1]\r\n[Select aggregation for port 2]\r\n");
-    port(2).actor_port_priority = 5;
-    EXPECT_EQ(ranking(), "[line 188 best 1]\r\n[line 205 best 1 pri 32768 ap 2 pri 5]\r\n"
-                         "[line 211 best 2 pri 5 ap 3 pri 32768]\r\n[Select aggregation for port 2]\r\n");
-    port(2).actor_port_priority = 32768;
-    lac_set_actor_state(&port(1), LAC_DEFAULTED);
-    lac_set_actor_state(&port(3), LAC_DEFAULTED);
-    EXPECT_EQ(ranking(), "[line 188 best 1]\r\n[line 216 best 1 def 1 ap 2 def 0]\r\n"
-                         "[line 222 best 2 def 0 ap 3 def 1]\r\n[Select aggregation for port 2]\r\n");
-    lac_clear_actor_state(&port(1), LAC_DEFAULTED);
-    lac_clear_actor_state(&port(3), LAC_DEFAULTED);
-    port(1).actor_port = 7;
-    EXPECT_EQ(ranking(), "[line 188 best 1]\r\n[line 227 best 1 ap 2]\r\n[Select aggregation for port 2]\r\n");
-
-    port(1).actor_port = 1;
-    port(2).rxm = LAC_RX_DEFAULTED;
-    port(3).partner_oper_key = 1;
-    port(3).port_enabled = 1;
-    lacSelect(&port(1));
-    lacDebug = LAC_DBG_SELECT;
-    EXPECT_EQ(printed([&] { lacSelect(&port(1)); }), "[line 188 best 1]\r\n[Select aggregation for port 1]\r\n"
-                                                     "lacSelect select aggregator 1 for port 1\n"
-                                                     "lacSelect port 2 enter Individual_Aggregator\n"
-                                                     "lacSelect select aggregator 1 for port 3\n");
-    lacDebug = LAC_DBG_MUX;
-    const std::string text = printed([&] { lacSelect(&port(1)); });
-    EXPECT_NE(text.find("\r\n lacSelect port 1 ---> Selected\r\n"), std::string::npos);
-    EXPECT_NE(text.find("\r\n lacSelect port 3 ---> Standby\r\n"), std::string::npos);
-    EXPECT_EQ(text.find("lacSelect port 2"), std::string::npos);
 }
 
 } // namespace
