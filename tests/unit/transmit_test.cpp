@@ -43,16 +43,38 @@ class TransmitTest : public EngineTest
 
 using Ticks = std::vector<unsigned>;
 
-TEST_F(TransmitTest, AShortPartnerIsToldEverySecondTick)
+TEST_F(TransmitTest, AShortPartnerIsToldEverySecondTickALongOneEveryThirtyFirst)
 {
+    LacPort &record = settled_port(0);
+    EXPECT_EQ(transmissions(70), (Ticks{2, 33, 64}));
+    settled_port(0);
+    tick(3);
+    for (int i = 0; i < 5; ++i)
+        tx_machine(&record, Lac_ntt);
+    EXPECT_EQ(transmissions(3), Ticks{1}) << "many requests, one LACPDU";
+    EXPECT_EQ(record.ntt, 0U);
     settled_port(LAC_TIMEOUT);
     EXPECT_EQ(transmissions(9), (Ticks{2, 4, 6, 8}));
+    lac_clear_actor_state(&record, LAC_ACTIVITY);
+    lac_clear_partner_state(&record, LAC_ACTIVITY);
+    EXPECT_EQ(transmissions(8).size(), 4U) << "two ends that turn passive keep the rate";
 }
 
-TEST_F(TransmitTest, ALongPartnerIsToldEveryThirtyFirstTick)
+// The slow timer has most of its time left when the partner turns to the short timeout.
+TEST_F(TransmitTest, APartnerThatTurnsToTheShortTimeoutIsToldOnTheNextTicks)
 {
-    settled_port(0);
-    EXPECT_EQ(transmissions(70), (Ticks{2, 33, 64}));
+    LacPort &record = settled_port(0);
+    ASSERT_EQ(transmissions(5), Ticks{2});
+    ASSERT_EQ(record.txm, LAC_SLOW_PERIODIC);
+    LacInfo partner = peer(1);
+    partner.state |= LAC_TIMEOUT;
+    receive(1, pdu_bytes(partner, lac_actor_info(&record)));
+    EXPECT_EQ(record.txm, LAC_SLOW_PERIODIC) << "the machine runs with the tick";
+    tick();
+    EXPECT_EQ(record.txm, LAC_FAST_PERIODIC);
+    EXPECT_EQ(transmissions(7), (Ticks{1, 2, 4, 6}));
+    receive(1, pdu_bytes(peer(1), lac_actor_info(&record)));
+    EXPECT_EQ(transmissions(40), (Ticks{1, 3, 34})) << "and back";
 }
 
 TEST_F(TransmitTest, AtMostThreeLeaveBetweenTwoPeriodicOnes)
@@ -68,42 +90,30 @@ TEST_F(TransmitTest, AtMostThreeLeaveBetweenTwoPeriodicOnes)
     EXPECT_EQ(transmissions(26, ntt), Ticks{});
     EXPECT_EQ(transmissions(4), Ticks{2});
     EXPECT_EQ(record.hold_count, 1U);
-}
-
-TEST_F(TransmitTest, AnNttAboveTheLimitDoesNotStartTheScheduler)
-{
-    LacPort &record = settled_port(0);
     for (const std::uint32_t held : {2U, 3U}) {
         record.hold_count = held;
         record.tx_scheduler.active = 0;
-        record.ntt = 0;
         tx_machine(&record, Lac_ntt);
         EXPECT_EQ(record.ntt, 1U);
-        EXPECT_EQ(record.tx_scheduler.active, held < 3 ? 1U : 0U);
+        EXPECT_EQ(record.tx_scheduler.active, held < 3 ? 1U : 0U) << "the scheduler is not started above the limit";
     }
 }
 
-TEST_F(TransmitTest, NttsBeforeTheSchedulerExpiresGiveOneLacpdu)
+TEST_F(TransmitTest, WithoutPeriodicTransmissionOrLacpNothingIsSent)
 {
     LacPort &record = settled_port(0);
-    tick(3);
-    for (int i = 0; i < 5; ++i)
-        tx_machine(&record, Lac_ntt);
-    EXPECT_EQ(transmissions(3), Ticks{1});
-    EXPECT_EQ(record.ntt, 0U);
-}
-
-TEST_F(TransmitTest, WithoutPeriodicTransmissionAnNttIsDropped)
-{
-    LacPort &record = settled_port(0);
-    const std::uint32_t sent = record.stats->tx_lacpdu;
     wire.take();
-    record.txm = LAC_NO_PERIODIC;
-    record.ntt = 1;
-    tx_machine(&record, Lac_tx_scheduler_expired);
-    EXPECT_EQ(record.ntt, 0U);
-    EXPECT_EQ(record.stats->tx_lacpdu, sent);
-    EXPECT_TRUE(wire.take().empty());
+    for (const bool periodic : {true, false}) {
+        record.txm = periodic ? LAC_SLOW_PERIODIC : LAC_NO_PERIODIC;
+        record.lacp_enabled = periodic ? 0 : 1;
+        record.hold_count = 0;
+        record.ntt = 1;
+        const std::uint32_t sent = record.stats->tx_lacpdu;
+        tx_machine(&record, Lac_tx_scheduler_expired);
+        EXPECT_EQ(record.ntt, periodic ? 1U : 0U);
+        EXPECT_EQ(record.stats->tx_lacpdu, sent);
+        EXPECT_TRUE(wire.take().empty());
+    }
 }
 
 TEST_F(TransmitTest, ASwitchedOffSystemSendsNothing)
@@ -122,18 +132,6 @@ TEST_F(TransmitTest, ASwitchedOffSystemSendsNothing)
     EXPECT_EQ(record.stats->tx_lacpdu, sent);
     lacSystemStateSet(1);
     EXPECT_EQ(transmissions(1), Ticks{1});
-}
-
-TEST_F(TransmitTest, APortWithoutLacpDoesNotTransmit)
-{
-    LacPort &record = settled_port(0);
-    wire.take();
-    record.ntt = 1;
-    record.hold_count = 0;
-    record.lacp_enabled = 0;
-    tx_machine(&record, Lac_tx_scheduler_expired);
-    EXPECT_TRUE(wire.take().empty());
-    EXPECT_EQ(record.ntt, 1U);
 }
 
 TEST_F(TransmitTest, StoppingEvents)
@@ -225,59 +223,6 @@ TEST_F(TransmitTest, APassivePortAnswersAnActivePartner)
     EXPECT_EQ(record.txm, LAC_NO_PERIODIC);
     receive(1, pdu_bytes(peer(1), lac_actor_info(&record)));
     EXPECT_FALSE(transmissions(4).empty());
-}
-
-TEST_F(TransmitTest, TwoEndsThatTurnPassiveKeepTheRate)
-{
-    LacPort &record = settled_port(LAC_TIMEOUT);
-    lac_clear_actor_state(&record, LAC_ACTIVITY);
-    lac_clear_partner_state(&record, LAC_ACTIVITY);
-    EXPECT_EQ(transmissions(8), (Ticks{2, 4, 6, 8}));
-}
-
-// ---- traces ---------------------------------------------------------------------------------------------------
-
-TEST_F(TransmitTest, TracesOfThePeriodicMachine)
-{
-    LacPort &record = running_port(2);
-    lacDebug = LAC_DBG_PERIODIC;
-    const auto step = [&](std::uint32_t txm, std::uint8_t partner) {
-        record.txm = txm;
-        record.partner_oper_state = partner;
-        record.periodic_timer.count = 0;
-        return printed([&] { update_Period(&record); });
-    };
-    EXPECT_EQ(step(0, LAC_TIMEOUT), "[port 2 ptx port->txm:0]\r\n[port 2 ptx NO_PERIODIC->FAST_PERIODIC]\r\n"
-                                    "[port 2 ptx port->txm:1]\r\n[port 2 ptx FAST_PERIODIC->PERIODIC_TX]\r\n"
-                                    "[port 2 ptx port->txm:4]\r\n[port 2 ptx PERIODIC_TX->FAST_PERIODIC]\r\n");
-    EXPECT_EQ(step(1, 0), "[port 2 ptx port->txm:1]\r\n[port 2 ptx FAST_PERIODIC->SLOW_PERIODIC]\r\n"
-                          "[port 2 ptx port->txm:2]\r\n[port 2 ptx SLOW_PERIODIC->PERIODIC_TX]\r\n"
-                          "[port 2 ptx port->txm:4]\r\n[port 2 ptx PERIODIC_TX->SLOW_PERIODIC]\r\n");
-    EXPECT_EQ(printed([&] { periodic_machine(&record, Lac_port_disabled); }),
-              "\r\nperiodic_machine port  [2] event [4]\r\n");
-}
-
-TEST_F(TransmitTest, TracesOfTheTransmitMachine)
-{
-    LacPort &record = settled_port(0);
-    record.hold_count = 1;
-    lacDebug = LAC_DBG_TX;
-    EXPECT_EQ(printed([&] { tx_machine(&record, Lac_ntt); }),
-              " tx_machine  port [1] event [9]\r\n\r\n port 1 port->ntt 0 port->hold_count 1\r\n");
-    EXPECT_EQ(printed([&] { tx_machine(&record, Lac_tx_scheduler_expired); }),
-              " tx_machine  port [1] event [11]\r\n"
-              "\r\n port 1 port->ntt 1 port->hold_count 1  port->txm 2 \r\n"
-              "\r\n port 1 port->ntt 1 port->lacp_enabled 1 port->hold_count 1  port->txm 2 \r\n"
-              "\r\n tx_machine port 1 event 11  set port->ntt 0 \r\n");
-    record.txm = LAC_NO_PERIODIC;
-    EXPECT_EQ(printed([&] { tx_machine(&record, Lac_tx_scheduler_expired); }),
-              " tx_machine  port [1] event [11]\r\n"
-              "\r\n port 1 port->ntt 0 port->hold_count 2  port->txm 0 \r\n"
-              "\r\n tx_machine port 1 event 11  set port->ntt 0 \r\n");
-    EXPECT_EQ(printed([&] { tx_machine(&record, Lac_init); }),
-              " tx_machine  port [1] event [1]\r\n"
-              "\r\n tx_machine port 1 event 1  set port->ntt 0 \r\n");
-    EXPECT_EQ(printed([&] { tx_machine(&record, Lac_port_enabled); }), " tx_machine  port [1] event [3]\r\n");
 }
 
 } // namespace
