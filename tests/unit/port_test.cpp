@@ -1,6 +1,8 @@
 // Records, port control and configured attributes.
 #include "engine.h"
 
+#include <optional>
+
 namespace
 {
 
@@ -20,18 +22,31 @@ class LaterPortsTest : public EngineTest
     LaterPortsTest() : EngineTest(3, 5) {}
 };
 
-TEST_F(PortTest, PortsAreWalkedInOrderAndFoundByNumber)
+TEST_F(PortTest, Records)
 {
     std::vector<unsigned> walked;
-    for (const LacPort *record : lac_ports())
+    for (const LacPort *record : lac_ports()) {
         walked.push_back(record->port_no);
+        EXPECT_EQ(lacNoToPort(record->port_no), record);
+        EXPECT_EQ(record->port_mac, OUR_MAC);
+        EXPECT_EQ(record->coll_dist, 1U);
+        EXPECT_EQ(record->lacp_enabled, 0U);
+    }
     EXPECT_EQ(walked, (std::vector<unsigned>{1, 2, 3, 4}));
     EXPECT_EQ(lacNoToPort(4)->next, &lacSystem->head);
-    for (std::uint32_t number = 1; number <= 4; ++number)
-        EXPECT_EQ(lacNoToPort(number)->port_no, number);
     EXPECT_EQ(lacNoToPort(0), nullptr);
     EXPECT_EQ(lacNoToPort(5), nullptr);
     EXPECT_EQ(lacNumLogicalPorts(), 4U);
+    EXPECT_EQ(lacSystem->system_mac.get(), OUR_MAC);
+    EXPECT_EQ(lacSystem->system_priority, 32768);
+    EXPECT_EQ(lacpCtrl.channel_group_max, 4U);
+    EXPECT_EQ(get_lacp_if_startup(), 1U);
+    lac_LacInit();
+    EXPECT_EQ(fake::take_writes(), Texts{}) << "a second creation does nothing";
+    EXPECT_EQ(set_lacp_system_id({0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC}), 0);
+    EXPECT_EQ(fake::take_writes(), Texts{"system-id 0011.22aa.bbcc (32,1)"});
+    fake::datastore().failures["db_olt_lacp_set_global_configuration_system_id"] = 12;
+    EXPECT_EQ(set_lacp_system_id(OUR_MAC), 12);
 }
 
 TEST_F(NoPortsTest, AnEmptyInventoryRuns)
@@ -55,67 +70,42 @@ TEST_F(LaterPortsTest, TheLastNumberIsTheNumberOfPorts)
     EXPECT_EQ(lacPortCfg[4].port_priority, 32768);
 }
 
-TEST_F(PortTest, TheSystemTakesTheAddressOfTheCpuInterface)
-{
-    EXPECT_EQ(lacSystem->system_mac.get(), OUR_MAC);
-    EXPECT_EQ(lacSystem->system_priority, 32768);
-    EXPECT_EQ(lacpCtrl.channel_group_max, 4U);
-    EXPECT_EQ(get_lacp_if_startup(), 1U);
-    for (const LacPort *record : lac_ports()) {
-        EXPECT_EQ(record->port_mac, OUR_MAC);
-        EXPECT_EQ(record->coll_dist, 1U);
-        EXPECT_EQ(record->lacp_enabled, 0U);
-    }
-    lac_LacInit();
-    EXPECT_EQ(fake::take_writes(), Texts{}) << "a second creation does nothing";
-}
-
-TEST_F(PortTest, TheSystemIdentifierIsAnnouncedAsText)
-{
-    EXPECT_EQ(set_lacp_system_id({0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC}), 0);
-    EXPECT_EQ(fake::take_writes(), Texts{"system-id 0011.22aa.bbcc (32,1)"});
-    fake::datastore().failures["db_olt_lacp_set_global_configuration_system_id"] = 12;
-    EXPECT_EQ(set_lacp_system_id(OUR_MAC), 12);
-}
-
-// The state that the machines leave behind: the mux machine clears Synchronization, Collecting and Distributing,
-// then the receive machine takes the administrative state and finds the link down.
 TEST_F(PortTest, SwitchingOnInitialisesEveryPort)
 {
     lacPortCfg[1].timeout = 1;
     lacPortCfg[2].passive = 1;
+    set_link(4, true);
     switch_on();
     EXPECT_EQ(lacSystem->system_state, 1U);
     EXPECT_EQ(get_lac_global_enable(), 1U);
     const std::uint8_t states[] = {0x7D, 0x7F, 0x7C, 0x7D};
     for (LacPort *record : lac_ports()) {
         SCOPED_TRACE(record->port_no);
-        EXPECT_EQ(record->actor_oper_state, states[record->port_no - 1]);
+        const bool up = record->port_no == 4; // found without LACP
+        EXPECT_EQ(lac_actor_info(record),
+                  (LacInfo{32768, OUR_MAC, 100, 32768, record->port_no, states[record->port_no - 1], {}}));
+        EXPECT_EQ(lac_partner_info(record), LacInfo{});
+        EXPECT_EQ(record->rxm, up ? LAC_RX_LACP_DISABLED : LAC_RX_PORT_DISABLED);
+        EXPECT_EQ(record->port_enabled, up ? 1U : 0U);
+        EXPECT_EQ(record->txm, LAC_NO_PERIODIC);
+        EXPECT_EQ(record->selected, LAC_UNSELECTED);
+        EXPECT_EQ(record->muxm, LAC_MUX_DETACHED);
         EXPECT_EQ(record->aggregator.get(), record);
         EXPECT_EQ(record->next_lag_port.get(), record);
         EXPECT_EQ(record->aggregator_id, record->port_no);
         EXPECT_EQ(record->individual, 1U);
-        EXPECT_EQ(record->selected, LAC_UNSELECTED);
-        EXPECT_EQ(record->rxm, LAC_RX_PORT_DISABLED);
-        EXPECT_EQ(record->txm, LAC_NO_PERIODIC);
-        EXPECT_EQ(record->muxm, LAC_MUX_DETACHED);
         EXPECT_EQ(record->coll_dist, 0U);
         EXPECT_EQ(record->port_mask, 1U << (record->port_no - 1));
         EXPECT_EQ(record->mux_scheduler.active, 1U);
-        EXPECT_EQ(record->actor_port, record->port_no);
-        EXPECT_EQ(lac_partner_info(record), LacInfo{});
-        EXPECT_EQ(lacNumOfPortsInAggregation(record), 1U);
     }
-}
-
-TEST_F(PortTest, ALinkThatIsUpAtSwitchOnIsFoundWithoutLacp)
-{
+    const std::string before = snapshot(port(1));
     set_link(1, true);
-    switch_on();
-    EXPECT_EQ(port(1).port_enabled, 1U);
-    EXPECT_EQ(port(1).rxm, LAC_RX_LACP_DISABLED);
-    EXPECT_EQ(port(2).port_enabled, 0U);
-    EXPECT_EQ(port(2).rxm, LAC_RX_PORT_DISABLED);
+    for (const std::uint32_t number : {1U, 9U, 0U}) {
+        send(LAC_Q_LINK_UP, number);
+        send(LAC_Q_LINK_DOWN, number);
+    }
+    dispatch();
+    EXPECT_EQ(snapshot(port(1)), before) << "link events of a port without LACP change nothing";
 }
 
 TEST_F(PortTest, InitialisationForgetsWhatWasLearned)
@@ -131,39 +121,15 @@ TEST_F(PortTest, InitialisationForgetsWhatWasLearned)
     EXPECT_EQ(record.individual, 1U);
 }
 
-TEST_F(PortTest, TracesOfInitialisation)
-{
-    switch_on();
-    lacDebug = LAC_DBG_PORT;
-    EXPECT_EQ(printed([&] { lacInitPort(&port(2)); }), "\r\n  lacInitPort lacInit port 2 \n\r"
-                                                       "[lacPortInfoGet ()]"
-                                                       "\r\n rxm_initialize check port 2 link and duplex status\n\r");
-}
-
 // ---- events ---------------------------------------------------------------------------------------------------
-
-TEST_F(PortTest, LinkEventsOfAPortWithoutLacpChangeNothing)
-{
-    switch_on();
-    const std::string before = snapshot(port(1));
-    set_link(1, true);
-    send(LAC_Q_LINK_UP, 1);
-    send(LAC_Q_LINK_DOWN, 1);
-    send(LAC_Q_LINK_UP, 9);
-    send(LAC_Q_LINK_UP, 0);
-    dispatch();
-    EXPECT_EQ(snapshot(port(1)), before);
-}
 
 TEST_F(PortTest, NothingReachesAPortWhileLacpIsOff)
 {
     set_link(1, true);
     const std::string before = snapshot(port(1));
-    EXPECT_EQ(lacEnablePort(&port(1)), 0);
-    EXPECT_EQ(lacDisablePort(&port(1)), 0);
-    send(LAC_Q_PORT_ENABLE, 1);
-    send(LAC_Q_LINK_UP, 1);
-    send(LAC_Q_TICK);
+    EXPECT_EQ(lacEnablePort(&port(1)) + lacDisablePort(&port(1)), 0);
+    for (const std::uint64_t code : {LAC_Q_PORT_ENABLE, LAC_Q_LINK_UP, LAC_Q_TICK})
+        send(code, 1);
     dispatch();
     EXPECT_EQ(snapshot(port(1)), before);
 }
@@ -189,8 +155,7 @@ TEST_F(PortTest, EnablingFollowsTheLink)
     }
 }
 
-// Losing the link keeps the port's LACP and its configuration, but takes it out of the trunk and stops its machines.
-TEST_F(PortTest, LosingTheLinkStopsTheMachines)
+TEST_F(PortTest, LosingTheLinkStopsTheMachinesLeavingReinitialisesThePort)
 {
     LacPort &record = current_port(1);
     ASSERT_NE(ticks_until([&] { return record.muxm == LAC_MUX_COLLECTING_DISTRIBUTING; }), 0U);
@@ -203,158 +168,83 @@ TEST_F(PortTest, LosingTheLinkStopsTheMachines)
     EXPECT_EQ(record.selected, LAC_UNSELECTED);
     EXPECT_EQ(record.periodic_timer.active, 0U);
     EXPECT_EQ(fake::datastore().members[1], std::set<std::string>{});
-    change_link(1, true);
-    EXPECT_EQ(record.rxm, LAC_RX_EXPIRED);
-    EXPECT_EQ(record.ntt, 1U);
-}
-
-TEST_F(PortTest, ALinkThatComesUpStartsTransmissionOver)
-{
-    LacPort &record = running_port(1);
     record.hold_count = 3;
     record.tx_scheduler = LacTimer{0, 1, 0, 1};
-    send(LAC_Q_LINK_UP, 1);
-    dispatch();
-    EXPECT_EQ(record.hold_count, 0U);
+    change_link(1, true); // transmission starts over
+    EXPECT_EQ(record.rxm, LAC_RX_EXPIRED);
     EXPECT_EQ(record.ntt, 1U);
+    EXPECT_EQ(record.hold_count, 0U);
     EXPECT_EQ(record.tx_scheduler.active, 1U);
     EXPECT_EQ(record.tx_scheduler.count, 0U);
-}
 
-TEST_F(PortTest, DisablingReinitialisesThePort)
-{
-    LacPort &record = current_port(1);
+    receive(1, pdu_bytes(peer(1), lac_actor_info(&record)));
     ASSERT_NE(ticks_until([&] { return record.muxm == LAC_MUX_COLLECTING_DISTRIBUTING; }), 0U);
     leave(1);
     EXPECT_EQ(record.lacp_enabled, 0U);
     EXPECT_EQ(record.rxm, LAC_RX_LACP_DISABLED);
     EXPECT_EQ(record.individual, 1U);
     EXPECT_EQ(record.aggregator.get(), &record);
-    EXPECT_EQ(record.attached, 0U);
-    EXPECT_EQ(record.coll_dist, 0U);
-    EXPECT_EQ(record.port_mask, 0U);
+    EXPECT_EQ(record.attached + record.coll_dist + record.port_mask, 0U);
     EXPECT_EQ(fake::datastore().members[1], std::set<std::string>{});
     const std::string before = snapshot(record);
     tick(5);
     EXPECT_EQ(snapshot(record), before) << "the timers of a port without LACP stand still";
 }
 
-TEST_F(PortTest, TracesOfPortEvents)
-{
-    LacPort &record = current_port(2);
-    const auto lines = [&](std::uint32_t bit, const std::function<void()> &action) {
-        lacDebug = bit;
-        const std::string text = printed(action);
-        lacDebug = 0;
-        return text;
-    };
-    EXPECT_EQ(lines(LAC_DBG_SELECT, [&] { lacSetPort(&record, Lac_port_disabled); }),
-              "[lacSetPort port 2 event 4]\r\n");
-    EXPECT_EQ(record.port_enabled, 0U);
-    EXPECT_EQ(lines(LAC_DBG_SELECT, [&] { lacSetPort(&record, Lac_ntt); }), "[lacSetPort port 2 event 9]\r\n");
-    EXPECT_EQ(record.port_enabled, 0U);
-    lacSetPort(&record, Lac_port_enabled);
-    EXPECT_EQ(record.port_enabled, 1U);
-    EXPECT_EQ(lines(LAC_DBG_PORT, [&] { lacEnablePort(&record); }),
-              "\r\n lacEnablePort enable port 2  enable 1 link 1 duplex 1 lac glable 1\n\r"
-              "\r\n lacRxMachine enable  port 2 check duplex status\n\r");
-    EXPECT_EQ(lines(LAC_DBG_QUEUE, [&] { lacDisablePort(&record); }), "\r\n lacDisablePort disable port 2\n\r");
-    EXPECT_EQ(lines(LAC_DBG_PORT, [&] { lacLinkUp(2); }),
-              "\n lacLinkUp port:2\r\n\r\n lacRxMachine enable  port 2 check duplex status\n\r");
-    set_link(2, false);
-    EXPECT_EQ(lines(LAC_DBG_PORT, [&] { lacLinkDown(2); }), "\n lacLinkDown port:2\r\n");
-    EXPECT_EQ(lines(LAC_DBG_GLOBAL, [&] { lac_set(LAC_SET_OFF); }), " lac OFF \r");
-    EXPECT_EQ(lines(LAC_DBG_GLOBAL, [&] { lac_set(LAC_SET_ON); }), " lac ON \r");
-}
-
 // ---- configured attributes ------------------------------------------------------------------------------------
-
-void configure(std::uint32_t port_no)
-{
-    EXPECT_EQ(set_lacp_port_oper_key(port_no, 3), lacNoToPort(port_no));
-    EXPECT_EQ(set_lacp_port_priority(0, port_no, 77), 0);
-    EXPECT_EQ(set_lacp_port_mode(0, port_no, 0), 0);
-    set_lacp_port_timeout(0, port_no, 1);
-    EXPECT_EQ(set_lacp_system_priority(4096), 0);
-}
-
-void expect_configured(const LacPort &record)
-{
-    EXPECT_EQ(record.actor_oper_key, 3);
-    EXPECT_EQ(record.aggregator_oper_key, 3);
-    EXPECT_EQ(record.actor_port_priority, 77);
-    EXPECT_EQ(record.actor_oper_state & (LAC_ACTIVITY | LAC_TIMEOUT), LAC_TIMEOUT);
-    EXPECT_EQ(record.actor_system_priority, 4096);
-}
 
 TEST_F(PortTest, ConfiguredValuesSurvive)
 {
     LacPort &record = port(2);
-    configure(2);
-    dispatch();
-    expect_configured(record);
-    EXPECT_EQ(record.aggregator_admin_key, 3);
-
-    const std::vector<std::pair<const char *, std::function<void()>>> events = {
-        {"LACP on", [&] { switch_on(); }},
-        {"enabled",
-         [&] {
-             set_link(2, true);
-             send(LAC_Q_PORT_ENABLE, 2);
-             dispatch();
-         }},
-        {"link lost",
-         [&] {
-             set_link(2, false);
-             send(LAC_Q_LINK_DOWN, 2);
-             dispatch();
-         }},
-        {"link back",
-         [&] {
-             set_link(2, true);
-             send(LAC_Q_LINK_UP, 2);
-             dispatch();
-         }},
-        {"partner moved away", [&] { lacRxMachine(&record, Lac_port_moved, nullptr); }},
-        {"left",
-         [&] {
-             set_lacp_port_state(2, 0);
-             dispatch();
-         }},
-        {"rejoined",
-         [&] {
-             send(LAC_Q_PORT_ENABLE, 2);
-             dispatch();
-         }},
-        {"LACP off", [&] { lac_set(LAC_SET_OFF); }},
-        {"LACP on again", [&] { lac_set(LAC_SET_ON); }},
+    set_lacp_port_oper_key(2, 3);
+    set_lacp_port_priority(0, 2, 77);
+    set_lacp_port_mode(0, 2, 0);
+    set_lacp_port_timeout(0, 2, 1);
+    set_lacp_system_priority(4096);
+    const auto post = [&](std::uint64_t code, std::optional<bool> link) {
+        return [this, code, link] {
+            if (link)
+                set_link(2, *link);
+            send(code, 2);
+        };
     };
+    const std::vector<std::pair<const char *, std::function<void()>>> events = {
+        {"configured", [] {}},
+        {"LACP on", [&] { switch_on(); }},
+        {"enabled", post(LAC_Q_PORT_ENABLE, true)},
+        {"link lost", post(LAC_Q_LINK_DOWN, false)},
+        {"link back", post(LAC_Q_LINK_UP, true)},
+        {"partner moved away", [&] { lacRxMachine(&record, Lac_port_moved, nullptr); }},
+        {"left", post(LAC_Q_PORT_STATE, {})},
+        {"rejoined", post(LAC_Q_PORT_ENABLE, {})},
+        {"changed", [] { set_lacp_port_mode(0, 2, 1), set_lacp_system_priority(4097); }},
+        {"partner moved away", [&] { lacRxMachine(&record, Lac_port_moved, nullptr); }},
+        {"LACP off", [] { lac_set(LAC_SET_OFF); }},
+        {"LACP on again", [] { lac_set(LAC_SET_ON); }},
+    };
+    bool changed = false;
     for (const auto &[name, event] : events) {
         SCOPED_TRACE(name);
+        changed |= std::string(name) == "changed";
         event();
-        expect_configured(record);
+        dispatch();
+        EXPECT_EQ(record.actor_oper_key, 3);
+        EXPECT_EQ(record.aggregator_oper_key, 3);
+        EXPECT_EQ(record.aggregator_admin_key, 3);
+        EXPECT_EQ(record.actor_port_priority, 77);
+        EXPECT_EQ(record.actor_oper_state & (LAC_ACTIVITY | LAC_TIMEOUT), LAC_TIMEOUT | (changed ? LAC_ACTIVITY : 0));
+        EXPECT_EQ(record.actor_system_priority, changed ? 4097 : 4096);
     }
     EXPECT_EQ(port(1).actor_oper_key, 100) << "another port keeps its own";
-    EXPECT_EQ(port(1).actor_system_priority, 4096) << "the system's priority is every port's";
-}
+    EXPECT_EQ(port(1).actor_system_priority, 4097) << "the system's priority is every port's";
 
-TEST_F(PortTest, ASystemPriorityConfiguredWhileRunningSurvives)
-{
-    LacPort &record = current_port(1);
-    set_lacp_system_priority(4096);
+    lac_set(LAC_SET_OFF);
+    lacDrvCtrl->lac_enable = 0;
+    set_lacp_port_state(2, 0);
     dispatch();
-    lacRxMachine(&record, Lac_port_moved, nullptr);
-    EXPECT_EQ(record.actor_system_priority, 4096);
-}
-
-TEST_F(PortTest, LeavingTakesTheTimeoutBitUntilLacpStartsAgain)
-{
-    set_lacp_port_timeout(0, 1, 1);
-    set_lacp_port_state(1, 0);
-    dispatch();
-    EXPECT_EQ(port(1).actor_oper_state & LAC_TIMEOUT, 0);
+    EXPECT_EQ(record.actor_oper_state & LAC_TIMEOUT, 0) << "leaving takes the bit until LACP starts again";
     switch_on();
-    EXPECT_NE(port(1).actor_oper_state & LAC_TIMEOUT, 0);
+    EXPECT_NE(record.actor_oper_state & LAC_TIMEOUT, 0);
 }
 
 TEST_F(PortTest, AttributesTakeEffectInTheOrderOfTheCalls)
@@ -375,37 +265,40 @@ TEST_F(PortTest, AttributesTakeEffectInTheOrderOfTheCalls)
     EXPECT_EQ(lacPortCfg[0].port_priority, 6);
 }
 
-TEST_F(PortTest, AttributesOfUnknownPortsAreRefused)
+TEST_F(PortTest, RefusedAttributes)
 {
+    const auto expect = [](std::uint32_t port_no, int priority, int mode_and_state, int system) {
+        EXPECT_EQ(set_lacp_channel_group_id(port_no, 1), nullptr);
+        EXPECT_EQ(set_lacp_port_oper_key(port_no, 1), nullptr);
+        EXPECT_EQ(set_lacp_port_priority(0, port_no, 1), priority);
+        EXPECT_EQ(set_lacp_port_mode(0, port_no, 1), mode_and_state);
+        EXPECT_EQ(set_lacp_port_state(port_no, 1), mode_and_state);
+        set_lacp_port_timeout(0, port_no, 1);
+        if (system != 0) {
+            EXPECT_EQ(set_lacp_system_priority(1), system);
+            EXPECT_EQ(set_lacp_system_mac(OTHER_MAC), system);
+        }
+    };
     for (const std::uint32_t missing : {0U, 5U, 4096U}) {
         SCOPED_TRACE(missing);
-        EXPECT_EQ(set_lacp_channel_group_id(missing, 1), nullptr);
-        EXPECT_EQ(set_lacp_port_oper_key(missing, 1), nullptr);
-        EXPECT_EQ(set_lacp_port_priority(0, missing, 1), -27);
-        EXPECT_EQ(set_lacp_port_mode(0, missing, 1), -1);
-        EXPECT_EQ(set_lacp_port_state(missing, 1), -1);
-        EXPECT_EQ(get_lacp_channel_group_id(missing), -1);
-        EXPECT_EQ(get_lacp_port_individual(missing), -1);
-        EXPECT_EQ(get_lacp_port_state(missing), -1);
-        set_lacp_port_timeout(0, missing, 1);
+        expect(missing, -27, -1, 0);
+        for (const auto getter : {get_lacp_channel_group_id, get_lacp_port_individual, get_lacp_port_state})
+            EXPECT_EQ(getter(missing), -1);
     }
+    LacSystem *const records = lacSystem;
+    lacSystem = nullptr;
+    expect(1, -27, -1, -11);
+    lacSystem = records;
     EXPECT_EQ(Lac_Queue.count(), 0) << "nothing was sent for them";
-}
-
-TEST_F(PortTest, AFullQueueRefusesAnAttributeInsteadOfLosingIt)
-{
     while (Lac_Queue.count() < static_cast<int>(LAC_QUEUE_LIMIT))
         send(3);
     printed([&] {
-        EXPECT_EQ(set_lacp_port_priority(0, 1, 5), -1);
-        EXPECT_EQ(set_lacp_port_mode(0, 1, 0), -1);
+        expect(1, -1, -1, -1);
         EXPECT_EQ(set_lacp_port_enable(1), -1);
-        EXPECT_EQ(set_lacp_port_state(1, 0), -1);
-        EXPECT_EQ(set_lacp_system_priority(5), -1);
-        EXPECT_EQ(set_lacp_channel_group_id(1, 2), nullptr);
     });
     dispatch();
     EXPECT_EQ(port(1).actor_port_priority, 0) << "not even initialised yet";
+    EXPECT_EQ(lacpCtrl.system_priority, 32768);
 }
 
 TEST_F(PortTest, ModeKeepsOtherBits)
@@ -440,18 +333,6 @@ TEST_F(PortTest, TimeoutRestartsTheTimerOnlyWhileLacpRuns)
     EXPECT_EQ(idle.current_while_timer.active, 0U);
     EXPECT_EQ(lacPortCfg[1].timeout, 1U);
     EXPECT_NE(idle.actor_oper_state & LAC_TIMEOUT, 0);
-}
-
-TEST_F(PortTest, AttributesBeforeTheRecordsExist)
-{
-    LacSystem *const records = lacSystem;
-    lacSystem = nullptr;
-    EXPECT_EQ(set_lacp_system_priority(1), -11);
-    EXPECT_EQ(set_lacp_system_mac(OTHER_MAC), -11);
-    EXPECT_EQ(set_lacp_port_mode(0, 1, 1), -1);
-    lacSystem = records;
-    dispatch();
-    EXPECT_EQ(lacpCtrl.system_priority, 32768);
 }
 
 TEST_F(PortTest, ANewSystemIdentifierGoesOutAsActorSystem)
