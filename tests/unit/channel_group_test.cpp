@@ -4,6 +4,7 @@
 #include "lacp_sclient.h"
 
 #include <bit>
+#include <utility>
 
 namespace
 {
@@ -60,6 +61,15 @@ class ChannelGroupTest : public EngineTest
         return name;
     }
 
+    // Code, text and errors of a call.
+    static void expect_messages(const std::function<int()> &call, int code, const std::string &text,
+                                const std::string &errors = "")
+    {
+        std::string error_text;
+        EXPECT_EQ(printed([&] { error_text = printed_as_error([&] { EXPECT_EQ(call(), code); }); }), text);
+        EXPECT_EQ(error_text, errors);
+    }
+
     static constexpr Group EMPTY = {0, 0, 9, 0, 0, 0, 0, 0};
 };
 
@@ -73,7 +83,29 @@ TEST_F(ChannelGroupTest, FourGroupsStartUnconfigured)
         EXPECT_EQ(balance_of(number), "src-mac");
     }
     EXPECT_TRUE(fake::take_messages().empty());
+    EXPECT_EQ(lacpCtrl.started, 1U);
+    EXPECT_EQ(lacpCtrl.once_cfg_done, 0U);
+    EXPECT_EQ(lacpCtrl.port_count, 8U);
+    EXPECT_EQ(lacpCtrl.system_priority, 32768);
+    for (const LacPortCfg &cfg : lacPortCfg) {
+        EXPECT_EQ(cfg.key, 100);
+        EXPECT_EQ(cfg.port_priority, 32768);
+        EXPECT_EQ(cfg.timeout + cfg.passive + cfg.reserved, 0U);
+    }
+    lacpCtrl.once_cfg_done = 1; // LACP is started once
+    start_lacp_once_cfg();
+    EXPECT_EQ(lacDrvCtrl->tx_slots, nullptr);
+    EXPECT_EQ(Lac_Queue.count(), 0);
 }
+
+constexpr auto GETTERS = {get_channel_group_type,
+                          get_channel_group_used,
+                          get_channel_group_load_balance,
+                          get_channel_group_port_list,
+                          get_channel_group_port_count,
+                          get_channel_group_uplink_port_list,
+                          get_channel_group_uplink_port_count,
+                          get_channel_group_agg_no};
 
 TEST_F(ChannelGroupTest, OtherGroupNumbersAreRefused)
 {
@@ -81,41 +113,22 @@ TEST_F(ChannelGroupTest, OtherGroupNumbersAreRefused)
     char name[LOAD_BALANCE_NAME_SIZE] = "untouched";
     for (const int bad : {0, 5, -1, -2147483647, 2147483647}) {
         SCOPED_TRACE(bad);
-        const int results[] = {
-            set_channel_group_type(bad, 3),
-            get_channel_group_type(bad, &out),
-            set_channel_group_used(bad, 1),
-            get_channel_group_used(bad, &out),
-            set_channel_group_load_balance(bad, 1),
-            set_channel_group_load_balance_str(bad, "dst-ip"),
-            get_channel_group_load_balance(bad, &out),
-            get_channel_group_load_balance_str(bad, name, sizeof(name)),
-            set_channel_group_port_list(bad, 0, 1, 1),
-            get_channel_group_port_list(bad, &out),
-            get_channel_group_port_count(bad, &out),
-            check_channel_group_port_count(bad),
-            set_channel_group_uplink_port_list(bad, 0, 1, 1),
-            get_channel_group_uplink_port_list(bad, &out),
-            get_channel_group_uplink_port_count(bad, &out),
-            set_channel_group_agg_no(bad, 1),
-            get_channel_group_agg_no(bad, &out),
-            set_channel_group_master_port(bad, 1),
-            reset_channel_group(bad),
-            set_manual_channel_group_type(bad),
-            set_dynamic_channel_group_type(bad),
-        };
-        EXPECT_EQ(std::vector<int>(std::begin(results), std::end(results)), std::vector<int>(std::size(results), -9));
+        for (const auto setter : {set_channel_group_type, set_channel_group_used, set_channel_group_load_balance,
+                                  set_channel_group_agg_no, set_channel_group_master_port})
+            EXPECT_EQ(setter(bad, 1), -9);
+        for (const auto getter : GETTERS)
+            EXPECT_EQ(getter(bad, &out), -9);
+        for (const auto setter : {set_channel_group_port_list, set_channel_group_uplink_port_list})
+            EXPECT_EQ(setter(bad, 0, 1, 1), -9);
+        for (const auto function : {check_channel_group_port_count, reset_channel_group,
+                                    set_manual_channel_group_type, set_dynamic_channel_group_type})
+            EXPECT_EQ(function(bad), -9);
+        EXPECT_EQ(set_channel_group_load_balance_str(bad, "dst-ip"), -9);
+        EXPECT_EQ(get_channel_group_load_balance_str(bad, name, sizeof(name)), -9);
         EXPECT_EQ(out, 42U);
         EXPECT_STREQ(name, "untouched");
     }
-}
-
-TEST_F(ChannelGroupTest, GettersNeedSomewhereToPutTheValue)
-{
-    for (const auto getter :
-         {get_channel_group_type, get_channel_group_used, get_channel_group_load_balance, get_channel_group_port_list,
-          get_channel_group_port_count, get_channel_group_uplink_port_list, get_channel_group_uplink_port_count,
-          get_channel_group_agg_no})
+    for (const auto getter : GETTERS)
         EXPECT_EQ(getter(1, nullptr), -9);
     EXPECT_EQ(get_channel_group_load_balance_str(1, nullptr, 20), -9);
     EXPECT_EQ(get_channel_group_port_link_status(0, 1, nullptr), -27);
@@ -178,15 +191,6 @@ TEST_F(ChannelGroupTest, ListsTakeFourPortsEach)
     }
 }
 
-TEST_F(ChannelGroupTest, RoomForAnotherMember)
-{
-    for (std::uint32_t number = 1; number <= 4; ++number) {
-        EXPECT_EQ(check_channel_group_port_count(1), 0);
-        set_channel_group_port_list(1, 0, number, 1);
-    }
-    EXPECT_EQ(check_channel_group_port_count(1), -9);
-}
-
 // ---- load balance ---------------------------------------------------------------------------------------------
 
 TEST_F(ChannelGroupTest, LoadBalanceNamesAndCodes)
@@ -226,6 +230,11 @@ TEST_F(ChannelGroupTest, TheSwitchHearsOfLoadBalanceOnlyForATrunk)
     EXPECT_EQ(printed([] { EXPECT_EQ(set_channel_group_load_balance(2, 1), 0); }),
               "set_channel_group_load_balance sclient_send_message() failed ret -1\r\n");
     EXPECT_EQ(group(2).code, 1U) << "the code stays";
+    fake::driver().unreachable = false;
+    sclient *const client = std::exchange(lacp_sclient, nullptr); // before there is a client nothing is sent
+    EXPECT_EQ(lacp_trunk_create(1, 9, 1, 1) + lacp_trunk_destory(1) + lacp_trunk_psc_set(1, 9), -3);
+    lacp_sclient = client;
+    EXPECT_EQ(fake::take_messages(), Messages{});
 }
 
 TEST_F(ChannelGroupTest, LinkStatusIsUpOnlyForTheWordUp)
@@ -246,104 +255,54 @@ TEST_F(ChannelGroupTest, LinkStatusIsUpOnlyForTheWordUp)
 
 TEST_F(ChannelGroupTest, TheTrunkFollowsTheMembersThatAreUp)
 {
-    set_channel_group_load_balance_str(1, "src-mac");
-    set_link(1, true);
-    set_link(2, true);
-    set_link(3, false);
-    EXPECT_EQ(set_channel_group_add_port(1, 0, 1), 0);
-    EXPECT_EQ(set_channel_group_add_port(1, 0, 2), 0);
-    EXPECT_EQ(set_channel_group_add_port(1, 0, 3), 0);
-    EXPECT_EQ(fake::take_messages(), (Messages{create(1, 9, 0x1), create(1, 9, 0x3)}))
-        << "a member that is down is none";
-    EXPECT_EQ(group(1).list, 0x7U);
-    EXPECT_EQ(group(1).uplink_list, 0x3U);
-    EXPECT_EQ(set_channel_group_del_port(1, 0, 1), 0);
-    EXPECT_EQ(set_channel_group_del_port(1, 0, 2), 0);
-    EXPECT_EQ(fake::take_messages(), (Messages{create(1, 9, 0x2), destroy(1)}));
-    EXPECT_EQ(group(1).list, 0x4U);
-    EXPECT_EQ(group(1).uplink_count, 0U);
-}
-
-TEST_F(ChannelGroupTest, TheExactRequest)
-{
     set_channel_group_load_balance_str(2, "src-dst-mac");
-    set_link(1, true);
-    set_link(3, true);
-    set_channel_group_add_port(2, 0, 1);
-    fake::take_messages();
-    set_channel_group_add_port(2, 0, 3);
-    EXPECT_EQ(fake::take_messages(), Messages{hex("0018 01 02 0000 000a  00000002 00000013 00000005 00000002")});
-    set_channel_group_del_port(2, 0, 1);
-    fake::take_messages();
-    set_channel_group_del_port(2, 0, 3);
-    EXPECT_EQ(fake::take_messages(), Messages{hex("000c 01 02 0000 000b  00000002")});
-}
-
-TEST_F(ChannelGroupTest, AFifthMemberIsRefused)
-{
-    for (std::uint32_t number = 1; number <= 4; ++number)
-        set_link(number, true), set_channel_group_add_port(1, 0, number);
+    for (const std::uint32_t number : {1U, 2U, 3U, 4U}) {
+        set_link(number, number != 2);
+        EXPECT_EQ(set_channel_group_add_port(2, 0, number), 0);
+    }
+    EXPECT_EQ(fake::take_messages(),
+              (Messages{create(2, 19, 0x1), hex("0018 01 02 0000 000a  00000002 00000013 00000005 00000002"),
+                        create(2, 19, 0xD)}))
+        << "a member that is down is none";
+    EXPECT_EQ(group(2).list, 0xFU);
+    EXPECT_EQ(group(2).uplink_list, 0xDU);
     set_link(5, true);
+    const Group before = group(2);
+    for (const int number : {2, 9})
+        expect_messages([number] { return set_channel_group_add_port(number, 0, 5); }, -9,
+                        "LACP Msg: The number of ports in channel-group " + std::to_string(number) +
+                            " has already reached the maximum!\n");
+    EXPECT_EQ(group(2), before);
+    for (const std::uint32_t number : {1U, 3U, 4U})
+        EXPECT_EQ(set_channel_group_del_port(2, 0, number), 0);
+    EXPECT_EQ(fake::take_messages(),
+              (Messages{create(2, 19, 0xC), create(2, 19, 0x8), hex("000c 01 02 0000 000b  00000002")}));
+    EXPECT_EQ(group(2).list, 0x2U);
+    EXPECT_EQ(group(2).uplink_count, 0U);
+}
+
+TEST_F(ChannelGroupTest, MembersThatAreThereOrNot)
+{
+    const std::string in_trunk = "LACP Msg: Set uplink port 4 to channel-group 3 failed which was already in it!\n";
+    const auto add = [](std::uint32_t port_no) { return [=] { return set_channel_group_add_port(3, 0, port_no); }; };
+    const auto remove = [](int number) { return [=] { return set_channel_group_del_port(number, 0, 5); }; };
+    set_link(2, true);
+    set_link(4, true);
+    set_link(5, false);
+    add(2)();
     fake::take_messages();
-    const Group before = group(1);
-    EXPECT_EQ(printed([] { EXPECT_EQ(set_channel_group_add_port(1, 0, 5), -9); }),
-              "LACP Msg: The number of ports in channel-group 1 has already reached the maximum!\n");
-    EXPECT_EQ(printed([] { EXPECT_EQ(set_channel_group_add_port(9, 0, 5), -9); }),
-              "LACP Msg: The number of ports in channel-group 9 has already reached the maximum!\n");
-    EXPECT_EQ(group(1), before);
+    expect_messages(add(2), -9, "LACP Msg: Set port 2 to channel-group 3 failed which was already in it!\n");
+    expect_messages(add(6), SR_ERR_NOT_FOUND, ""); // a link that cannot be read: a member all the same
+    expect_messages(remove(3), -9, "");
+    expect_messages(remove(0), -9, "");
     EXPECT_EQ(fake::take_messages(), Messages{});
-}
-
-TEST_F(ChannelGroupTest, AMemberIsAddedOnce)
-{
-    set_link(2, true);
-    set_channel_group_add_port(3, 0, 2);
-    fake::take_messages();
-    const Group before = group(3);
-    EXPECT_EQ(printed([] { EXPECT_EQ(set_channel_group_add_port(3, 0, 2), -9); }),
-              "LACP Msg: Set port 2 to channel-group 3 failed which was already in it!\n");
-    EXPECT_EQ(group(3), before);
-    EXPECT_EQ(fake::take_messages(), Messages{});
-}
-
-TEST_F(ChannelGroupTest, AnUnreadableLinkLeavesAMember)
-{
-    EXPECT_EQ(set_channel_group_add_port(1, 0, 6), SR_ERR_NOT_FOUND);
-    EXPECT_EQ(group(1).list, 0x20U);
-    EXPECT_EQ(group(1).uplink_count, 0U);
-}
-
-TEST_F(ChannelGroupTest, APortThatIsInTheTrunkWithoutBeingAMember)
-{
-    set_link(2, true);
-    set_channel_group_uplink_port_list(1, 0, 2, 1);
-    std::string errors;
-    EXPECT_EQ(printed([&] { errors = printed_as_error([] { EXPECT_EQ(set_channel_group_add_port(1, 0, 2), -9); }); }),
-              "LACP Msg: Set uplink port 2 to channel-group 1 failed which was already in it!\n");
-    EXPECT_EQ(errors, "LACP Msg: Set uplink port 2 to channel-group 1 failed which was already in it!\n");
-    EXPECT_EQ(group(1).list, 0x2U) << "it is a member now";
-}
-
-TEST_F(ChannelGroupTest, RemovingWhatIsNotThere)
-{
-    EXPECT_EQ(printed([] {
-                  EXPECT_EQ(printed_as_error([] {
-                                EXPECT_EQ(set_channel_group_del_port(1, 0, 3), -9);
-                                EXPECT_EQ(set_channel_group_del_port(0, 0, 3), -9);
-                            }),
-                            "");
-              }),
-              "")
-        << "silently";
-    set_link(2, true);
-    set_channel_group_add_port(1, 0, 2);
-    set_link(3, false);
-    set_channel_group_add_port(1, 0, 3);
-    fake::take_messages();
-    EXPECT_EQ(printed_as_error([] { EXPECT_EQ(set_channel_group_del_port(1, 0, 3), 0); }),
-              "LACP Msg: Del uplink port 3 from channel-group 1 failed which wasn't in it!\n");
-    EXPECT_EQ(group(1).list, 0x2U);
-    EXPECT_EQ(group(1).uplink_list, 0x2U);
+    EXPECT_EQ(group(3), (Group{0, 0, 9, 0, 2, 0x22, 1, 0x2}));
+    set_channel_group_uplink_port_list(3, 0, 4, 1);
+    expect_messages(add(4), -9, in_trunk, in_trunk); // in the trunk without being a member: it is one now
+    add(5)();
+    expect_messages(remove(3), 0, "",
+                    "LACP Msg: Del uplink port 5 from channel-group 3 failed which wasn't in it!\n");
+    EXPECT_EQ(group(3), (Group{0, 0, 9, 0, 3, 0x2A, 2, 0xA}));
 }
 
 TEST_F(ChannelGroupTest, ManualMembersFollowTheirLinks)
@@ -359,10 +318,12 @@ TEST_F(ChannelGroupTest, ManualMembersFollowTheirLinks)
     EXPECT_EQ(fake::take_messages(), Messages{});
     change_link(1, false);
     EXPECT_EQ(fake::take_messages(), Messages{destroy(1)});
-    EXPECT_EQ(printed_as_error([] { EXPECT_EQ(deal_manual_channel_updown_port(1, 0, 1, 0), 0); }),
-              "LACP Msg: Del uplink port 1 from channel-group 1 failed which wasn't in it!\n");
+    expect_messages([] { return deal_manual_channel_updown_port(1, 0, 1, 0); }, 0, "",
+                    "LACP Msg: Del uplink port 1 from channel-group 1 failed which wasn't in it!\n");
     EXPECT_EQ(group(1).list, 1U) << "a member without link stays a member";
     EXPECT_EQ(deal_manual_channel_updown_port(7, 0, 1, 1), -9);
+    EXPECT_EQ(deal_manual_channel_updown_port(1, 0, 2, 1), 0);
+    EXPECT_EQ(fake::take_messages(), Messages{}) << "a port that is no member stays out of the trunk";
 }
 
 TEST_F(ChannelGroupTest, AnyOtherEventSendsTheTrunkAsItIs)
@@ -381,26 +342,12 @@ TEST_F(ChannelGroupTest, AnUnreachableDriverIsReportedAndTheTableStays)
     constexpr char UNSENT[] = "deal_channel_group_updown_port sclient_send_message() failed ret -1\r\n";
     set_link(1, true);
     fake::driver().unreachable = true;
-    std::string errors;
-    EXPECT_EQ(printed([&] { errors = printed_as_error([] { EXPECT_EQ(set_channel_group_add_port(1, 0, 1), -1); }); }),
-              "LACP Msg: Set uplink port 1 to channel-group 1 failed which was already in it!\n");
-    EXPECT_EQ(errors, UNSENT);
+    expect_messages([] { return set_channel_group_add_port(1, 0, 1); }, -1,
+                    "LACP Msg: Set uplink port 1 to channel-group 1 failed which was already in it!\n", UNSENT);
     EXPECT_EQ(group(1).uplink_list, 1U);
-    EXPECT_EQ(printed([&] { errors = printed_as_error([] { EXPECT_EQ(set_channel_group_del_port(1, 0, 1), -1); }); }),
-              "LACP Msg: Del uplink port 1 from channel-group 1 failed which wasn't in it!\n");
-    EXPECT_EQ(errors, UNSENT);
+    expect_messages([] { return set_channel_group_del_port(1, 0, 1); }, -1,
+                    "LACP Msg: Del uplink port 1 from channel-group 1 failed which wasn't in it!\n", UNSENT);
     EXPECT_EQ(group(1).list, 0U);
-}
-
-TEST_F(ChannelGroupTest, WithoutAClientNothingIsSent)
-{
-    sclient *const client = lacp_sclient;
-    lacp_sclient = nullptr;
-    EXPECT_EQ(lacp_trunk_create(1, 9, 1, 1), -1);
-    EXPECT_EQ(lacp_trunk_destory(1), -1);
-    EXPECT_EQ(lacp_trunk_psc_set(1, 9), -1);
-    lacp_sclient = client;
-    EXPECT_EQ(fake::take_messages(), Messages{});
 }
 
 // ---- resynchronization ----------------------------------------------------------------------------------------
@@ -462,40 +409,20 @@ TEST_F(ChannelGroupTest, ResynchronizationGivesUpWhenTheConnectionIsLostAgain)
 
 TEST_F(ChannelGroupTest, DynamicLinkEventsGoToTheProtocol)
 {
-    EXPECT_EQ(printed([] { EXPECT_EQ(deal_dynamic_channel_updown_port(9, 9, 3, 1), 0); }),
-              "\r\n lacpPortLinkStatusEvent  port 3 up wait task semaphore\r\n");
-    EXPECT_EQ(printed([] { EXPECT_EQ(deal_dynamic_channel_updown_port(9, 9, 3, 0), 0); }),
-              "\r\n lacpPortLinkStatusEvent  port 3 down wait task semaphore\r\n");
-    EXPECT_EQ(printed([] { EXPECT_EQ(deal_dynamic_channel_updown_port(9, 9, 3, 2), 0); }), "");
-    EXPECT_EQ(printed([] { EXPECT_EQ(deal_dynamic_channel_updown_port(9, 9, 9, 1), -27); }), "");
+    const auto event = [](std::uint32_t port_no, std::uint32_t up) {
+        return [=] { return deal_dynamic_channel_updown_port(9, 9, port_no, up); };
+    };
+    expect_messages(event(3, 1), 0, "\r\n lacpPortLinkStatusEvent  port 3 up wait task semaphore\r\n");
+    expect_messages(event(3, 0), 0, "\r\n lacpPortLinkStatusEvent  port 3 down wait task semaphore\r\n");
+    expect_messages(event(3, 2), 0, "");
+    expect_messages(event(9, 1), -27, "");
     LacQueueMsg message{};
-    ASSERT_TRUE(Lac_Queue.tryPop(message));
-    EXPECT_EQ(message.code, 5U);
-    EXPECT_EQ(message.port, 3U);
-    ASSERT_TRUE(Lac_Queue.tryPop(message));
-    EXPECT_EQ(message.code, 6U);
-    EXPECT_FALSE(Lac_Queue.tryPop(message));
-}
-
-TEST_F(ChannelGroupTest, LacpIsStartedOnce)
-{
-    lacpCtrl.once_cfg_done = 1;
-    start_lacp_once_cfg();
-    EXPECT_EQ(lacDrvCtrl->tx_slots, nullptr);
-    EXPECT_EQ(Lac_Queue.count(), 0);
-}
-
-TEST_F(ChannelGroupTest, PreparingTheProtocol)
-{
-    EXPECT_EQ(lacpCtrl.started, 1U);
-    EXPECT_EQ(lacpCtrl.once_cfg_done, 0U);
-    EXPECT_EQ(lacpCtrl.port_count, 8U);
-    EXPECT_EQ(lacpCtrl.system_priority, 32768);
-    for (const LacPortCfg &cfg : lacPortCfg) {
-        EXPECT_EQ(cfg.key, 100);
-        EXPECT_EQ(cfg.port_priority, 32768);
-        EXPECT_EQ(cfg.timeout + cfg.passive + cfg.reserved, 0U);
+    for (const std::uint64_t code : {5U, 6U}) {
+        ASSERT_TRUE(Lac_Queue.tryPop(message));
+        EXPECT_EQ(message.code, code);
+        EXPECT_EQ(message.port, 3U);
     }
+    EXPECT_FALSE(Lac_Queue.tryPop(message));
 }
 
 } // namespace
