@@ -95,20 +95,28 @@ static int erase_member(LacPort *port, std::uint32_t group)
     if (result != 0)
         printf("LINE %d FUNC %s del interface from lacp-group database failed! ret=%d\n", DETACH_FAILURE_LINE,
                DETACH_NAME, result);
-    if (result == 0 || result == SR_ERR_NOT_FOUND)
+    if (port->member_written == group && (result == 0 || result == SR_ERR_NOT_FOUND))
         port->member_written = 0;
     port->member_owed = port->member_written != 0;
     return result;
 }
 
-// One more attempt at a refused write.
-static void settle_member(LacPort *port)
+// A port that cannot be taken out of another group's list is not written: it would be in two trunks.
+static void move_member(LacPort *port)
 {
     if (port->member_written != 0 && port->member_written != port->member_wanted)
         erase_member(port, port->member_written);
-    const bool elsewhere = port->member_written != 0 && port->member_written != port->member_wanted;
-    if (port->member_wanted != 0 && !elsewhere)
+    if (port->member_written == 0 || port->member_written == port->member_wanted)
         write_member(port);
+}
+
+// One more attempt at a refused write.
+static void settle_member(LacPort *port)
+{
+    if (port->member_wanted != 0)
+        move_member(port);
+    else if (port->member_written != 0)
+        erase_member(port, port->member_written);
 }
 
 void lacSettleMembers()
@@ -132,7 +140,7 @@ void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no)
                   port_no, agg_no);
         if (port->individual == 0) {
             port->member_wanted = port->channel_group_id;
-            write_member(port);
+            move_member(port);
         }
     }
     port->attached_group = port->channel_group_id;
@@ -276,6 +284,16 @@ bool evaluate_attached(const MuxRun &run)
     return false;
 }
 
+// A port that was EXPIRED when it was attached is no member yet. Its partner has been heard again since.
+void add_late_member(LacPort *port)
+{
+    if (port->member_wanted != 0 || port->channel_group_id == 0 || port->rxm != LAC_RX_CURRENT ||
+        port->individual == 1)
+        return;
+    port->member_wanted = port->channel_group_id;
+    move_member(port);
+}
+
 void enter_collecting_distributing(const MuxRun &run)
 {
     LacPort *port = run.port;
@@ -292,8 +310,10 @@ bool evaluate_collecting_distributing(const MuxRun &run)
     LacPort *port = run.port;
     lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d selected %d synchronization %d]\r\n", run.port_no,
               port->muxm.get(), port->selected.get(), is_synchronized(port));
-    if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && may_collect(port))
+    if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && may_collect(port)) {
+        add_late_member(port);
         return false;
+    }
     port->muxm = LAC_MUX_ENTER_ATTACHED;
     return true;
 }

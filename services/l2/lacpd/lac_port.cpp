@@ -192,6 +192,7 @@ int lac_set(std::uint32_t on_or_off)
     if (on_or_off == LAC_SET_ON) {
         lacSystemStateSet(1);
         for (LacPort *port : lac_ports()) {
+            Detach_Mux_From_Aggregator(port->port_no, port->port_no); // switching off has left it attached
             lacInitPort(port);
             lacInitPortMask(port);
         }
