@@ -169,6 +169,8 @@ static int change_members(MemberChange change, int group, const std::string &mem
 {
     Datastore &db = datastore();
     std::unique_lock guard(db.lock);
+    if (change == MemberChange::created && db.members[group].count(member) != 0)
+        return 0; // a value that is there is no change
     const auto handler = db.member_changed;
     guard.unlock();
     const int refused = handler ? handler(change, group, member) : 0;

@@ -20,11 +20,19 @@ System &system()
     return *records;
 }
 
-// A described thread stays where it is as long as the process lives.
+// A described thread stays where it is as long as the process lives, one of each name.
 static std::deque<SystemThread> &threads()
 {
     static auto *const records = new std::deque<SystemThread>;
     return *records;
+}
+
+static SystemThread &thread_called(const std::string &name)
+{
+    for (SystemThread &thread : threads())
+        if (thread.name == name)
+            return thread;
+    return threads().emplace_back(SystemThread{name, nullptr, nullptr});
 }
 
 void reset_system()
@@ -58,7 +66,12 @@ SystemThread *system_pthread_create(const char *, const char *name, SystemThread
 {
     fake::System &system = fake::system();
     system.described.emplace_back(name);
-    return system.can_describe_threads ? &fake::threads().emplace_back(SystemThread{name, body, argument}) : nullptr;
+    if (!system.can_describe_threads)
+        return nullptr;
+    SystemThread &thread = fake::thread_called(name);
+    thread.body = body;
+    thread.argument = argument;
+    return &thread;
 }
 
 int system_pthread_run(SystemThread *thread, int, void *argument)

@@ -1,0 +1,16 @@
+// The whole engine: sequences of frames, ticks, links, configuration changes and failures.
+#include "random_steps.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    std::string broken;
+    {
+        const fuzz::Quiet quiet;
+        fuzz::Input input(data, size);
+        broken = RandomSteps(input).run();
+        fake::reset_datastore(); // what is kept would look like a leak
+        fake::reset_system();
+    }
+    fuzz::require(broken.empty(), broken.c_str());
+    return 0;
+}
