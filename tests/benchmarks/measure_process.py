@@ -9,6 +9,7 @@ the moment of a trunk request when the line that the switch prints for it can be
 
 import argparse
 import ctypes
+import math
 import os
 import random
 import re
@@ -32,9 +33,11 @@ PORTS = range(1, 9)
 GROUP_PORTS = 4
 DISTRIBUTING = 0x20
 PATIENCE = 10.0
-# Ticks from a link to distribution: a first LACPDU on the second tick, selection two ticks after it is heard, and
-# what is left of wait_while, which has run since the link came up. Part of a tick more for the phase of two clocks.
-FEWEST_TICKS = 2 + 2 + 1
+# Ticks from a link to distribution in a group that is formed: the periodic machine starts on the first tick, the
+# LACPDUs of both sides go on the second, the group's next selection is on the third, wait_while counts twice and
+# expires on the fifth, on which the port attaches, distributes and says so.
+FEWEST_TICKS = 5
+URGENT = -15  # other programs have little say
 
 Row = namedtuple("Row", "figure aim result met")  # met: True, False, or None without an aim
 
@@ -262,11 +265,12 @@ def measure_forming(programs, table, count):
             left.await_trunk(1, {2, 3, 4}, Ticks.LINK)
             moment = link.set(up=True)
             with Capture(right.namespace, right.port_interface(1)) as capture:
-                ticks.append((first_distributing(capture, left) - moment) / TICK)
+                # The last moment is at a tick, so what the first one lacks counts as a whole tick.
+                ticks.append(math.ceil((first_distributing(capture, left) - moment) / TICK))
             left.await_trunk(1, {1, 2, 3, 4}, Ticks.FORM)
         link.close()
-    table.add("link up to distributing, as the LACPDU says", f"median {statistics.median(ticks):.1f} ticks, lowest "
-              f"{min(ticks):.1f}, highest {max(ticks):.1f}, n={len(ticks)}; arithmetic minimum {FEWEST_TICKS}")
+    table.add("link up to distributing, as the LACPDU says", f"median {statistics.median(ticks):.0f} ticks, lowest "
+              f"{min(ticks)}, highest {max(ticks)}, n={len(ticks)}; arithmetic minimum {FEWEST_TICKS}")
 
 
 def first_distributing(capture, sender):
@@ -314,6 +318,7 @@ def add_options(parser):
 
 
 def measure(options, table):
+    os.setpriority(os.PRIO_PROCESS, 0, URGENT)
     programs = Programs(options.build)
     measure_commands(programs, table, options.cuts // 2)
     for mode in ("on", "active"):
