@@ -2,9 +2,10 @@
 
 import re
 import subprocess
+import time
 from collections import namedtuple
 
-from lab import Ticks, eventually
+from lab import eventually
 
 # A row of the state machines, as the shell shows them.
 Machines = namedtuple("Machines", "receive periodic selection mux lacp aggregator forwards")
@@ -63,9 +64,9 @@ def neighbours(system, group):
 def await_groups(systems, trunks, within):
     """Waits until the switch of every system has exactly these trunks, and the datastore the same members."""
     for system in systems:
+        for group, ports in trunks.items():  # first: the switch keeps trunks of a daemon that is away
+            system.await_members(group, ports, within)
         eventually(f"{system.name}: trunks are {trunks}", system.trunks, lambda seen: seen == trunks, within)
-        for group, ports in trunks.items():
-            system.await_members(group, ports, Ticks.LINK)
 
 
 def dotted(mac):
@@ -80,3 +81,29 @@ def ping(source, address, count=20, sender=None, options=()):
     result = subprocess.run([*source.host.enter(), "ping", "-q", "-c", str(count), "-i", "0.02", "-W", "2", *words,
                              *options, address], capture_output=True, text=True, check=False)
     return int(re.search(r"(\d+) received", result.stdout)[1])
+
+
+def sent(system, members):
+    """Frames of users that left, by member."""
+    return {port: system.traffic(port)["tx"]["frames"] for port in members}
+
+
+def grown(system, members, action):
+    """The member whose count of sent frames grows most by an action."""
+    before = sent(system, members)
+    action()
+    after = sent(system, members)
+    return max(members, key=lambda port: after[port] - before[port])
+
+
+def member_in_use(system, members):
+    """The member over which a running flow leaves."""
+    return grown(system, members, lambda: time.sleep(0.2))
+
+
+def address_on(source, target, port, members):
+    """An address of the source whose flow to the target leaves over this member."""
+    for address in source.host_addresses:
+        if grown(source, members, lambda sender=address: ping(source, target.host_address, 8, sender)) == port:
+            return address
+    raise AssertionError(f"{source.name}: no address leaves over port {port}")

@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from helpers import join, leave, ping, quietly
+from helpers import address_on, join, leave, member_in_use, ping, quietly, sent
 from lab import Flow, Ticks, eventually, transfer
 
 MEMBERS = (1, 2)
@@ -47,32 +47,6 @@ def say(capsys):
     return tell
 
 
-def sent(system):
-    """Frames of users that left, by member."""
-    return {port: system.traffic(port)["tx"]["frames"] for port in MEMBERS}
-
-
-def grown(system, action):
-    """The member whose count of sent frames grows most by an action."""
-    before = sent(system)
-    action()
-    after = sent(system)
-    return max(MEMBERS, key=lambda port: after[port] - before[port])
-
-
-def member_in_use(system):
-    """The member over which a running flow leaves."""
-    return grown(system, lambda: time.sleep(0.2))
-
-
-def address_on(source, target, port):
-    """An address of the source whose flow to the target leaves over this member."""
-    for address in source.host_addresses:
-        if grown(source, lambda sender=address: ping(source, target.host_address, count=8, sender=sender)) == port:
-            return address
-    raise AssertionError(f"{source.name}: no address leaves over port {port}")
-
-
 def describe(report):
     return (f"{report.lost} of {report.sent} packets lost, {report.reordered} reordered, longest silence "
             f"{report.outage * 1000:.0f} ms, at {report.rate:.0f} packets/s")
@@ -108,16 +82,16 @@ def observed(pair, addresses, say, what, outage):
 def cut_and_restore(pair, port, say, kind, cut_outage, restore_outage):
     """The member that carries the flows loses its link and gets it back."""
     left, right = pair
-    addresses = address_on(left, right, port), address_on(right, left, port)
+    addresses = address_on(left, right, port, MEMBERS), address_on(right, left, port, MEMBERS)
     with observed(pair, addresses, say, f"{kind}: link {port} cut", cut_outage):
-        assert [member_in_use(system) for system in pair] == [port, port]
+        assert [member_in_use(system, MEMBERS) for system in pair] == [port, port]
         right.set_link(port, up=False)
         await_trunks(pair, set(MEMBERS) - {port}, Ticks.LINK + cut_outage)
-        assert all(member_in_use(system) != port for system in pair)
+        assert all(member_in_use(system, MEMBERS) != port for system in pair)
     with observed(pair, addresses, say, f"{kind}: link {port} restored", restore_outage):
         right.set_link(port, up=True)
         await_trunks(pair, set(MEMBERS), Ticks.FORM)
-        assert [member_in_use(system) for system in pair] == [port, port]
+        assert [member_in_use(system, MEMBERS) for system in pair] == [port, port]
 
 
 # ---- manual group
@@ -147,10 +121,10 @@ def test_the_criterion_decides_which_members_carry(pair):
         eventually(f"trunk 1 spreads by {criterion}", lambda: left.trunk(1)["criterion"],
                    lambda seen, wanted=criterion: seen == wanted, Ticks.LINK)
         ping(left, right.host_address, count=1)  # the neighbour's address is known from here on
-        before = sent(left)
+        before = sent(left, MEMBERS)
         for address in left.host_addresses:
             assert ping(left, right.host_address, count=5, sender=address) == 5
-        used[criterion] = {port for port, count in sent(left).items() if count - before[port] >= 5}
+        used[criterion] = {port for port, count in sent(left, MEMBERS).items() if count - before[port] >= 5}
     assert used["src-ip"] == set(MEMBERS)
     assert len(used["src-mac"]) == 1, "all have the same MAC address"
 
