@@ -172,6 +172,8 @@ void check_aggregator(const LacPort *port)
     hold(aggregator != nullptr && lacNoToPort(aggregator->port_no) == aggregator, "an aggregator is a port", port);
     hold(port->next_lag_port == port, "a chain holds its port only", port);
     hold(aggregator->aggregator == aggregator, "an aggregator is its own", port);
+    hold((port->lacp_enabled == 1 && port->port_enabled == 1) || aggregator == port,
+         "a port that does not run is its own aggregator", port);
     if (!is_aggregated(port))
         return;
     const std::uint32_t group = port->channel_group_id;

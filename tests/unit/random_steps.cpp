@@ -272,7 +272,8 @@ void RandomSteps::flip_link()
 
 void RandomSteps::pass_time()
 {
-    static constexpr std::uint32_t COUNTS[] = {1, 1, 1, 2, 3, 5, 10, 31, 92};
+    static constexpr std::uint32_t COUNTS[] = {1, 1, 1, 2, 3, 5, 10, 31, 92, 1, 1, 1,
+                                               1, 1, 2, 2, 2, 2, 3,  3,  3,  4, 4, 5};
     const std::uint32_t count = std::min(input_.pick(COUNTS), ticks_left_);
     ticks_left_ -= count;
     std::uint32_t failures = 0;
@@ -337,10 +338,17 @@ void RandomSteps::hear(Bytes frame)
     lacp_pkt_take(frame.data(), static_cast<int>(length), lacp_bpdu_recv);
 }
 
+// Flags below a limit, and most often none.
+std::uint32_t RandomSteps::variant(std::uint32_t limit)
+{
+    const std::uint32_t choice = input_.byte();
+    return choice < limit ? choice : 0;
+}
+
 // One of a few partners, most often the one of last time.
 LacInfo RandomSteps::partner_of(std::uint32_t port_no)
 {
-    const std::uint32_t choice = input_.byte();
+    const std::uint32_t choice = variant(64);
     LacInfo actor = peer(static_cast<std::uint16_t>((choice & 1) == 0 ? port_no : any_port()));
     actor.state |= LAC_COLLECTING | LAC_DISTRIBUTING;
     if ((choice & 2) != 0)
@@ -360,7 +368,7 @@ void RandomSteps::hear_partner()
 {
     const std::uint32_t port_no = any_port();
     const LacInfo actor = partner_of(port_no);
-    const std::uint32_t choice = input_.byte();
+    const std::uint32_t choice = variant(32);
     LacInfo view = lac_actor_info(&port(port_no));
     if ((choice & 1) != 0)
         view.state = input_.byte();

@@ -32,6 +32,7 @@ class RandomSteps : private EngineTest
     static void set_member(bool member, int group, std::uint32_t port_no);
     static void set_group_leaf(std::uint32_t port_no, std::uint8_t group);
     static void hear(Bytes frame);
+    std::uint32_t variant(std::uint32_t limit);
     LacInfo partner_of(std::uint32_t port_no);
 
     void hear_partner();
@@ -54,7 +55,7 @@ class RandomSteps : private EngineTest
     fuzz::Input &input_;
     Surroundings seen_;
     SentFrame last_sent_;
-    std::uint32_t ticks_left_ = 300; // of one input, so that all are quick
+    std::uint32_t ticks_left_ = 600; // of one input, so that all are quick
     bool held_ = false;              // messages wait
     bool started_ = false;
 };
