@@ -10,6 +10,8 @@
 
 #include "shell/shell.h"
 
+#include <tuple>
+
 namespace
 {
 
@@ -106,36 +108,25 @@ TEST(CommandRecords, SyntaxAndHelp)
 
 // ---- displays -------------------------------------------------------------------------------------------------
 
-TEST_F(Commands, DetailTakesTheTypedGroupOrAll)
+TEST_F(Commands, Displays)
 {
+    arrange_four_ports();
     set_channel_group_used(3, 1);
-    for (const std::uint32_t group : {1, 2, 3, 4}) {
-        EXPECT_EQ(typed("show channel-group " + std::to_string(group) + " detail"),
+    for (const std::uint32_t group : {0, 1, 2, 3, 4}) {
+        const std::string number = group == 0 ? "" : std::to_string(group) + " ";
+        EXPECT_EQ(typed("show channel-group " + number + "detail"),
                   terminal.shown([group](vty *vty) { show_channel_groups_information(vty, group); }));
+        EXPECT_EQ(typed("show channel-group " + number + "ports"),
+                  terminal.shown([](vty *vty) { show_lacp_ports_infomation(vty, 0); }));
+        if (group != 0) {
+            EXPECT_EQ(typed("show channel-group " + number + "port"),
+                      terminal.shown([group](vty *vty) { lacShowNeighbor(vty, static_cast<int>(group)); }));
+        }
     }
-    EXPECT_EQ(typed("show channel-group detail"),
-              terminal.shown([](vty *vty) { show_channel_groups_information(vty, 0); }));
     EXPECT_NE(typed("show channel-group 3 detail"), typed("show channel-group 4 detail"));
-}
-
-TEST_F(Commands, PortsListsEveryPortWhateverTheGroup)
-{
-    arrange_four_ports();
-    const std::string all = terminal.shown([](vty *vty) { show_lacp_ports_infomation(vty, 0); });
-    EXPECT_EQ(typed("show channel-group ports"), all);
-    EXPECT_EQ(typed("show channel-group 3 ports"), all);
-}
-
-TEST_F(Commands, ProtocolDisplays)
-{
-    arrange_four_ports();
     EXPECT_EQ(typed("show channel-group interface all"),
               terminal.shown([](vty *vty) { lacShowLinkAggregation(vty, 0xFFFF); }));
     EXPECT_EQ(typed("show channel-group information"), terminal.shown(lacShowAll));
-    for (const int group : {1, 2, 3, 4}) {
-        EXPECT_EQ(typed("show channel-group " + std::to_string(group) + " port"),
-                  terminal.shown([group](vty *vty) { lacShowNeighbor(vty, group); }));
-    }
 }
 
 TEST_F(Commands, WhileLacpIsOffTwoDisplaysRefuse)
@@ -196,18 +187,6 @@ TEST_F(Commands, KeywordsOfTheTraceWord)
     }
 }
 
-TEST_F(Commands, OneTraceAfterTheOther)
-{
-    debug("debug lacp off");
-    debug("debug lacp pdu");
-    debug("debug lacp rx");
-    EXPECT_EQ(lacDbgGet(), 0x17U);
-    debug("debug lacp all");
-    EXPECT_EQ(lacDbgGet(), 0x3fff8U);
-    debug("debug lacp off");
-    EXPECT_EQ(lacDbgGet(), 0U);
-}
-
 TEST_F(Commands, AnotherKeywordLeavesTheWord)
 {
     lacDebug = 0x17;
@@ -228,23 +207,27 @@ TEST_F(Commands, AnotherKeywordLeavesTheWord)
 
 TEST_F(Commands, PacketDumpsByDirection)
 {
-    using Said = std::pair<std::string, std::string>;
-    EXPECT_EQ(debug("no debug lacp packet all"), Said("LACP packet debug rx disable tx disable\n", ""));
-    EXPECT_EQ(debug("debug lacp packet tx"), Said("LACP packet debug rx disable tx enable\n", ""));
-    EXPECT_EQ(debug("debug lacp packet rx"), Said("LACP packet debug rx enable tx enable\n", ""));
-    EXPECT_EQ(debug("no debug lacp packet tx"), Said("LACP packet debug rx enable tx disable\n", ""));
-    EXPECT_EQ(lacp_get_pkt_debug(LACP_PKT_RX), 1U);
-    EXPECT_EQ(lacp_get_pkt_debug(LACP_PKT_TX), 0U);
-    EXPECT_EQ(debug("no debug lacp packet rx"), Said("LACP packet debug rx disable tx disable\n", ""));
-    EXPECT_EQ(debug("debug lacp packet all"), Said("LACP packet debug rx enable tx enable\n", ""));
-    EXPECT_EQ(debug("no debug lacp packet all"), Said("LACP packet debug rx disable tx disable\n", ""));
+    const std::tuple<const char *, const char *, const char *> table[] = {
+        {"no debug lacp packet all", "disable", "disable"}, {"debug lacp packet tx", "disable", "enable"},
+        {"debug lacp packet rx", "enable", "enable"},       {"no debug lacp packet tx", "enable", "disable"},
+        {"no debug lacp packet rx", "disable", "disable"},  {"debug lacp packet all", "enable", "enable"},
+        {"no debug lacp packet all", "disable", "disable"},
+    };
+    for (const auto &[line, rx, tx] : table) {
+        EXPECT_EQ(debug(line),
+                  std::pair(std::string("LACP packet debug rx ") + rx + " tx " + tx + "\n", std::string()));
+        EXPECT_EQ(lacp_get_pkt_debug(LACP_PKT_RX), rx[0] == 'e' ? 1U : 0U);
+        EXPECT_EQ(lacp_get_pkt_debug(LACP_PKT_TX), tx[0] == 'e' ? 1U : 0U);
+    }
     EXPECT_EQ(lacDbgGet(), 0U);
 }
 
 // ---- inspection -----------------------------------------------------------------------------------------------
 
-TEST_F(Commands, DatabaseOfGroups)
+TEST_F(Commands, Database)
 {
+    Sections sections;
+    sections.add("nothing", typed("show lacp database"));
     fake::Inspected &inspected = fake::inspected();
     inspected.load_balance = {{1, "src-dst-mac"}, {4, "src-ip"}};
     fake::datastore().lacp_type = {{1, "dynamic"}, {2, "manual"}};
@@ -252,12 +235,8 @@ TEST_F(Commands, DatabaseOfGroups)
     inspected.member_ports = {{1, {"gigabitethernet 0/2"}}, {2, {"gigabitethernet 0/4", "gigabitethernet 0/3"}}};
     inspected.system_priority = "65535";
     inspected.xml = "<channel-group/>\n";
-    expect_recorded(typed("show lacp database"), "database-groups");
-}
-
-TEST_F(Commands, DatabaseOfNothing)
-{
-    expect_recorded(typed("show lacp database"), "database-empty");
+    sections.add("groups", typed("show lacp database"));
+    expect_recorded_visible(sections.text, "database");
 }
 
 TEST_F(Commands, DatabaseOfAPort)

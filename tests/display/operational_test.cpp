@@ -6,28 +6,10 @@
 namespace
 {
 
-struct LeafText {
-    const char *leaf;
-    const char *actor;
-    const char *partner;
-};
-
 class OperationalTexts : public EngineTest
 {
   protected:
     OperationalTexts() : EngineTest(1, 8) { arrange_eight_ports(); }
-
-    static void expect(std::uint32_t port_no, const std::vector<LeafText> &table)
-    {
-        for (const LeafText &row : table) {
-            SCOPED_TRACE(row.leaf);
-            EXPECT_EQ(lacp_information_text(&port(port_no), "actor", row.leaf), row.actor);
-            EXPECT_EQ(lacp_information_text(&port(port_no), "partner", row.leaf), row.partner);
-            EXPECT_EQ(lacp_information_text(&port(port_no), "neighbou", row.leaf), row.partner)
-                << "any other role is the partner";
-            EXPECT_EQ(lacp_information_text(&port(port_no), "", row.leaf), row.partner);
-        }
-    }
 
     static std::string asked(const char *xpath, lyd_node *&tree)
     {
@@ -45,58 +27,41 @@ class OperationalTexts : public EngineTest
     }
 };
 
-TEST_F(OperationalTexts, APortInStep)
+// Actor and partner of a port in step, of one that has lost its partner, and the largest values.
+TEST_F(OperationalTexts, EveryLeaf)
 {
-    expect(1, {{"system-priority", "32768", "4096"},
-               {"system-id", "0211.22aa.bbcc", "0233.4455.6677"},
-               {"oper-key", "100", "7"},
-               {"priority", "32768", "128"},
-               {"id", "1", "21"},
-               {"port-state", "63", "61"},
-               {"mode", "active", "active"},
-               {"timeout", "short", "long"},
-               {"synchronization", "true", "true"},
-               {"col-dis", "true", "true"}});
-}
-
-TEST_F(OperationalTexts, APortThatHasLostItsPartner)
-{
-    expect(3, {{"system-priority", "100", "0"},
-               {"system-id", "0211.22aa.bbcc", "000a.0b0c.0def"},
-               {"oper-key", "9", "12"},
-               {"priority", "0", "1"},
-               {"id", "3", "1"},
-               {"port-state", "196", "2"},
-               {"mode", "passive", "passive"},
-               {"timeout", "long", "short"},
-               {"synchronization", "false", "false"},
-               {"col-dis", "false", "false"}});
-}
-
-TEST_F(OperationalTexts, TheLargestValues)
-{
-    expect(8, {{"system-priority", "65535", "65535"},
-               {"system-id", "ffff.ffff.ffff", "fedc.ba98.7654"},
-               {"oper-key", "65535", "54321"},
-               {"priority", "65535", "43210"},
-               {"id", "65535", "32109"},
-               {"port-state", "255", "254"},
-               {"mode", "active", "passive"},
-               {"timeout", "short", "short"},
-               {"synchronization", "true", "true"},
-               {"col-dis", "false", "false"}});
-}
-
-TEST_F(OperationalTexts, OtherNamesHaveNoText)
-{
+    constexpr std::uint32_t PORTS[] = {1, 3, 8};
+    struct Row {
+        const char *leaf;
+        const char *texts[3][2];
+    };
+    const Row rows[] = {
+        {"system-priority", {{"32768", "4096"}, {"100", "0"}, {"65535", "65535"}}},
+        {"system-id",
+         {{"0211.22aa.bbcc", "0233.4455.6677"},
+          {"0211.22aa.bbcc", "000a.0b0c.0def"},
+          {"ffff.ffff.ffff", "fedc.ba98.7654"}}},
+        {"oper-key", {{"100", "7"}, {"9", "12"}, {"65535", "54321"}}},
+        {"priority", {{"32768", "128"}, {"0", "1"}, {"65535", "43210"}}},
+        {"id", {{"1", "21"}, {"3", "1"}, {"65535", "32109"}}},
+        {"port-state", {{"63", "61"}, {"196", "2"}, {"255", "254"}}},
+        {"mode", {{"active", "active"}, {"passive", "passive"}, {"active", "passive"}}},
+        {"timeout", {{"short", "long"}, {"long", "short"}, {"short", "short"}}},
+        {"synchronization", {{"true", "true"}, {"false", "false"}, {"true", "true"}}},
+        {"col-dis", {{"true", "true"}, {"false", "false"}, {"false", "false"}}},
+    };
+    for (const Row &row : rows) {
+        for (std::size_t i = 0; i < 3; ++i) {
+            const LacPort *record = &port(PORTS[i]);
+            EXPECT_EQ(lacp_information_text(record, "actor", row.leaf), row.texts[i][0]) << row.leaf;
+            for (const char *role : {"partner", "neighbou", ""}) // any other role is the partner
+                EXPECT_EQ(lacp_information_text(record, role, row.leaf), row.texts[i][1]) << row.leaf;
+        }
+    }
     for (const char *leaf : {"", "key", "role", "system_id", "SYSTEM-ID", "timeout ", "port"})
         EXPECT_EQ(lacp_information_text(&port(1), "actor", leaf), std::nullopt) << leaf;
-}
-
-TEST_F(OperationalTexts, PortsAreFoundByNumberAlone)
-{
-    EXPECT_EQ(get_lacp_port_t(0, 3), lacNoToPort(3));
-    EXPECT_EQ(get_lacp_port_t(7, 3), lacNoToPort(3)) << "the slot is not looked at";
+    for (const std::uint32_t slot : {0U, 7U}) // not looked at
+        EXPECT_EQ(get_lacp_port_t(slot, 3), lacNoToPort(3));
     EXPECT_EQ(get_lacp_port_t(0, 0), nullptr);
     EXPECT_EQ(get_lacp_port_t(0, 9), nullptr);
 }

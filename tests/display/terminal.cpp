@@ -35,9 +35,7 @@ void expect_recorded_visible(const std::string &text, const std::string &name)
     recorded << file.rdbuf();
     if (file && recorded.str() == text)
         return;
-    std::string flat = name;
-    std::replace(flat.begin(), flat.end(), '/', '-');
-    std::ofstream(flat + ".actual", std::ios::binary) << text;
+    std::ofstream(name + ".actual", std::ios::binary) << text;
     EXPECT_EQ(text, recorded.str()) << "differs from " << path;
     EXPECT_TRUE(file) << "no " << path;
 }

@@ -15,6 +15,17 @@ void expect_recorded(const std::string &text, const std::string &name);
 // The same for a text that is in visible form already.
 void expect_recorded_visible(const std::string &text, const std::string &name);
 
+// Several texts in one record, each below a heading.
+struct Sections {
+    std::string text;
+
+    void add(const std::string &heading, const std::string &shown) { add_visible(heading, visible(shown)); }
+    void add_visible(const std::string &heading, const std::string &shown)
+    {
+        text += "==== " + heading + "\n" + shown;
+    }
+};
+
 class Terminal
 {
   public:
