@@ -1,5 +1,6 @@
 """Faults around a running daemon: it survives each, loses nothing that is configured and needs no restart."""
 
+import functools
 import signal
 import time
 
@@ -13,7 +14,7 @@ LOST = {2: {3}}
 
 
 @pytest.fixture(scope="module")
-def formed(pair):
+def started(pair):
     form(pair)
     daemons = [system.daemon.pid for system in pair]
     yield pair
@@ -21,25 +22,38 @@ def formed(pair):
     assert [system.daemon.status for system in pair] == [None, None], "no restart"
 
 
+@pytest.fixture
+def formed(started):
+    """Whatever the test before has left behind."""
+    for system in started:
+        for port in (1, 2, 3):
+            system.set_link(port, up=True)
+    seconds_until_formed(started)
+    return started
+
+
 # ---- the CPU interface
 
+def lose_cpu_interface(pair, lose, bring_back):
+    daemon = pair[0].daemon
+    used = processor_seconds(daemon)
+    lose()
+    seconds_until_formed(pair, Ticks.LOST_SHORT, LOST)
+    assert processor_seconds(daemon) - used < 1.0, "no thread spins while the interface is away"
+    bring_back()
+    report("ethv0 lost", seconds_until_formed(pair))
+
+
+@slow
 def test_the_cpu_interface_goes_down_and_up(formed):
     left, _ = formed
-    used = processor_seconds(left.daemon)
-    left.namespace.ip("link", "set", "ethv0", "down")
-    seconds_until_formed(formed, Ticks.LOST_SHORT, LOST)
-    spent = processor_seconds(left.daemon) - used
-    left.namespace.ip("link", "set", "ethv0", "up")
-    report("ethv0 down and up", seconds_until_formed(formed))
-    assert spent < 1.0, "no thread spins while the interface is away"
+    lose_cpu_interface(formed, *(functools.partial(left.namespace.ip, "link", "set", "ethv0", state)
+                                 for state in ("down", "up")))
 
 
 def test_the_cpu_interface_is_made_again(formed):
     left, _ = formed
-    left.remove_cpu_interface()
-    seconds_until_formed(formed, Ticks.LOST_SHORT, LOST)
-    left.add_cpu_interface()
-    report("ethv0 made again", seconds_until_formed(formed))
+    lose_cpu_interface(formed, left.remove_cpu_interface, left.add_cpu_interface)
     assert left.daemon.output().count("LACP Msg: interface ethv0 has now index ") == 1
 
 
@@ -91,7 +105,8 @@ def test_a_locked_datastore_refuses_commands_and_delays_members(formed):
     report(f"datastore locked (a command was refused after {refused:.1f} s)", seconds_until_formed(formed))
 
 
-@pytest.mark.parametrize("count", [pytest.param(1, marks=slow), 3])
+@slow
+@pytest.mark.parametrize("count", [1, 3])
 def test_refused_member_writes_are_made_up_for(formed, count):
     left, right = formed
     with in_the_way(left, "refuse", count):

@@ -112,6 +112,7 @@ def test_a_full_disk_refuses_and_loses_nothing(formed):
     assert "channel-group 3 mode on" in left.configuration_file.read_text(encoding="utf-8")
 
 
+@slow
 def test_links_that_change_on_a_full_disk_are_followed_afterwards(formed):
     (left, right), disk, _ = formed
     disk.fill()
