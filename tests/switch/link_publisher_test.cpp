@@ -2,6 +2,7 @@
 #include "link_publisher.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 #include <vector>
 
 namespace
@@ -9,176 +10,123 @@ namespace
 
 using namespace std::chrono_literals;
 using olt::LinkQueue;
-using olt::LinkWrite;
 
 // ---- queue ----------------------------------------------------------------------------------------------------
 
-class LinkQueueTest : public testing::Test
+// Plays a script of changes and writes on a queue. "1+" and "1-" are changes of a port's link; "w" is a write, "f" a
+// failed one, "n" the start of one that "d" ends; "t" lets time pass until the next write is due.
+class Play
 {
-  protected:
-    // "1+" or "1-", with "!" in front when the entry is to be made; "" when nothing is due.
-    std::string next()
+  public:
+    explicit Play(const std::string &script)
     {
-        const auto write = queue_.next(now_);
-        if (!write)
-            return "";
-        port_ = write->port;
-        return (write->create ? "!" : "") + std::to_string(write->port) + (write->up ? "+" : "-");
-    }
-    std::string write()
-    {
-        const std::string text = next();
-        if (!text.empty())
-            queue_.written(port_);
-        return text;
-    }
-    std::string fail()
-    {
-        const std::string text = next();
-        if (!text.empty())
-            queue_.failed(port_, now_);
-        return text;
-    }
-    // A queue on which ports 1 and 2 are published as up.
-    void publish_two()
-    {
-        for (const std::uint32_t port : {1, 2}) {
-            queue_.push(port, true);
-            write();
-        }
+        std::istringstream steps(script);
+        for (std::string step; steps >> step;)
+            take(step);
     }
 
-    LinkQueue queue_;
+    // What each "w", "f" and "n" got: "1+" or "1-", with "!" in front when the entry is to be made, "." for nothing.
+    std::string writes;
+    LinkQueue queue;
+    LinkQueue::Clock::time_point now = LinkQueue::Clock::now();
+
+  private:
+    void take(const std::string &step)
+    {
+        if (step.size() == 2)
+            queue.push(static_cast<std::uint32_t>(step[0] - '0'), step[1] == '+');
+        else if (step == "d")
+            queue.written(port_);
+        else if (step == "t")
+            now = queue.due().value();
+        else if (next() && step == "w")
+            queue.written(port_);
+        else if (step == "f")
+            queue.failed(port_, now);
+    }
+    bool next()
+    {
+        const auto write = queue.next(now);
+        port_ = write ? write->port : 0;
+        writes += writes.empty() ? "" : " ";
+        writes += write ? (write->create ? "!" : "") + std::to_string(write->port) + (write->up ? "+" : "-") : ".";
+        return write.has_value();
+    }
+
     std::uint32_t port_ = 0;
-    LinkQueue::Clock::time_point now_ = LinkQueue::Clock::now();
 };
 
-TEST_F(LinkQueueTest, TheFirstWriteMakesTheEntry)
+std::string times(int count, const std::string &script)
 {
-    queue_.push(1, false);
-    EXPECT_FALSE(queue_.all_tried());
-    EXPECT_EQ(write(), "!1-");
-    EXPECT_TRUE(queue_.all_tried());
-    queue_.push(1, true);
-    EXPECT_EQ(write(), "1+");
-    EXPECT_EQ(write(), "");
-    EXPECT_EQ(queue_.published(), (std::map<std::uint32_t, bool>{{1, true}}));
+    std::string text;
+    while (count-- > 0)
+        text += script;
+    return text;
 }
 
-TEST_F(LinkQueueTest, ChangesLeaveInTheirOrder)
+TEST(LinkQueueTest, Scripts)
 {
-    publish_two();
-    queue_.push(2, false);
-    queue_.push(1, false);
-    queue_.push(2, true);
-    EXPECT_EQ(write(), "2-");
-    EXPECT_EQ(write(), "1-");
-    EXPECT_EQ(write(), "2+");
-    EXPECT_EQ(write(), "");
+    struct Row {
+        const char *name;
+        std::string script;
+        const char *writes;
+    };
+    const Row rows[] = {
+        {"the first write makes the entry", "1- w 1+ w w", "!1- 1+ ."},
+        {"changes leave in their order", "1+ w 2+ w 2- 1- 2+ w w w w", "!1+ !2+ 2- 1- 2+ ."},
+        {"what is published is not written again", "1+ w 1+ w", "!1+ ."},
+        {"a flap is written as one however long it lasts", "1+ w " + times(100, "1- 1+ ") + "w w w", "!1+ 1- 1+ ."},
+        {"flapping ends in the last state", "1+ w " + times(50, "1- 1+ ") + "1- w w", "!1+ 1- ."},
+        {"a change during a write follows it", "1+ w 1- n " + times(3, "1+ 1- ") + "1+ d w w", "!1+ 1- 1+ ."},
+        {"a failed write keeps nobody waiting, and the entry may be gone", "1+ w 2+ w 1- 2- f w w t w",
+         "!1+ !2+ 1- 2- . !1-"},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(Play(row.script).writes, row.writes) << row.name;
+    EXPECT_EQ(Play("1- w 1+ w").queue.published(), (std::map<std::uint32_t, bool>{{1, true}}));
+    EXPECT_FALSE(Play("1-").queue.all_tried());
+    EXPECT_TRUE(Play("1- w").queue.all_tried());
+    EXPECT_FALSE(Play("1- w").queue.due());
+    EXPECT_TRUE(Play("1- f").queue.all_tried());
+    EXPECT_TRUE(Play("1- f").queue.published().empty());
 }
 
-TEST_F(LinkQueueTest, WhatIsPublishedIsNotWrittenAgain)
+TEST(LinkQueueTest, PausesGrowUpToALimitAndStartAnewAfterASuccess)
 {
-    publish_two();
-    queue_.push(1, true);
-    EXPECT_EQ(write(), "");
-}
-
-TEST_F(LinkQueueTest, AFlapIsWrittenAsOneHoweverLongItLasts)
-{
-    publish_two();
-    for (int flap = 0; flap < 100; ++flap) {
-        queue_.push(1, false);
-        queue_.push(1, true);
+    const std::pair<const char *, std::chrono::seconds> pauses[] = {{"1+ f", 1s},
+                                                                    {"1+ f t f", 2s},
+                                                                    {"1+ f t f t f", 4s},
+                                                                    {"1+ f t f t f t f", 8s},
+                                                                    {"1+ f t f t f t f t f", 8s},
+                                                                    {"1+ f t f t w 1- f", 1s}};
+    for (const auto &[script, pause] : pauses) {
+        const Play play(script);
+        EXPECT_EQ(play.queue.due().value() - play.now, pause) << script;
     }
-    EXPECT_EQ(write(), "1-");
-    EXPECT_EQ(write(), "1+");
-    EXPECT_EQ(write(), "");
 }
 
-TEST_F(LinkQueueTest, FlappingEndsInTheLastState)
-{
-    publish_two();
-    for (int change = 0; change < 101; ++change)
-        queue_.push(1, change % 2 != 0);
-    EXPECT_EQ(write(), "1-");
-    EXPECT_EQ(write(), "");
-    EXPECT_EQ(queue_.published().at(1), false);
-}
-
-TEST_F(LinkQueueTest, AChangeDuringAWriteFollowsIt)
-{
-    publish_two();
-    queue_.push(1, false);
-    ASSERT_EQ(next(), "1-");
-    for (int flap = 0; flap < 3; ++flap) {
-        queue_.push(1, true);
-        queue_.push(1, false);
-    }
-    queue_.push(1, true);
-    queue_.written(1);
-    EXPECT_EQ(write(), "1+");
-    EXPECT_EQ(write(), "");
-}
-
-TEST_F(LinkQueueTest, EndsRightForEveryShortHistory)
+TEST(LinkQueueTest, EndsRightForEveryShortHistory)
 {
     constexpr unsigned LENGTH = 7;
     for (unsigned history = 0; history < 1u << LENGTH; ++history)
         for (unsigned write_at = 0; write_at <= LENGTH; ++write_at) {
             LinkQueue queue;
+            const auto now = LinkQueue::Clock::now();
             bool last = true;
             queue.push(1, true);
-            queue.next(now_);
+            queue.next(now);
             queue.written(1);
             for (unsigned step = 0; step < LENGTH; ++step) {
                 last = (history >> step & 1) != 0;
-                const auto started = step == write_at ? queue.next(now_) : std::nullopt;
+                const auto started = step == write_at ? queue.next(now) : std::nullopt;
                 queue.push(1, last);
                 if (started)
                     queue.written(1);
             }
-            while (queue.next(now_))
+            while (queue.next(now))
                 queue.written(1);
             EXPECT_EQ(queue.published().at(1), last) << history << ' ' << write_at;
         }
-}
-
-TEST_F(LinkQueueTest, AFailedWriteIsDueAgainAndKeepsNobodyWaiting)
-{
-    publish_two();
-    queue_.push(1, false);
-    queue_.push(2, false);
-    EXPECT_EQ(fail(), "1-");
-    EXPECT_EQ(write(), "2-");
-    EXPECT_EQ(write(), "");
-    ASSERT_TRUE(queue_.due());
-    EXPECT_EQ(*queue_.due(), now_ + LinkQueue::FIRST_PAUSE);
-    now_ = *queue_.due();
-    EXPECT_EQ(write(), "!1-") << "the entry may be gone";
-    EXPECT_FALSE(queue_.due());
-}
-
-TEST_F(LinkQueueTest, PausesGrowUpToALimitAndStartAnewAfterASuccess)
-{
-    queue_.push(1, true);
-    for (const auto pause : {1s, 2s, 4s, 8s, 8s}) {
-        EXPECT_EQ(fail(), "!1+");
-        EXPECT_EQ(*queue_.due() - now_, pause);
-        now_ = *queue_.due();
-    }
-    EXPECT_EQ(write(), "!1+");
-    queue_.push(1, false);
-    EXPECT_EQ(fail(), "1-");
-    EXPECT_EQ(*queue_.due() - now_, 1s);
-}
-
-TEST_F(LinkQueueTest, AFailedPortIsTriedAndNotPublished)
-{
-    queue_.push(1, true);
-    fail();
-    EXPECT_TRUE(queue_.all_tried());
-    EXPECT_TRUE(queue_.published().empty());
 }
 
 // ---- thread ---------------------------------------------------------------------------------------------------
