@@ -15,36 +15,20 @@
 namespace
 {
 
-struct Range {
-    std::uint32_t first;
-    std::uint32_t last;
-};
-
-class InventoryTest : public testing::TestWithParam<Range>
+TEST(Inventory, TakesARangeOfPortsOneToEight)
 {
-};
-
-TEST_P(InventoryTest, RefusesARangeThatIsNone)
-{
-    const DevPortInfo info{0, GetParam().first, GetParam().last, 0};
-    PortInventory inventory{3, 4};
-    EXPECT_EQ(port_init(&info, &inventory), -9);
-    EXPECT_EQ(inventory.first_uplink_port, 0u);
-    EXPECT_EQ(inventory.last_uplink_port, 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Ranges, InventoryTest,
-                         testing::Values(Range{0, 0}, Range{0, 8}, Range{1, 0}, Range{1, 9}, Range{5, 4}, Range{9, 9},
-                                         Range{1, 0xFFFFFFFF}));
-
-TEST(Inventory, TakesARange)
-{
-    for (const Range range : {Range{1, 1}, Range{1, 8}, Range{3, 5}, Range{8, 8}}) {
-        const DevPortInfo info{0, range.first, range.last, range.last - range.first + 1};
-        PortInventory inventory{};
-        EXPECT_EQ(port_init(&info, &inventory), 0);
-        EXPECT_EQ(inventory.first_uplink_port, range.first);
-        EXPECT_EQ(inventory.last_uplink_port, range.last);
+    struct Range {
+        std::uint32_t first, last;
+        int result;
+    };
+    for (const auto &[first, last, result] :
+         {Range{1, 1, 0}, Range{1, 8, 0}, Range{3, 5, 0}, Range{8, 8, 0}, Range{0, 0, -9}, Range{0, 8, -9},
+          Range{1, 0, -9}, Range{1, 9, -9}, Range{5, 4, -9}, Range{9, 9, -9}, Range{1, 0xFFFFFFFF, -9}}) {
+        const DevPortInfo info{0, first, last, last - first + 1};
+        PortInventory inventory{3, 4};
+        EXPECT_EQ(port_init(&info, &inventory), result) << first << ' ' << last;
+        EXPECT_EQ(inventory.first_uplink_port, result == 0 ? first : 0);
+        EXPECT_EQ(inventory.last_uplink_port, result == 0 ? last : 0);
     }
 }
 
@@ -82,47 +66,29 @@ void *look(SystemThread *thread)
     return nullptr;
 }
 
-TEST(NamedThread, RunsWithItsNameAndArgument)
-{
-    Seen seen;
-    SystemThread *thread = system_pthread_create("port recv pkt thread", "port recv pkt", look, 0, &seen);
-    ASSERT_NE(thread, nullptr);
-    ASSERT_EQ(system_pthread_run(thread, 0, nullptr), 0);
-    await(seen);
-    EXPECT_STREQ(seen.name.data(), "port recv pkt");
-    EXPECT_EQ(seen.argument, &seen);
-}
-
-TEST(NamedThread, TakesTheArgumentOfItsStartAndCutsALongName)
+TEST(NamedThread, HasItsNameItsArgumentAndNoSignals)
 {
     Seen ignored;
-    Seen seen;
-    SystemThread *thread = system_pthread_create("x", "a-name-of-many-characters", look, 0, &ignored);
-    ASSERT_NE(thread, nullptr);
-    ASSERT_EQ(system_pthread_run(thread, 0, &seen), 0);
-    await(seen);
-    EXPECT_STREQ(seen.name.data(), "a-name-of-many-");
+    Seen seen[2];
+    SystemThread *thread = system_pthread_create("port recv pkt thread", "port recv pkt", look, 0, &seen[0]);
+    ASSERT_EQ(system_pthread_run(thread, 0, nullptr), 0);
+    thread = system_pthread_create("x", "a-name-of-many-characters", look, 0, &ignored);
+    ASSERT_EQ(system_pthread_run(thread, 0, &seen[1]), 0) << "with an argument of its own";
+    for (Seen &each : seen) {
+        await(each);
+        EXPECT_EQ(each.argument, &each);
+        for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1})
+            EXPECT_EQ(sigismember(&each.mask, number), 1) << number;
+        EXPECT_EQ(sigismember(&each.mask, SIGSEGV), 0) << "a fault is the thread's own";
+    }
+    EXPECT_STREQ(seen[0].name.data(), "port recv pkt");
+    EXPECT_STREQ(seen[1].name.data(), "a-name-of-many-") << "cut";
     EXPECT_EQ(ignored.argument, nullptr);
-}
-
-TEST(NamedThread, LeavesSignalsToTheThreadThatStartedIt)
-{
-    Seen seen;
-    ASSERT_EQ(system_pthread_run(system_pthread_create("x", "x", look, 0, &seen), 0, nullptr), 0);
-    await(seen);
-    for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1})
-        EXPECT_EQ(sigismember(&seen.mask, number), 1) << number;
-    EXPECT_EQ(sigismember(&seen.mask, SIGSEGV), 0) << "a fault is the thread's own";
     sigset_t own;
     pthread_sigmask(SIG_SETMASK, nullptr, &own);
     EXPECT_EQ(sigismember(&own, SIGTERM), 0) << "the caller's mask is as before";
-}
 
-TEST(NamedThread, RefusesUnknownFlags)
-{
-    EXPECT_EQ(system_pthread_create("x", "x", look, 1, nullptr), nullptr);
-    Seen seen;
-    SystemThread *thread = system_pthread_create("x", "x", look, 0, &seen);
+    EXPECT_EQ(system_pthread_create("x", "x", look, 1, nullptr), nullptr) << "unknown flags";
     EXPECT_EQ(system_pthread_run(thread, 1, nullptr), EINVAL);
     EXPECT_EQ(system_pthread_run(nullptr, 0, nullptr), EINVAL);
 }
@@ -146,24 +112,16 @@ class RestoreTest : public testing::Test
     std::string said_;
 };
 
-TEST_F(RestoreTest, IsContentWithAReadableFile)
-{
-    std::ofstream(file_) << "hostname x\n";
-    EXPECT_EQ(restore(file_.c_str()), 0);
-    EXPECT_EQ(said_, "");
-}
-
-TEST_F(RestoreTest, NamesAFileThatIsNotThere)
+TEST_F(RestoreTest, NeedsTheNamedFileButNoDefaultOne)
 {
     EXPECT_EQ(restore(file_.c_str()), -1);
     EXPECT_NE(said_.find(file_), std::string::npos);
     EXPECT_NE(said_.find("No such file"), std::string::npos);
-}
-
-TEST_F(RestoreTest, NeedsNoDefaultFile)
-{
     snprintf(config_default, sizeof(config_default), "%s", file_.c_str());
     EXPECT_EQ(restore(nullptr), 0);
+    EXPECT_EQ(said_, "");
+    std::ofstream(file_) << "hostname x\n";
+    EXPECT_EQ(restore(file_.c_str()), 0);
     EXPECT_EQ(said_, "");
 }
 
