@@ -22,19 +22,19 @@ class TrunkTableTest : public testing::Test
     const TrunkTable::Clock::time_point now_ = TrunkTable::Clock::now();
 };
 
-TEST_F(TrunkTableTest, ATrunkHasExactlyTheMembersOfTheLastRequest)
+TEST_F(TrunkTableTest, ATrunkIsWhatTheLastRequestSays)
 {
+    EXPECT_FALSE(table_.set_criterion(1, DST_IP));
+    EXPECT_TRUE(table_.all().empty());
     EXPECT_EQ(table_.set(1, SRC_MAC, 0b011).changed, Groups{1});
-    EXPECT_EQ(table_.set(1, DST_IP, 0b110).changed, Groups{1});
-    EXPECT_EQ(trunk(1), (olt::Trunk{DST_IP, 0b110, false}));
-    EXPECT_EQ(table_.all().size(), 1u);
-}
-
-TEST_F(TrunkTableTest, TheSameRequestAgainChangesNothing)
-{
-    table_.set(1, SRC_MAC, 0b011);
-    EXPECT_EQ(table_.set(1, SRC_MAC, 0b011).changed, Groups{});
+    EXPECT_EQ(table_.set(1, SRC_MAC, 0b011).changed, Groups{}) << "the same again";
     EXPECT_EQ(table_.set(1, DST_IP, 0b011).changed, Groups{1});
+    EXPECT_EQ(table_.set(1, DST_IP, 0b110).changed, Groups{1});
+    EXPECT_TRUE(table_.set_criterion(1, SRC_MAC));
+    EXPECT_EQ(trunk(1), (olt::Trunk{SRC_MAC, 0b110, false}));
+    EXPECT_EQ(table_.all().size(), 1u);
+    EXPECT_TRUE(table_.remove(1));
+    EXPECT_FALSE(table_.remove(1));
 }
 
 TEST_F(TrunkTableTest, APortMovesToTheTrunkThatAsksLast)
@@ -49,42 +49,20 @@ TEST_F(TrunkTableTest, APortMovesToTheTrunkThatAsksLast)
     EXPECT_EQ(table_.find(3), nullptr) << "a trunk without members is none";
 }
 
-TEST_F(TrunkTableTest, RemovingTellsWhetherThereWasOne)
-{
-    table_.set(1, SRC_MAC, 1);
-    EXPECT_TRUE(table_.remove(1));
-    EXPECT_FALSE(table_.remove(1));
-}
-
-TEST_F(TrunkTableTest, TheCriterionOfATrunkChangesAlone)
-{
-    EXPECT_FALSE(table_.set_criterion(1, DST_IP));
-    EXPECT_TRUE(table_.all().empty());
-    table_.set(1, SRC_MAC, 0b11);
-    EXPECT_TRUE(table_.set_criterion(1, DST_IP));
-    EXPECT_EQ(trunk(1), (olt::Trunk{DST_IP, 0b11, false}));
-}
-
 TEST_F(TrunkTableTest, StaleTrunksGoAtTheDeadlineUnlessAskedForAgain)
 {
     table_.set(1, SRC_MAC, 0b001);
     table_.set(2, SRC_MAC, 0b010);
+    EXPECT_EQ(table_.sweep(now_ + 1h), Groups{}) << "never marked";
     table_.mark_stale(now_ + 10s);
     EXPECT_TRUE(trunk(1).stale);
+    table_.set_criterion(1, DST_IP); // does not ask for the trunk
     table_.set(2, SRC_MAC, 0b010);
     table_.set(3, SRC_MAC, 0b100);
     EXPECT_FALSE(trunk(2).stale);
     EXPECT_EQ(table_.sweep(now_ + 10s - 1ns), Groups{});
     EXPECT_EQ(table_.sweep(now_ + 10s), Groups{1});
     EXPECT_EQ(table_.all().size(), 2u);
-}
-
-TEST_F(TrunkTableTest, ANewCriterionAloneDoesNotAskForTheTrunk)
-{
-    table_.set(1, SRC_MAC, 0b001);
-    table_.mark_stale(now_);
-    table_.set_criterion(1, DST_IP);
-    EXPECT_EQ(table_.sweep(now_), Groups{1});
 }
 
 TEST_F(TrunkTableTest, WithoutADeadlineStaleTrunksStay)
@@ -96,12 +74,6 @@ TEST_F(TrunkTableTest, WithoutADeadlineStaleTrunksStay)
     EXPECT_TRUE(trunk(1).stale);
     table_.mark_stale(now_ + 2h);
     EXPECT_EQ(table_.sweep(now_ + 2h), Groups{1});
-}
-
-TEST_F(TrunkTableTest, NothingIsSweptThatWasNeverMarked)
-{
-    table_.set(1, SRC_MAC, 0b001);
-    EXPECT_EQ(table_.sweep(now_ + 1h), Groups{});
 }
 
 TEST(Criterion, HasTheNamesOfItsCodes)
