@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Every figure of docs/performance.md, measured again, as one table.
 
-    tests/benchmarks/measure.py [--build=DIR] [--cuts=N] [--idle=SECONDS]        as root, on a machine with nothing else
+    tests/benchmarks/measure.py [--build=DIR] [--cuts=N] [--idle=SECONDS] [--urgent]        as root
+
+Wants a machine with nothing else to do; --urgent helps where that cannot be had.
 """
 
 import argparse

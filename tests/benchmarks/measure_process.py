@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What two whole systems take: time from a command or a cut to the trunk request, memory, processor.
 
-    tests/benchmarks/measure_process.py [--build=DIR] [--cuts=N] [--idle=SECONDS]        as root
+    tests/benchmarks/measure_process.py [--build=DIR] [--cuts=N] [--idle=SECONDS] [--urgent]        as root
 
 The moment of a cut is read from the monotonic clock just before the kernel is told to take the far end of a cable down;
 the moment of a trunk request when the line that the switch prints for it can be read.
@@ -37,8 +37,6 @@ PATIENCE = 10.0
 # LACPDUs of both sides go on the second, the group's next selection is on the third, wait_while counts twice and
 # expires on the fifth, on which the port attaches, distributes and says so.
 FEWEST_TICKS = 5
-URGENT = -15  # other programs have little say
-
 Row = namedtuple("Row", "figure aim result met")  # met: True, False, or None without an aim
 
 
@@ -315,10 +313,13 @@ def add_options(parser):
     parser.add_argument("--build", default="build")
     parser.add_argument("--cuts", type=int, default=200)
     parser.add_argument("--idle", type=float, default=600, help="seconds of rest")
+    parser.add_argument("--urgent", action="store_true",
+                        help="real-time priority for everything measured, for a machine that has other work")
 
 
 def measure(options, table):
-    os.setpriority(os.PRIO_PROCESS, 0, URGENT)
+    if options.urgent:
+        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
     programs = Programs(options.build)
     measure_commands(programs, table, options.cuts // 2)
     for mode in ("on", "active"):
