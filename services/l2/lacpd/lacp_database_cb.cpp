@@ -116,8 +116,12 @@ int report_failure(const char *leaf, int result)
 
 // ---- channel groups -------------------------------------------------------------------------------------------
 
+// The dynamic group that a port was last sent to; the dispatcher may not have read it yet.
+std::uint32_t sent_to[LAC_MAX_PORTS];
+
 int join_group(std::uint32_t port, std::uint32_t group)
 {
+    sent_to[(port - 1) % LAC_MAX_PORTS] = group;
     set_lacp_channel_group_id(port, group);
     set_lacp_port_oper_key(port, static_cast<std::uint16_t>(group));
     return set_lacp_port_enable(static_cast<int>(port));
@@ -125,6 +129,7 @@ int join_group(std::uint32_t port, std::uint32_t group)
 
 void leave_group(std::uint32_t port, std::uint32_t group)
 {
+    sent_to[(port - 1) % LAC_MAX_PORTS] = 0;
     set_lacp_port_state(port, 0);
     update_lacp_select_port(static_cast<int>(port), group);
 }
@@ -202,15 +207,24 @@ int remove_member(int group, const sr_val_t *value)
     return accept_unsent(result, group, static_cast<std::uint32_t>(name.port), false);
 }
 
+bool is_or_will_be_in(const LacPort *port, std::uint32_t group)
+{
+    return (port->lacp_enabled == 1 && port->channel_group_id == group) ||
+           sent_to[(port->port_no - 1) % LAC_MAX_PORTS] == group;
+}
+
 // The table forgets the group; its trunk goes with it, and its ports stop LACP.
 int remove_group(int group)
 {
     std::uint32_t uplinks = 0;
     if (get_channel_group_uplink_port_count(group, &uplinks) == LAC_OK && uplinks > 0)
         lacp_trunk_destory(static_cast<std::uint32_t>(group));
-    for (const LacPort *port : lac_ports())
-        if (port->lacp_enabled == 1 && static_cast<int>(port->channel_group_id.get()) == group)
-            set_lacp_port_state(port->port_no, 0);
+    for (const LacPort *port : lac_ports()) {
+        if (!is_or_will_be_in(port, static_cast<std::uint32_t>(group)))
+            continue;
+        sent_to[(port->port_no - 1) % LAC_MAX_PORTS] = 0;
+        set_lacp_port_state(port->port_no, 0);
+    }
     const int result = reset_channel_group(group);
     printf("LACP Msg: channel-group %d has been reset!\n", group);
     return result;
@@ -278,6 +292,7 @@ int change_channel_group(std::uint32_t port, const sr_val_t *old_value, std::uin
     if (old_group != 0 && old_group != group && type_of(old_group) == CHANNEL_GROUP_DYNAMIC)
         leave_group(port, old_group);
     const std::uint32_t type = type_of(group);
+    sent_to[(port - 1) % LAC_MAX_PORTS] = 0;
     wishes[(port - 1) % LAC_MAX_PORTS] = {type == CHANNEL_GROUP_UNSET ? group : 0, lac_now_ms()};
     return type == CHANNEL_GROUP_DYNAMIC ? join_group(port, group) : LAC_OK;
 }
