@@ -36,6 +36,10 @@ class HandlerTest : public EngineTest
         int result;
         std::size_t fetched;
         std::string text;
+        Outcome(int code = 0, std::size_t count = 0, std::string output = {})
+            : result(code), fetched(count), text(std::move(output))
+        {
+        }
         bool operator==(const Outcome &) const = default;
         friend std::ostream &operator<<(std::ostream &out, const Outcome &outcome)
         {
