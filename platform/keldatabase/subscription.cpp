@@ -67,6 +67,15 @@ kel::FileDescriptor lock_subscriber(const char *module)
     return file;
 }
 
+// A transaction that this process has accepted and another subscriber refused comes back reversed. Handlers know
+// changes only, so they are handed the reversal as a change of its own.
+int hand_over(sr_session_ctx_t *session, std::uint32_t id, const char *module, const char *xpath, sr_event_t event,
+              std::uint32_t request, void *entry)
+{
+    const sr_event_t handed = event == SR_EV_ABORT ? SR_EV_CHANGE : event;
+    return static_cast<const DbXpathCb *>(entry)->change(session, id, module, xpath, handed, request, nullptr);
+}
+
 } // namespace
 
 int KelDb::Connection::subscribe_entry(const char *module, const DbXpathCb &entry)
@@ -75,8 +84,8 @@ int KelDb::Connection::subscribe_entry(const char *module, const DbXpathCb &entr
     sr_subscription_ctx_t *raw = subscription_.release();
     int code = SR_ERR_OK;
     if (entry.change != nullptr) {
-        code = sr_module_change_subscribe(session, module, entry.xpath, entry.change, nullptr, 0, SR_SUBSCR_DEFAULT,
-                                          &raw);
+        code = sr_module_change_subscribe(session, module, entry.xpath, hand_over, const_cast<DbXpathCb *>(&entry), 0,
+                                          SR_SUBSCR_DEFAULT, &raw);
     }
     if (code == SR_ERR_OK && entry.oper_get != nullptr) {
         code = sr_oper_get_subscribe(session, module, entry.xpath, entry.oper_get, nullptr, SR_SUBSCR_DEFAULT, &raw);

@@ -174,7 +174,7 @@ TEST_F(AccessorTest, DeletingClearsGroupsAndTrunks)
     EXPECT_EQ(db_olt_lacp_del_trunk_timeout(0, 1, &db), 0);
     EXPECT_EQ(type_of(1), "");
     EXPECT_EQ(members_of(1), Texts{});
-    EXPECT_EQ(group_of(1), -1);
+    EXPECT_EQ(group_of(1), 0);
     EXPECT_EQ(mode_of(1), "");
     EXPECT_EQ(port_priority(db, 1), 32768);
     EXPECT_EQ(port_timeout(db, 1), "");

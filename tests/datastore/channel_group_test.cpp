@@ -45,7 +45,7 @@ TEST_F(ChannelGroupTest, TheTypeComesBeforeThePort)
     EXPECT_EQ(add(2, 3, "passive"), 0);
     EXPECT_EQ(recorder().texts(),
               (Texts{"created group 3", "created group 3/id 3", "created group 3/lacp-type dynamic",
-                     "created port 2/mode passive", "created port 2/channel-group 3"}));
+                     "created port 2/mode passive", "modified port 2/channel-group 0 -> 3"}));
     EXPECT_EQ(type_of(3), "dynamic");
     EXPECT_EQ(mode_of(2), "passive");
     EXPECT_EQ(group_of(2), 3);
@@ -64,7 +64,7 @@ TEST_F(ChannelGroupTest, ManualPortIsAMemberAtOnce)
     EXPECT_EQ(changes[2].text, "created group 1/lacp-type manual");
     EXPECT_EQ(changes[3].text, "created port 1/mode on");
     EXPECT_EQ(sorted({changes[4].text, changes[5].text}),
-              (Texts{"created group 1/member-port gigabitethernet 0/1", "created port 1/channel-group 1"}));
+              (Texts{"created group 1/member-port gigabitethernet 0/1", "modified port 1/channel-group 0 -> 1"}));
     EXPECT_EQ(changes[4].transaction, changes[5].transaction) << "one transaction, so that both happen or none";
     EXPECT_NE(changes[3].transaction, changes[4].transaction);
 }
@@ -334,9 +334,9 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"mode", "on", nullptr, nullptr, false, "created port 1/mode on"},
         Refusal{"mode_after_load_balance", "active", nullptr, "dst-ip", false, "created port 1/mode active"},
         Refusal{"changed_mode", "active", "passive", nullptr, true, "modified port 1/mode passive -> active"},
-        Refusal{"port", "active", nullptr, nullptr, false, "created port 1/channel-group 1"},
-        Refusal{"port_with_old_mode", "active", "passive", "src-ip", false, "created port 1/channel-group 1"},
-        Refusal{"port_of_a_group_in_use", "passive", nullptr, "src-ip", true, "created port 1/channel-group 1"},
+        Refusal{"port", "active", nullptr, nullptr, false, "modified port 1/channel-group 0 -> 1"},
+        Refusal{"port_with_old_mode", "active", "passive", "src-ip", false, "modified port 1/channel-group 0 -> 1"},
+        Refusal{"port_of_a_group_in_use", "passive", nullptr, "src-ip", true, "modified port 1/channel-group 0 -> 1"},
         Refusal{"member", "on", nullptr, nullptr, false, MEMBER},
         Refusal{"member_after_load_balance", "on", nullptr, "src-mac", false, MEMBER},
         Refusal{"member_of_a_group_in_use", "on", nullptr, nullptr, true, MEMBER}),

@@ -11,6 +11,7 @@
 #include "lacp_sclient.h"
 
 #include <chrono>
+#include <functional>
 #include <thread>
 
 namespace
@@ -224,6 +225,62 @@ TEST_F(HandlersTest, MembersWrittenByTheProtocolReachTheTrunk)
     EXPECT_NE(db_olt_lacp_del_group_member_port(4, 0, 3, &g_lacpd_db), 0);
 }
 
+// Refuses, as another process might, every change of a path, once the daemon has accepted it.
+class Refusal
+{
+  public:
+    Refusal(const char *module, const char *path, std::function<bool()> accepted) : accepted_(std::move(accepted))
+    {
+        sr_session_ctx_t *session = nullptr;
+        EXPECT_EQ(sr_connect(SR_CONN_DEFAULT, &connection_), SR_ERR_OK);
+        EXPECT_EQ(sr_session_start(connection_, SR_DS_RUNNING, &session), SR_ERR_OK);
+        EXPECT_EQ(sr_module_change_subscribe(session, module, path, refuse, this, 0, SR_SUBSCR_DEFAULT, &context_),
+                  SR_ERR_OK);
+    }
+    ~Refusal()
+    {
+        sr_unsubscribe(context_);
+        sr_disconnect(connection_);
+    }
+    Refusal(const Refusal &) = delete;
+    Refusal &operator=(const Refusal &) = delete;
+
+  private:
+    static int refuse(sr_session_ctx_t *, std::uint32_t, const char *, const char *, sr_event_t event, std::uint32_t,
+                      void *self)
+    {
+        if (event != SR_EV_CHANGE)
+            return SR_ERR_OK;
+        EXPECT_TRUE(eventually(static_cast<Refusal *>(self)->accepted_));
+        return SR_ERR_OPERATION_FAILED;
+    }
+
+    std::function<bool()> accepted_;
+    sr_conn_ctx_t *connection_ = nullptr;
+    sr_subscription_ctx_t *context_ = nullptr;
+};
+
+TEST_F(HandlersTest, WhatAnotherSubscriberRefusesIsTakenBack)
+{
+    set_link(1, true);
+    const auto member_in_table = [] { return members_in_table(1) != 0; };
+    const auto joined = [] { return port(1).lacp_enabled == 1; };
+    {
+        const Refusal trunks("olt-ifm", trunk(1, "channel-group").c_str(), joined);
+        EXPECT_NE(add(1, 1, "active"), 0);
+        EXPECT_TRUE(eventually([&] { return !joined() && Lac_Queue.count() == 0; }));
+        EXPECT_EQ(type_in_table(1), CHANNEL_GROUP_UNSET);
+    }
+    ASSERT_EQ(foreign_write("/olt-lacp:channel-group/group[id='1']/lacp-type", "manual"), 0);
+    {
+        const Refusal members("olt-lacp", "/olt-lacp:channel-group/group/member-port", member_in_table);
+        EXPECT_NE(add(1, 1, "on"), 0);
+        EXPECT_TRUE(eventually([&] { return !member_in_table(); }));
+    }
+    EXPECT_EQ(add(1, 1, "on"), 0);
+    EXPECT_EQ(driver_requests(), (Requests{"10 1 9 1 1", "11 1", "10 1 9 1 1"}));
+}
+
 TEST_F(HandlersTest, SystemIdentifierIsReplacedAsAWhole)
 {
     ASSERT_EQ(foreign_write("/olt-lacp:global-configuration/system-id", "0011.22aa.bbcc"), 0);
@@ -242,7 +299,7 @@ TEST_F(HandlersTest, StartUpClearsWhatAnEarlierRunConfigured)
     for (int group = 1; group <= CHANNEL_GROUP_MAX_NUM; ++group)
         EXPECT_EQ(type_of(group), "");
     for (std::uint32_t number = 1; number <= PORTS; ++number) {
-        EXPECT_EQ(group_of(number), -1);
+        EXPECT_EQ(group_of(number), 0);
         EXPECT_EQ(mode_of(number), "");
     }
     std::uint16_t priority = 0;

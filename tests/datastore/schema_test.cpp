@@ -90,12 +90,12 @@ INSTANTIATE_TEST_SUITE_P(
                     Write{TRUNK1 "/timeout", "short", true}, Write{TRUNK1 "/timeout", "3", false},
                     Write{PORT1 "/olt-lacp:trunk-info/port[role='actor']/oper-key", "1", false}));
 
-TEST_F(DatastoreTest, EntryBringsThePriorityDefaultAndNoGroup)
+TEST_F(DatastoreTest, EntryBringsDefaultsOfPriorityAndGroup)
 {
     subscribe();
     add_ports(1);
     EXPECT_TRUE(ChangeRecorder::instance().saw("created port 1/priority 32768"));
-    EXPECT_EQ(group_of(1), -1);
+    EXPECT_EQ(group_of(1), 0);
     EXPECT_EQ(mode_of(1), "");
 }
 
@@ -119,7 +119,7 @@ TEST_F(DatastoreTest, ChangesOfATrunkComeWithTheGroupLast)
     EXPECT_EQ(texts[0], "created port 1/mode passive");
     EXPECT_EQ(texts[1], "modified port 1/priority 32768 -> 7");
     EXPECT_EQ(texts[2], "created port 1/timeout short");
-    EXPECT_EQ(texts[3], "created port 1/channel-group 1");
+    EXPECT_EQ(texts[3], "modified port 1/channel-group 0 -> 1");
 }
 
 } // namespace

@@ -88,20 +88,6 @@ int walk_changes(sr_session_ctx_t *session, const char *xpath, sr_event_t event,
     return LAC_OK;
 }
 
-// A change that was accepted here and refused by another subscriber comes back reversed; all of it counts.
-template <typename Changed, typename Deleted>
-int take_back(sr_session_ctx_t *session, const char *xpath, Changed changed, Deleted deleted)
-{
-    ChangeWalk walk(session, xpath);
-    while (walk.next()) {
-        if (walk.operation() == SR_OP_DELETED)
-            deleted(walk.old_value());
-        else if (carries_data(walk.new_value()))
-            changed(walk);
-    }
-    return LAC_OK;
-}
-
 int ignore_deletion(const sr_val_t *)
 {
     return LAC_OK;
@@ -329,21 +315,6 @@ int change_trunk_leaf(const ChangeWalk &walk)
     return result;
 }
 
-// A join that came to nothing.
-int leave_again(const sr_val_t *old_value)
-{
-    if (!carries_data(old_value))
-        return LAC_OK;
-    unsigned slot = 0;
-    unsigned port = 0;
-    char leaf[LEAF_SIZE] = {};
-    sscanf(old_value->xpath, "/olt-ifm:up-link-ports/interface[name='gigabitethernet %u/%u']/olt-lacp:trunk/%19s",
-           &slot, &port, leaf);
-    if (std::string_view(leaf) == "channel-group" && type_of(old_value->data.uint8_val) == CHANNEL_GROUP_DYNAMIC)
-        leave_group(port, old_value->data.uint8_val);
-    return LAC_OK;
-}
-
 // ---- link status ----------------------------------------------------------------------------------------------
 
 void change_link(int slot, std::uint32_t port, std::string_view status)
@@ -394,24 +365,18 @@ int lacp_channel_group_del_cb(const sr_val_t *old_value)
 int lacp_channel_group_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath, sr_event_t event,
                           std::uint32_t, void *)
 {
-    if (event == SR_EV_ABORT)
-        return take_back(session, xpath, change_group_leaf, lacp_channel_group_del_cb);
     return walk_changes(session, xpath, event, change_group_leaf, lacp_channel_group_del_cb);
 }
 
 int lacp_global_configuration_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
                                  sr_event_t event, std::uint32_t, void *)
 {
-    if (event == SR_EV_ABORT)
-        return take_back(session, xpath, change_global_leaf, ignore_deletion);
     return walk_changes(session, xpath, event, change_global_leaf, ignore_deletion);
 }
 
 int lacp_interface_trunk_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
                             sr_event_t event, std::uint32_t, void *)
 {
-    if (event == SR_EV_ABORT)
-        return take_back(session, xpath, change_trunk_leaf, leave_again);
     return walk_changes(session, xpath, event, change_trunk_leaf, ignore_deletion);
 }
 
