@@ -103,6 +103,7 @@ def test_broadcasts_leave_once_and_only_while_there_is_a_trunk(stand):
     stand.trunk(group=3, members=0b110)
     sent = frame(1, destination=BROADCAST)
     assert stand.leaving(sent) == {1: [sent], 2: [], 3: []}
+    assert stand.trunk_traffic(2)["tx"]["frames"] == 1
     for group in (2, 3):
         stand.driver.request(DESTROY, group)
     stand.bench.await_count("destroys", 2)
