@@ -2,12 +2,15 @@
 """Two terminals, cabled together, form link aggregations.
 
 Starts two complete systems (datastore, software switch, lacpd), each in a network namespace of its own, configures them
-through their shells, shows the trunks of both switches, cuts a link and restores it.
+through their shells, shows the trunks of both switches, cuts a link and restores it. Meanwhile a user behind one pings a
+user behind the other.
 
     scripts/demo.py [BUILD-DIRECTORY]       as root, after a build
 """
 
+import re
 import signal
+import subprocess
 import sys
 import time
 from pathlib import Path
@@ -20,6 +23,7 @@ from lab import Capture, Lab, LabError, Lacpdu, Programs, Ticks  # noqa: E402 (n
 PORTS = 4
 DYNAMIC, MANUAL = 1, 2
 CUT_PORT = 2
+PING_INTERVAL = 0.1  # seconds
 
 CONFIGURATION = """\
 interface gigabitEthernet 0/1
@@ -36,7 +40,7 @@ exit
 interface gigabitEthernet 0/4
 channel-group 2 mode on
 exit
-channel-group 1 load-balance src-dst-mac"""
+channel-group 1 load-balance src-ip"""
 
 started = time.monotonic()
 
@@ -94,6 +98,41 @@ def show_displays(systems):
                 show(shell.prompt + command, shell.run(command))
 
 
+class Pings:
+    """A user's pings to another user, all along the block."""
+
+    def __init__(self, source, target, address):
+        self._command = [*source.host.enter(), "ping", "-D", "-i", str(PING_INTERVAL), "-I", address,
+                         target.host_address]
+
+    def __enter__(self):
+        self._process = subprocess.Popen(self._command, stdout=subprocess.PIPE, text=True)
+        return self
+
+    def __exit__(self, *_):
+        self._process.send_signal(signal.SIGINT)
+        self._output = self._process.communicate()[0]
+
+    def show(self):
+        sent, received = map(int, re.search(r"(\d+) packets transmitted, (\d+) received", self._output).groups())
+        times = [float(stamp) for stamp in re.findall(r"^\[([\d.]+)\].* bytes from", self._output, re.MULTILINE)]
+        check(times, "no ping was answered")
+        gap = max((later - earlier for earlier, later in zip(times, times[1:])), default=0)
+        show("pings from the left user to the right one, ten a second",
+             f"{sent} sent, {received} answered, longest time between two answers {gap * 1000:.0f} ms")
+
+
+def address_on(source, target, port):
+    """An address of the left user whose pings leave over this port: the switch spreads by source address."""
+    for address in source.host_addresses:
+        before = source.traffic(port)["tx"]["frames"]
+        subprocess.run([*source.host.enter(), "ping", "-q", "-c", "3", "-i", "0.02", "-W", "1", "-I", address,
+                        target.host_address], stdout=subprocess.DEVNULL, check=False)
+        if source.traffic(port)["tx"]["frames"] - before >= 3:
+            return address
+    raise LabError(f"no user's pings leave over port {port}")
+
+
 def run(lab):
     say("starting two systems: each has a namespace, a datastore, a software switch and lacpd")
     left, right = lab.system("left", PORTS), lab.system("right", PORTS)
@@ -101,6 +140,7 @@ def run(lab):
     for port in range(1, PORTS + 1):
         lab.cable(left, port, right, port)
     for system in both:
+        system.add_host()
         system.start()
 
     with Capture(right.namespace, right.port_interface(1)) as from_left, \
@@ -114,16 +154,25 @@ def run(lab):
     show("left# show running-config", left.running_config())
     show_trunks(both)
 
-    say(f"cutting the link between the ports {CUT_PORT}")
-    right.set_link(CUT_PORT, up=False)
-    await_trunks(both, {DYNAMIC: {1}, MANUAL: {3, 4}}, Ticks.LINK)
-    say("trunk 1 has shrunk on both sides")
+    address = address_on(left, right, CUT_PORT)
+    say(f"the user behind left pings the one behind right from {address}: these pings leave over port {CUT_PORT}")
+    with Pings(left, right, address) as pings:
+        time.sleep(1)
+        say(f"cutting the link between the ports {CUT_PORT}")
+        right.set_link(CUT_PORT, up=False)
+        await_trunks(both, {DYNAMIC: {1}, MANUAL: {3, 4}}, Ticks.LINK)
+        say("trunk 1 has shrunk on both sides")
+        time.sleep(1)
+    pings.show()
     show_trunks(both)
 
     say(f"restoring the link between the ports {CUT_PORT}")
-    right.set_link(CUT_PORT, up=True)
-    await_trunks(both, {DYNAMIC: {1, 2}, MANUAL: {3, 4}}, Ticks.FORM)
-    say("trunk 1 has grown again on both sides")
+    with Pings(left, right, address) as pings:
+        right.set_link(CUT_PORT, up=True)
+        await_trunks(both, {DYNAMIC: {1, 2}, MANUAL: {3, 4}}, Ticks.FORM)
+        say("trunk 1 has grown again on both sides; what the earlier one sent over the link until then is lost")
+        time.sleep(1)
+    pings.show()
     show_trunks(both)
     show_displays(both)
 
