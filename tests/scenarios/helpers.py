@@ -39,7 +39,8 @@ def quietly(system, *commands):
 def machines(system):
     """State machines by port."""
     rows = _MACHINES.findall(system.configure("show channel-group information"))
-    return {int(port): Machines(*words, int(aggregator), forwards == "1") for port, *words, aggregator, forwards in rows}
+    return {int(port): Machines(*words, int(aggregator), forwards == "1")
+            for port, *words, aggregator, forwards in rows}
 
 
 def await_machines(system, within, **wanted):

@@ -46,8 +46,8 @@ class Bench:
         for system in self.pair:
             quietly(system, *(line for port in MEMBERS for line in leave(port, 1)))
 
-    def await_formed(self, ports=MEMBERS):
-        await_groups(self.pair, {1: set(ports)}, Ticks.FORM)
+    def await_formed(self):
+        await_groups(self.pair, {1: set(MEMBERS)}, Ticks.FORM)
 
     # Every failure leaves the group formed, or with one member less.
 
@@ -108,8 +108,8 @@ def one_run(bench):
         bench.dissolve()
 
 
-def span(values, text="{:.0f}"):
-    least, most = (text.format(value) for value in (min(values), max(values)))
+def span(values):
+    least, most = (f"{value:.0f}" for value in (min(values), max(values)))
     return least if least == most else f"{least} to {most}"
 
 
@@ -126,7 +126,8 @@ def main():
                 reports.setdefault(what, []).extend(both)
     print("| What happens | Packets lost | Longest silence, ms |\n|---|---|---|")
     for what, all_of_it in reports.items():
-        print(f"| {what} | {span([one.lost for one in all_of_it])} | {span([one.outage * 1000 for one in all_of_it])} |")
+        lost, silence = [one.lost for one in all_of_it], [one.outage * 1000 for one in all_of_it]
+        print(f"| {what} | {span(lost)} | {span(silence)} |")
 
 
 if __name__ == "__main__":

@@ -98,6 +98,7 @@ def test_a_group_deleted_by_another_client_takes_its_trunk_along(formed):
 
 def test_the_deleted_groups_can_be_configured_again(formed):
     left, right = formed
-    quietly(left, *join(1, 1, "active", "lacp timeout short"), *join(2, 1, "active", "lacp timeout short"), *join(3, 2, "on"))
+    quietly(left, *join(1, 1, "active", "lacp timeout short"), *join(2, 1, "active", "lacp timeout short"),
+            *join(3, 2, "on"))
     for system in (left, right):
         await_formed(system)

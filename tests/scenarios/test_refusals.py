@@ -65,8 +65,8 @@ INCOMPLETE = {"lacp system-priority": None, "channel-group 1 load-balance": None
               "interface gigabitEthernet": None, "channel-group 1 mode": 6, "lacp timeout": 6, "no channel-group": 6}
 
 
-@pytest.mark.parametrize("lines, text", [(UNKNOWN, "% [LACP] Unknown command: {}\n"), (INCOMPLETE, "% Command incomplete.\n")],
-                         ids=["unknown", "incomplete"])
+@pytest.mark.parametrize("lines, text", [(UNKNOWN, "% [LACP] Unknown command: {}\n"),
+                                         (INCOMPLETE, "% Command incomplete.\n")], ids=["unknown", "incomplete"])
 def test_what_is_no_command(system, lines, text):
     commands = [word for line, port in lines.items() for word in (enter(port, line) if port else [line])]
     refused(system, commands, "".join(text.format(line) for line in lines))
