@@ -312,19 +312,11 @@ void RandomSteps::hold_queue()
     held_ = input_.below(4) == 0;
 }
 
-// Messages that nobody sends.
+// Codes that nobody acts on, ports that are not there, values that the configuration has not.
 void RandomSteps::send_message()
 {
-    static constexpr std::uint64_t CODES[] = {0,
-                                              3,
-                                              8,
-                                              25,
-                                              LAC_Q_LINK_UP,
-                                              LAC_Q_LINK_DOWN,
-                                              LAC_Q_PORT_TIMEOUT,
-                                              LAC_Q_PORT_RESELECT,
-                                              LAC_Q_PORT_PRIORITY,
-                                              LAC_Q_SYSTEM_PRIORITY};
+    static constexpr std::uint64_t CODES[] = {
+        0, 3, 8, 25, 26, 0x100, LAC_Q_PORT_TIMEOUT, LAC_Q_PORT_RESELECT, LAC_Q_PORT_PRIORITY, LAC_Q_SYSTEM_PRIORITY};
     const std::uint64_t code = input_.pick(CODES);
     send(code, input_.below(12), input_.below(6));
 }
