@@ -6,6 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 program=${1:-build}/tests/benchmarks/engine_benchmark
+command -v valgrind >/dev/null || { echo "count-instructions.sh: install valgrind" >&2; exit 1; }
 few=1000
 many=5000
 
