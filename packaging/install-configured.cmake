@@ -1,4 +1,4 @@
-# Run at installation: units and the datastore command, with the prefix that they are installed into.
+# Run at installation: units and the datastore command, with the prefix that they are installed into; manual pages.
 if(CMAKE_INSTALL_PREFIX MATCHES "^/usr(/|$)")
   set(LACPD_SYSCONFDIR /etc)
 else()
@@ -15,6 +15,13 @@ endfunction()
 install_configured(olt-datastore.in sbin PROGRAM)
 foreach(unit olt-datastore olt-switch lacpd)
   install_configured(systemd/${unit}.service.in lib/systemd/system FILE)
+endforeach()
+
+foreach(page lacpd.8 olt-switch.8 olt-datastore.8)
+  set(compressed "${LACPD_WORK}/configured/${page}.gz")
+  execute_process(COMMAND gzip -9nc "${LACPD_SOURCE}/man/${page}" OUTPUT_FILE "${compressed}"
+                  COMMAND_ERROR_IS_FATAL ANY)
+  file(INSTALL "${compressed}" DESTINATION "${CMAKE_INSTALL_PREFIX}/share/man/man8" TYPE FILE)
 endforeach()
 
 if(NOT EXISTS "$ENV{DESTDIR}${LACPD_SYSCONFDIR}/default/olt-switch") # an operator's file stays

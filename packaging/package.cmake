@@ -5,9 +5,11 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "lacpd maintainers <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "lacpd bundles uplink ports into channel groups, manual ones or dynamic ones that speak LACP, and makes the trunks
-of the switch follow. It is configured through its shell or through a sysrepo datastore. olt-switch, a software switch
-with the driver service that lacpd asks for trunks, is included, and so are the libraries that Debian does not have.")
+    "lacpd bundles uplink ports into channel groups, manual ones or dynamic ones
+that speak LACP, and makes the trunks of the switch follow. It is configured
+through its shell or through a sysrepo datastore. olt-switch, a software
+switch with the driver service that lacpd asks for trunks, is included, and
+so are the libraries that Debian does not have.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

@@ -1,5 +1,6 @@
 """What is in the package, before anything is installed."""
 
+import gzip
 import re
 import stat
 import subprocess
@@ -12,8 +13,8 @@ PROGRAMS = ["usr/sbin/lacpd", "usr/sbin/olt-switch", "usr/sbin/olt-datastore", "
 FILES = ["etc/default/olt-switch", "usr/lib/systemd/system/lacpd.service",
          "usr/lib/systemd/system/olt-datastore.service", "usr/lib/systemd/system/olt-switch.service",
          "usr/share/doc/lacpd/copyright", "usr/share/lacpd/lacpd.conf", "usr/share/lacpd/nacm.xml",
-         "usr/share/lacpd/yang/olt-ifm.yang", "usr/share/lacpd/yang/olt-lacp.yang", "usr/share/man/man8/lacpd.8",
-         "usr/share/man/man8/olt-datastore.8", "usr/share/man/man8/olt-switch.8"]
+         "usr/share/lacpd/yang/olt-ifm.yang", "usr/share/lacpd/yang/olt-lacp.yang", "usr/share/man/man8/lacpd.8.gz",
+         "usr/share/man/man8/olt-datastore.8.gz", "usr/share/man/man8/olt-switch.8.gz"]
 LIBRARIES = ["libyang.so.3", "libsysrepo.so.7", "libfrr.so.0"]
 
 
@@ -61,7 +62,7 @@ def test_no_script_and_no_unit_names_the_build(root, hidden):
     texts = [root / path for path in PROGRAMS + FILES if not path.startswith(("usr/sbin/lacpd", "usr/sbin/olt-switch",
                                                                                "usr/lib/lacpd/bin"))]
     for file in texts:
-        text = file.read_text(encoding="utf-8")
+        text = (gzip.decompress(file.read_bytes()) if file.suffix == ".gz" else file.read_bytes()).decode()
         assert not [folder for folder in hidden if folder in text], file
         assert not re.search(r"@[A-Z_]+@", text), f"{file} has a name left to fill in"
 
