@@ -4,8 +4,7 @@
 #   scripts/test-aarch64.sh [BUILD]    BUILD is the build directory (default: build-aarch64)
 #
 # The first run also builds the libraries. Not run: tests of the datastore and of whole systems. qemu-user has no
-# set_robust_list(2), without which sysrepo
-# cannot lock its shared memory.
+# set_robust_list(2), without which sysrepo cannot lock its shared memory.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-aarch64}
