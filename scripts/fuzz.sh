@@ -25,6 +25,7 @@ for target in "${targets[@]}"; do
   mkdir -p "build-fuzz/found/$target" build-fuzz/failed
   log=build-fuzz/$target.log
   options=()
+  started=$SECONDS
   [ ! -e "tests/fuzz/$target.dict" ] || options+=("-dict=tests/fuzz/$target.dict")
   if "$programs/${target}_fuzz" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=25 -print_final_stats=1 \
     -artifact_prefix="build-fuzz/failed/$target-" "${options[@]}" \
@@ -37,6 +38,6 @@ for target in "${targets[@]}"; do
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
   covered=$(grep -oE 'cov: [0-9]+' "$log" | tail -n 1)
   peak=$(sed -n 's/^stat::peak_rss_mb: *//p' "$log")
-  echo "$target: ${seconds} s, ${runs:-0} inputs, ${covered:-cov: 0} edges, ${peak:-0} MB at most: $verdict"
+  echo "$target: $((SECONDS - started)) s, ${runs:-0} inputs, ${covered:-cov: 0} edges, ${peak:-0} MB at most: $verdict"
 done
 exit $failures

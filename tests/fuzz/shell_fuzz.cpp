@@ -174,21 +174,17 @@ void type_line(Input &input)
 {
     vty *const vty = terminal();
     const int node = input.pick(NODES);
-    std::vector<std::string> words(1 + input.below(7));
     std::string line;
-    for (std::string &each : words) {
-        each = word(input);
-        line += (line.empty() ? "" : " ") + each;
-    }
+    for (std::uint32_t words = 1 + input.below(7); words > 0; --words)
+        line += (line.empty() ? "" : " ") + word(input);
     vty->node = static_cast<node_type>(node);
     writes.clear();
     const int result = cmd_execute(vty, line.c_str(), nullptr, 0);
     buffer_reset(vty->obuf);
-    while (!words.empty() && words.back().find_first_not_of(' ') == std::string::npos)
-        words.pop_back();
     require(result == CMD_SUCCESS || writes.empty(), "a line that is not taken writes nothing");
     require(writes.size() <= static_cast<std::size_t>(CHANNEL_GROUP_MAX_NUM), "a line writes once a group");
-    const std::string last = words.empty() ? "" : words.back().substr(words.back().rfind(' ') + 1);
+    line.erase(line.find_last_not_of(' ') + 1);
+    const std::string last = line.substr(line.rfind(' ') + 1);
     for (const Write &write : writes)
         check_write(write, last);
     if (result == CMD_SUCCESS && node == CONFIG_NODE && vty->node == UPLINK_PORT_NODE) {
