@@ -49,6 +49,12 @@ std::vector<std::string> driver_requests()
     return texts;
 }
 
+bool driver_was_asked()
+{
+    const std::lock_guard guard(fake::driver().lock);
+    return !fake::driver().sent.empty();
+}
+
 using Requests = std::vector<std::string>;
 
 std::string trunk(std::uint32_t port, const char *leaf)
@@ -125,7 +131,7 @@ TEST_F(HandlersTest, ManualGroupFollowsMembersLinksAndCriterion)
     ASSERT_EQ(add(3, 1, "on"), 0); // its link is down
     EXPECT_TRUE(driver_requests().empty());
     set_link(3, true);
-    ASSERT_TRUE(eventually([] { return !fake::driver().sent.empty(); }));
+    ASSERT_TRUE(eventually(driver_was_asked));
     EXPECT_EQ(driver_requests(), Requests{"10 1 9 5 2"});
     ASSERT_EQ(db_olt_lacp_set_group_load_balance(1, &db, "src-dst-ip", 11, 1), 0);
     EXPECT_EQ(driver_requests(), Requests{"12 1 18"});
