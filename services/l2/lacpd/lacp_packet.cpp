@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstring>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
@@ -99,6 +100,15 @@ void lacp_pkt_take(std::uint8_t *buffer, int length, LacpReceive receive)
     receive(port_no, 0, 0, frame, frame_length);
 }
 
+// The socket hears every interface. The name says whose frames count: the interface may have been made again.
+static bool is_cpu_interface(int fd, int index)
+{
+    ifreq request{};
+    request.ifr_ifindex = index;
+    return ioctl(fd, SIOCGIFNAME, &request) == 0 &&
+           strncmp(request.ifr_name, LAC_CPU_INTERFACE, sizeof(request.ifr_name)) == 0;
+}
+
 static void receive_one(const LacpPktSocket *socket, std::uint8_t *buffer)
 {
     fd_set readable;
@@ -110,12 +120,16 @@ static void receive_one(const LacpPktSocket *socket, std::uint8_t *buffer)
     }
     if (!FD_ISSET(socket->fd, &readable))
         return;
-    const ssize_t length = recvfrom(socket->fd, buffer, LACP_RX_BUFFER_SIZE, MSG_DONTWAIT, nullptr, nullptr);
+    sockaddr_ll from{};
+    socklen_t size = sizeof(from);
+    const ssize_t length =
+        recvfrom(socket->fd, buffer, LACP_RX_BUFFER_SIZE, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &size);
     if (length <= 0) {
         perror("Msg: Recv packets error.");
         return;
     }
-    lacp_pkt_take(buffer, static_cast<int>(length), socket->recv_cb);
+    if (is_cpu_interface(socket->fd, from.sll_ifindex))
+        lacp_pkt_take(buffer, static_cast<int>(length), socket->recv_cb);
 }
 
 static void *lacp_pkt_recv_thread(SystemThread *thread)
