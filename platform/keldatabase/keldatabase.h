@@ -17,6 +17,13 @@
 
 struct DevPortInfo;
 
+// What a refused write of member-port may have been refused for. Any other non-zero result is final: the same write
+// will be refused again.
+enum KelDbRefusal : int {
+    KEL_DB_NOT_THERE = -2, // the entry to delete is not there
+    KEL_DB_BUSY = -3,      // locked, full or too slow; the write may have come through all the same
+};
+
 // A datastore handle: the daemon's connection record, or a shell session's share in it. Plain and zero at start;
 // nothing is released when the process ends.
 struct KelDb {
@@ -100,9 +107,9 @@ void db_free_string_array_val(char **texts, std::uint32_t count);
 
 int db_olt_lacp_set_group_load_balance(int group, KelDb *db, const char *text, std::uint32_t size,
                                        std::uint32_t count);
+// Both answer KelDbRefusal codes, and do so within 0.3 s.
 int db_olt_lacp_set_group_member_port(int group, KelDb *db, const char *name, std::uint32_t size,
                                       std::uint32_t count);
-// An entry that is not there is an error.
 int db_olt_lacp_del_group_member_port(int group, int slot, std::uint32_t port, KelDb *db);
 // An entry that is not there is none.
 int db_olt_lacp_del_group_id(int group, KelDb *db);

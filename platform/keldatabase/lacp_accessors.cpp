@@ -93,6 +93,21 @@ int delete_trunk_leaf(KelDb *db, int slot, std::uint32_t port, const char *leaf)
     return delete_node(db, kel::trunk_path(slot, port, leaf));
 }
 
+// A list of members as the protocol writes it, with the layer's codes.
+int apply_member(Transaction &transaction)
+{
+    switch (const int code = transaction.apply_within(kel::PROTOCOL_PATIENCE)) {
+    case SR_ERR_NOT_FOUND:
+        return KEL_DB_NOT_THERE;
+    case SR_ERR_LOCKED:
+    case SR_ERR_TIME_OUT:
+    case SR_ERR_NO_MEMORY:
+        return KEL_DB_BUSY;
+    default:
+        return code;
+    }
+}
+
 int read_trunk_text(KelDb *db, int slot, std::uint32_t port, const char *leaf, char *text, std::uint32_t *size)
 {
     return kel::copy_text(kel::Leaf(db, kel::trunk_path(slot, port, leaf)), text, size);
@@ -132,17 +147,14 @@ int db_olt_lacp_set_group_load_balance(int group, KelDb *db, const char *text, s
 
 int db_olt_lacp_set_group_member_port(int group, KelDb *db, const char *name, std::uint32_t, std::uint32_t)
 {
-    return name != nullptr
-               ? Transaction(db).set(kel::group_path(group, "member-port"), name).apply_within(kel::PROTOCOL_PATIENCE)
-               : kel::FAILED;
+    return name != nullptr ? apply_member(Transaction(db).set(kel::group_path(group, "member-port"), name))
+                           : kel::FAILED;
 }
 
 int db_olt_lacp_del_group_member_port(int group, int slot, std::uint32_t port, KelDb *db)
 {
     const kel::InterfaceName name(slot, port);
-    return Transaction(db)
-        .remove_present(kel::group_list_path(group, "member-port", name.text()))
-        .apply_within(kel::PROTOCOL_PATIENCE);
+    return apply_member(Transaction(db).remove_present(kel::group_list_path(group, "member-port", name.text())));
 }
 
 int db_olt_lacp_del_group_id(int group, KelDb *db)

@@ -296,6 +296,15 @@ int db_olt_lacp_get_trunk_channel_group(int, std::uint32_t port, KelDb *, std::u
     return 0;
 }
 
+// Weak: the inspection of the shell reads another one.
+[[gnu::weak]] int db_olt_lacp_get_trunk_mode(int, std::uint32_t port, KelDb *, char *text, std::uint32_t *size)
+{
+    Datastore &db = datastore();
+    const std::lock_guard guard(db.lock);
+    const auto found = db.mode.find(port);
+    return found == db.mode.end() ? SR_ERR_NOT_FOUND : fake::copy_text(found->second, text, size);
+}
+
 int db_olt_lacp_get_group_lacp_type(int group, KelDb *, char *text, std::uint32_t *size)
 {
     Datastore &db = datastore();
@@ -331,7 +340,7 @@ int db_olt_lacp_del_group_member_port(int group, int slot, std::uint32_t port, K
         if (failure != 0)
             return failure;
         if (db.members[group].count(member) == 0)
-            return SR_ERR_NOT_FOUND;
+            return KEL_DB_NOT_THERE;
     }
     return fake::change_members(fake::MemberChange::deleted, group, member);
 }

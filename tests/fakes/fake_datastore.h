@@ -26,6 +26,7 @@ struct Datastore {
     std::recursive_mutex lock;                           // also held while `member_changed` runs inline
     std::map<std::uint32_t, std::string> link_status;    // "up", "down"; no entry: the read fails
     std::map<std::uint32_t, std::uint8_t> channel_group; // trunk leaf by port
+    std::map<std::uint32_t, std::string> mode;           // trunk leaf by port
     std::map<int, std::string> lacp_type;
     std::map<int, std::set<std::string>> members;
 

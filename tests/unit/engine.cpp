@@ -174,10 +174,13 @@ std::string snapshot(const LacPort &port)
          << port.wait_while_timer << ' ' << port.tx_scheduler << ' ' << port.mux_scheduler << "\naggregator "
          << port.aggregator->port_no << " individual " << port.individual << " key " << port.aggregator_oper_key
          << ' ' << port.aggregator_admin_key << " partner key " << port.aggregator_partner_key << " mask "
-         << port.port_mask << "\ncounters " << stats.moved << ' ' << stats.rx_lacpdu << ' ' << stats.rx_marker << ' '
-         << stats.rx_marker_response << ' ' << stats.rx_unknown << ' ' << stats.rx_illegal << ' ' << stats.tx_lacpdu
-         << ' ' << stats.tx_marker_response << ' ' << stats.attach_count << ' ' << stats.trans_count << ' '
-         << stats.change_count << ' ' << stats.unmatched_count;
+         << port.port_mask << "\nmember heard " << unsigned{port.heard_state} << " told " << unsigned{port.told_state}
+         << " attached in " << port.attached_group << " wanted " << port.member_wanted << " written "
+         << port.member_written << " tries " << port.member_tries << " barred " << port.member_barred << "\ncounters "
+         << stats.moved << ' ' << stats.rx_lacpdu << ' ' << stats.rx_marker << ' ' << stats.rx_marker_response << ' '
+         << stats.rx_unknown << ' ' << stats.rx_illegal << ' ' << stats.tx_lacpdu << ' ' << stats.tx_marker_response
+         << ' ' << stats.attach_count << ' ' << stats.trans_count << ' ' << stats.change_count << ' '
+         << stats.unmatched_count;
     return text.str();
 }
 

@@ -7,6 +7,7 @@
 
 #include "channel_group.h"
 #include "channel_group_member.h"
+#include "lac_member.h"
 #include "lac_mux.h"
 #include "lac_pdu.h"
 #include "lac_port.h"

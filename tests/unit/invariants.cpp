@@ -31,11 +31,10 @@ std::uint32_t bit_of(std::uint32_t port_no)
     return 1U << (port_no - 1);
 }
 
-// Switched off, LACP keeps its members until it is switched on again.
 bool owes_a_write()
 {
     for (const LacPort *port : lac_ports())
-        if (port->member_owed != 0 || (get_lac_global_enable() != 1 && port->member_written != 0))
+        if (lacMemberOwed(port))
             return true;
     return false;
 }
@@ -200,20 +199,31 @@ void check_mask(const LacPort *aggregator)
 // A refused write is exempt until ticks have made up for it.
 void check_membership(const LacPort *port)
 {
-    hold(port->member_wanted == 0 || port->attached == 1, "a port that is detached is no member", port);
-    hold(port->muxm != LAC_MUX_COLLECTING_DISTRIBUTING || port->individual == 1 || port->rxm != LAC_RX_CURRENT ||
-             port->member_wanted == port->channel_group_id,
-         "a port that collects with its partner is a member", port);
-    hold(port->muxm != LAC_MUX_COLLECTING_DISTRIBUTING || port->rxm != LAC_RX_DEFAULTED || port->individual == 0 ||
-             port->member_wanted == 0,
-         "a port without a partner is no member", port);
-    if (port->member_owed != 0)
+    const bool collects = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING;
+    const bool rests = port->mux_scheduler.active == 0;
+    hold(!collects || !rests || (port->actor_oper_state & LAC_SYNCHRONIZATION) != 0,
+         "a port that collects tells Synchronization", port);
+    hold(port->attached == 1 || (port->actor_oper_state & LAC_MUX_BITS) == 0,
+         "a port that is not attached tells none of the mux machine's bits", port);
+    hold(!rests || port->selected != LAC_UNSELECTED || port->attached == 0, "an unselected port is detached", port);
+    if (lacMemberOwed(port))
         return;
+    const bool heard = (port->heard_state & port->told_state & LAC_SYNCHRONIZATION) != 0;
+    const std::uint32_t group =
+        collects && port->selected == LAC_SELECTED && port->individual == 0 && heard ? port->attached_group : 0;
     for (std::uint32_t number = 1; number <= GROUPS; ++number)
         if (Group(static_cast<int>(number)).type == CHANNEL_GROUP_DYNAMIC)
-            hold((port->member_wanted == number) ==
-                     ((Group(static_cast<int>(number)).list & bit_of(port->port_no)) != 0),
-                 "a dynamic group has the members that are attached", port);
+            hold((group == number) == ((Group(static_cast<int>(number)).list & bit_of(port->port_no)) != 0),
+                 "a dynamic group has the members whose ends agree", port);
+}
+
+void check_serving()
+{
+    std::uint32_t selected[GROUPS + 1] = {};
+    for (const LacPort *port : lac_ports())
+        if (port->channel_group_id <= GROUPS && port->individual == 0 && port->selected == LAC_SELECTED &&
+            ++selected[port->channel_group_id] > CHANNEL_GROUP_MAX_PORTS)
+            hold(false, "four ports of a group serve at most", port);
 }
 
 // ---- memory ---------------------------------------------------------------------------------------------------
@@ -246,5 +256,6 @@ std::string broken_invariant(const Surroundings &surroundings)
         check_mask(port);
         check_membership(port);
     }
+    check_serving();
     return g_broken;
 }

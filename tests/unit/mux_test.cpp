@@ -108,15 +108,21 @@ TEST_F(MuxTest, DetachingAndAttachingTellThePartner)
     }
 }
 
-TEST_F(MuxTest, WaitingRearmsTheTimerOnEveryRun)
+TEST_F(MuxTest, OnlyASelectedPortThatGoesOnWaitingKeepsItsCount)
 {
     LacPort &record = port_in(0x11, LAC_SELECTED);
-    for (const std::uint32_t active : {0U, 1U}) {
-        record.wait_while_timer.active = active;
+    struct Row {
+        std::uint32_t selected, active, muxm, count;
+    };
+    for (const Row &row : {Row{LAC_SELECTED, 0, 0x11, 2}, Row{LAC_SELECTED, 1, 2, 1}, Row{LAC_STANDBY, 1, 2, 2},
+                           Row{LAC_SELECTED, 1, 2, 2}, Row{LAC_SELECTED, 1, 2, 1}, Row{LAC_SELECTED, 1, 0x11, 2}}) {
+        record.muxm = row.muxm;
+        record.selected = row.selected;
+        record.wait_while_timer.active = row.active;
         record.wait_while_timer.count = 1;
         lacMuxMachine(&record);
         EXPECT_EQ(record.muxm, LAC_MUX_WAITING);
-        EXPECT_EQ(record.wait_while_timer.count * record.wait_while_timer.active, 2U);
+        EXPECT_EQ(record.wait_while_timer.count * record.wait_while_timer.active, row.count);
     }
 }
 
@@ -248,65 +254,86 @@ TEST_F(MuxTest, LosingThePartnersSynchronizationTakesTheBitAway)
     EXPECT_EQ(record.coll_dist, 1U);
 }
 
-// ---- attachment -----------------------------------------------------------------------------------------------
+// ---- membership -----------------------------------------------------------------------------------------------
 
-TEST_F(MuxTest, AttachmentIsWrittenForAPortWithAPartner)
+class MemberTest : public MuxTest
 {
+  protected:
+    static std::string settle(bool retry = true)
+    {
+        return printed([retry] { EXPECT_EQ(lacSettleMembers(retry), nullptr); });
+    }
+    LacPort &collecting_port(std::uint32_t number)
+    {
+        set_link(number, true);
+        LacPort &record = port(number);
+        record.attached = record.coll_dist = record.selected = 1;
+        record.attached_group = 1;
+        record.individual = 0;
+        record.heard_state = record.told_state = LAC_SYNCHRONIZATION;
+        return record;
+    }
+};
+
+TEST_F(MemberTest, AMemberIsAPortWhoseEndsAgree)
+{
+    create_group(1, "dynamic");
     struct Row {
         const char *name;
-        std::uint32_t rxm;
-        std::uint32_t individual;
-        bool written;
+        std::function<void(LacPort &)> change;
     };
-    const Row rows[] = {
-        {"partner heard", LAC_RX_CURRENT, 0, true},
-        {"individual", LAC_RX_CURRENT, 1, false},
-        {"expired", LAC_RX_EXPIRED, 0, false},
-        {"defaulted", LAC_RX_DEFAULTED, 0, false},
-    };
-    for (const Row &row : rows) {
+    for (const Row &row : {Row{"partner out of sync", [](LacPort &port) { port.heard_state = LAC_ACTIVITY; }},
+                           Row{"nothing told yet", [](LacPort &port) { port.told_state = 0; }},
+                           Row{"alone", [](LacPort &port) { port.individual = 1; }},
+                           Row{"not collecting", [](LacPort &port) { port.coll_dist = 0; }},
+                           Row{"detached", [](LacPort &port) { port.attached = 0; }},
+                           Row{"unselected", [](LacPort &port) { port.selected = LAC_UNSELECTED; }}}) {
         SCOPED_TRACE(row.name);
-        LacPort &record = port_in(1, LAC_SELECTED);
-        record.rxm = row.rxm;
-        record.individual = row.individual;
-        record.attached = 0;
-        Attach_Mux_To_Aggregator(1, 1);
-        EXPECT_EQ(record.attached, 1U);
-        EXPECT_EQ(fake::take_writes(), row.written ? Texts{"add 1 gigabitethernet 0/1 (32,1)"} : Texts{});
-        Attach_Mux_To_Aggregator(1, 1);
-        EXPECT_EQ(fake::take_writes(), Texts{}) << "attached already";
-        const std::string text = printed([] { Detach_Mux_From_Aggregator(1, 1); });
-        EXPECT_EQ(text, row.written ? "LACP Msg: interface 0/1 is OK remove from channel-group 1!\n"
-                                    : "LINE 849 FUNC lac_bcm_remove_port_from_trunk del interface from lacp-group "
-                                      "database failed! ret=" +
-                                          std::to_string(SR_ERR_NOT_FOUND) + "\n");
+        LacPort &record = collecting_port(1);
+        settle(false);
+        EXPECT_EQ(fake::take_writes(), Texts{"add 1 gigabitethernet 0/1 (32,1)"});
+        settle();
+        EXPECT_EQ(fake::take_writes(), Texts{}) << "nothing is owed";
+        row.change(record);
+        settle(false);
         EXPECT_EQ(fake::take_writes(), Texts{"del 1 gigabitethernet 0/1"});
-        EXPECT_EQ(record.attached, 0U);
-        Detach_Mux_From_Aggregator(1, 1);
-        EXPECT_EQ(fake::take_writes(), Texts{}) << "detached already";
     }
-    LacPort &record = port_in(1, LAC_SELECTED);
-    Attach_Mux_To_Aggregator(1, 1);
-    record.channel_group_id = 3;
-    fake::take_writes();
-    Detach_Mux_From_Aggregator(1, 1);
-    EXPECT_EQ(fake::take_writes(), Texts{"del 1 gigabitethernet 0/1"}) << "from the group that took it";
 }
 
-TEST_F(MuxTest, AFailedWriteIsReportedAndTheMachineGoesOn)
+TEST_F(MemberTest, ARefusedWriteIsOwedAndForGoodBarsThePort)
 {
-    LacPort &record = port_in(0x13, LAC_SELECTED);
-    fake::datastore().failures["db_olt_lacp_set_group_member_port"] = -7;
-    EXPECT_EQ(printed([&] { lacMuxMachine(&record); }),
-              "LINE 803 FUNC lac_add_port_to_aggregator add interface to lacp-group database failed! ret=-7\n");
-    EXPECT_EQ(record.muxm, LAC_MUX_COLLECTING_DISTRIBUTING);
-    EXPECT_EQ(record.attached, 1U);
-    fake::datastore().failures["db_olt_lacp_del_group_member_port"] = 4;
-    record.selected = LAC_UNSELECTED;
-    EXPECT_EQ(printed([&] { lacMuxMachine(&record); }),
-              "LINE 849 FUNC lac_bcm_remove_port_from_trunk del interface from lacp-group database failed! ret=4\n");
-    EXPECT_EQ(record.muxm, LAC_MUX_DETACHED);
-    EXPECT_EQ(record.attached, 0U);
+    create_group(1, "dynamic");
+    auto &failures = fake::datastore().failures;
+    LacPort &record = collecting_port(1);
+    failures["db_olt_lacp_set_group_member_port"] = KEL_DB_BUSY;
+    const std::string failed =
+        "LINE 803 FUNC lac_add_port_to_aggregator add interface to lacp-group database failed! ret=-3\n";
+    EXPECT_EQ(settle(false), failed);
+    EXPECT_EQ(settle(false), "") << "tried again on ticks only";
+    for (std::uint32_t i = 1; i < LAC_MEMBER_TRIES; ++i)
+        EXPECT_EQ(settle(), failed);
+    printed([&] { EXPECT_EQ(lacSettleMembers(true), &record); });
+    EXPECT_EQ(record.member_barred, LAC_MEMBER_BARRED_TICKS);
+    failures["db_olt_lacp_del_group_member_port"] = KEL_DB_BUSY;
+    record.coll_dist = 0;
+    EXPECT_EQ(settle(false),
+              "LINE 849 FUNC lac_bcm_remove_port_from_trunk del interface from lacp-group database failed! ret=-3\n");
+    failures.clear();
+    record.coll_dist = 1;
+    fake::take_writes();
+    settle(false);
+    EXPECT_EQ(fake::take_writes(), Texts{"add 1 gigabitethernet 0/1 (32,1)"}) << "what it stayed in may be gone";
+
+    LacPort &other = collecting_port(2);
+    failures["db_olt_lacp_set_group_member_port"] = SR_ERR_VALIDATION_FAILED;
+    printed([&] { EXPECT_EQ(lacSettleMembers(false), &other); }); // a final refusal is not tried again
+    record.attached_group = 2;
+    failures["db_olt_lacp_del_group_member_port"] = SR_ERR_UNAUTHORIZED;
+    other.attached = 0;
+    settle(false);
+    fake::take_writes();
+    settle();
+    EXPECT_EQ(fake::take_writes(), Texts{"del 1 gigabitethernet 0/1"}) << "not in two lists";
 }
 
 } // namespace

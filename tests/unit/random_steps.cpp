@@ -96,12 +96,10 @@ void RandomSteps::settle()
     tick(SETTLE_TICKS);
 }
 
-// But for a member that its group has no room for, or of a group that is gone.
 std::string RandomSteps::unsettled()
 {
     for (const LacPort *port : lac_ports())
-        if (port->member_owed != 0 && get_lac_global_enable() == 1 &&
-            (port->member_wanted == 0 || has_room(static_cast<int>(port->member_wanted))))
+        if (lacMemberOwed(port) && get_lac_global_enable() == 1)
             return "a refused write is made up for: port " + std::to_string(port->port_no) + "\n" + snapshot(*port);
     return {};
 }
@@ -178,7 +176,7 @@ void RandomSteps::create_group()
     const bool dynamic = input_.below(4) != 0;
     dispatch(); // a client gives the members of the group's former type the time to go
     for (const LacPort *port : lac_ports())
-        if (has_type(group) || port->member_owed != 0)
+        if (has_type(group) || lacMemberOwed(port))
             return;
     const std::string type = dynamic ? "dynamic" : "manual";
     fake::deliver(lacp_channel_group_cb, SR_EV_CHANGE,
@@ -289,9 +287,9 @@ void RandomSteps::fail_writes()
     const std::uint32_t which = input_.below(4);
     failures.clear();
     if ((which & 1) != 0)
-        failures["db_olt_lacp_set_group_member_port"] = SR_ERR_TIME_OUT;
+        failures["db_olt_lacp_set_group_member_port"] = KEL_DB_BUSY;
     if ((which & 2) != 0)
-        failures["db_olt_lacp_del_group_member_port"] = SR_ERR_TIME_OUT;
+        failures["db_olt_lacp_del_group_member_port"] = KEL_DB_BUSY;
 }
 
 void RandomSteps::lose_driver()

@@ -160,7 +160,7 @@ TEST_F(ReceiveTest, InitialisingRestoresTheActorButNotKeyAndPriority)
         record.partner_admin_key = 0x4321;
         lacRxMachine(&record, Lac_init, nullptr);
         EXPECT_EQ(lac_actor_info(&record),
-                  (LacInfo{32768, OUR_MAC, 5, 6, 1, static_cast<std::uint8_t>(0x7D | timeout), {}}));
+                  (LacInfo{32768, OUR_MAC, 5, 6, 1, static_cast<std::uint8_t>(0x45 | timeout), {}}));
         EXPECT_EQ(lac_partner_info(&record), (LacInfo{0, {}, 0x4321, 0, 0, 0, {}}));
         EXPECT_EQ(record.matched, 0U);
     }
@@ -388,7 +388,7 @@ TEST_F(ReceiveTest, TheMuxMachineIsKickedWhenItMayMove)
             record.muxm = row.muxm;
             record.selected = column == 3 ? std::uint32_t{LAC_SELECTED} : static_cast<std::uint32_t>(column);
             record.partner_oper_state = column == 3 ? SYNC : 0;
-            EXPECT_EQ(scheduled(record, [&] { lacKickMux(&record); }), row.kicked[column]);
+            EXPECT_EQ(scheduled(record, [&] { lacKickMux(&record, LacKick::lacpdu); }), row.kicked[column]);
             const bool outside = (row.muxm & 15) == 0 || (row.muxm & 15) > 6;
             EXPECT_EQ(scheduled(record, [&] { lacRxMachine(&record, 99, nullptr); }),
                       outside ? column == 0 : row.kicked[column])

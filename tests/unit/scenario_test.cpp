@@ -16,9 +16,9 @@ struct FarEnd {
 class ScenarioTest : public EngineTest
 {
   protected:
-    ScenarioTest()
+    ScenarioTest() : EngineTest(1, 6)
     {
-        for (std::uint16_t number = 1; number <= 4; ++number)
+        for (std::uint16_t number = 1; number <= 6; ++number)
             far_ends.push_back({peer(number)});
     }
 
@@ -268,22 +268,130 @@ TEST_F(ScenarioTest, APartnerThatMovesTakesItsOldPortAlong)
     EXPECT_EQ(port(3).stats->moved, 1U) << "the old port has forgotten it";
 }
 
-TEST_F(ScenarioTest, WhenTheBestPortLosesItsLinkTheNextOneServes)
+// The others change their aggregator, and their partners and the trunk see nothing of it.
+TEST_F(ScenarioTest, AHealthyLinkPaysNothingForTheAggregator)
 {
-    bring_up(3);
-    change_link(1, false);
-    EXPECT_EQ(aggregator_of(1), 2U);
-    EXPECT_EQ(port(3).aggregator.get(), &port(2));
-    EXPECT_EQ(trunk(1), 0U) << "a port with another aggregator starts again";
-    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x6; }, 60), 0U);
-    EXPECT_EQ(port(2).port_mask, 0x6U);
-    EXPECT_EQ(port(1).port_mask, 0U);
+    for (const std::uint16_t priority : {std::uint16_t{32768}, std::uint16_t{1}}) {
+        SCOPED_TRACE(priority);
+        running_port(1);
+        set_lacp_port_priority(0, 1, priority);
+        bring_up(3);
+        const auto undisturbed = [&](unsigned count) {
+            for (fake::take_writes(); count > 0; --count) {
+                second();
+                for (const std::uint32_t number : {2U, 3U})
+                    EXPECT_EQ(far_end(number).heard.state & LAC_MUX_BITS, LAC_MUX_BITS) << number;
+                EXPECT_EQ(trunk(1) & 0x6, 0x6U);
+            }
+        };
+        fake::take_writes();
+        change_link(1, false);
+        EXPECT_EQ(aggregator_of(1), 2U);
+        EXPECT_EQ(trunk(1), 0x6U);
+        EXPECT_EQ(fake::take_writes(), Texts{"del 1 gigabitethernet 0/1"});
+        EXPECT_EQ(port(2).port_mask, 0x6U);
+        undisturbed(10);
+        change_link(1, true);
+        undisturbed(1);
+        EXPECT_EQ(aggregator_of(1), 2U) << "it has not heard its partner";
+        undisturbed(6);
+        EXPECT_EQ(aggregator_of(1), 1U) << "the best port serves again";
+        EXPECT_EQ(trunk(1), 0x7U);
+        EXPECT_EQ(port(1).port_mask, 0x7U);
+        EXPECT_EQ(fake::take_writes(), Texts{"add 1 gigabitethernet 0/1 (32,1)"});
+        for (const std::uint32_t number : {1U, 2U, 3U})
+            leave(number);
+    }
+}
 
-    change_link(1, true);
-    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x7; }, 60), 0U);
-    EXPECT_EQ(aggregator_of(1), 1U) << "the best port serves again";
-    EXPECT_EQ(port(1).port_mask, 0x7U);
-    EXPECT_EQ(port(2).port_mask, 0U);
+// Two ticks to selection, three of wait_while; the partner goes on telling its own Synchronization.
+TEST_F(ScenarioTest, APartnerOfAnotherIdentityIsTakenAnew)
+{
+    const std::function<void(LacInfo &)> changes[] = {
+        [](LacInfo &self) { self.system_priority = 1; },
+        [](LacInfo &self) { self.system = OTHER_MAC; },
+        [](LacInfo &self) { self.key = 9; },
+        [](LacInfo &self) { self.port_priority = 1; },
+        [](LacInfo &self) { self.port += 10; },
+    };
+    bring_up(2);
+    for (const auto &change : changes) {
+        for (const std::uint32_t number : {1U, 2U}) {
+            change(far_end(number).self);
+            receive(number, far_end(number).answer());
+        }
+        EXPECT_EQ(trunk(1), 0U) << "in the same message";
+        second();
+        EXPECT_EQ(far_end(1).heard.state & LAC_MUX_BITS, 0);
+        EXPECT_EQ(seconds_until([&] { return trunk(1) == 0x3; }, 10), 4U);
+        EXPECT_EQ(far_end(1).heard.state & LAC_MUX_BITS, LAC_MUX_BITS);
+        seconds(40);
+    }
+    far_end(2).self.key = 5; // split: the best port's partner stays
+    receive(2, far_end(2).answer());
+    seconds(6);
+    EXPECT_EQ(trunk(1), 0x1U);
+    EXPECT_EQ(port(2).selected, LAC_STANDBY);
+    EXPECT_EQ(far_end(2).heard.state & LAC_SYNCHRONIZATION, 0);
+}
+
+// Four serve, the others are told to their partners as out of sync; one of them replaces a member that goes: three
+// ticks of wait_while, the partner's answer with the next.
+TEST_F(ScenarioTest, OfSixPortsFourServe)
+{
+    for (std::uint32_t number = 1; number <= 6; ++number)
+        running_port(number);
+    set_lacp_port_priority(0, 6, 1);
+    const auto told = [&] {
+        std::uint32_t in_sync = 0;
+        for (std::uint32_t number = 1; number <= 6; ++number)
+            in_sync |= (far_end(number).heard.state & LAC_SYNCHRONIZATION) != 0 ? 1U << (number - 1) : 0;
+        return in_sync;
+    };
+    seconds(60);
+    EXPECT_EQ(trunk(1), 0x27U);
+    EXPECT_EQ(told(), 0x27U);
+    fake::take_writes();
+    change_link(2, false);
+    EXPECT_EQ(trunk(1), 0x25U);
+    EXPECT_EQ(seconds_until([&] { return trunk(1) == 0x2D; }, 10), 3U);
+    second();
+    EXPECT_EQ(told() & 0x2DU, 0x2DU);
+    change_link(2, true);
+    EXPECT_EQ(seconds_until([&] { return trunk(1) == 0x27; }, 20), 7U);
+    EXPECT_EQ(told(), 0x27U);
+    EXPECT_EQ(fake::take_writes(), (Texts{"del 1 gigabitethernet 0/2", "add 1 gigabitethernet 0/4 (32,1)",
+                                          "del 1 gigabitethernet 0/4", "add 1 gigabitethernet 0/2 (32,1)"}));
+}
+
+// The partner is told no longer than until the refusal is known; after a while it is tried again.
+TEST_F(ScenarioTest, ARefusedMemberStandsBy)
+{
+    bring_up(2);
+    running_port(3);
+    fake::datastore().failures["db_olt_lacp_set_group_member_port"] = SR_ERR_CALLBACK_FAILED;
+    unsigned told = 0;
+    for (int i = 0; i < 100; ++i) {
+        second();
+        told += (far_end(3).heard.state & LAC_SYNCHRONIZATION) != 0 ? 1 : 0;
+    }
+    EXPECT_EQ(told, 1U);
+    EXPECT_EQ(port(3).selected, LAC_STANDBY);
+    EXPECT_EQ(trunk(1), 0x3U);
+    fake::datastore().failures.clear();
+    EXPECT_NE(seconds_until([&] { return trunk(1) == 0x7; }, LAC_MEMBER_BARRED_TICKS), 0U);
+}
+
+TEST_F(ScenarioTest, AMemberServesWhileItsPartnerIsInSync)
+{
+    bring_up(2);
+    for (int i = 0; i < 2; ++i) {
+        far_end(2).self.state ^= LAC_SYNCHRONIZATION;
+        receive(2, far_end(2).answer());
+        EXPECT_EQ(trunk(1), i == 0 ? 0x1U : 0x3U);
+        EXPECT_TRUE(distributing(2)) << "the machine takes it to be in sync as laid down";
+        seconds(3);
+    }
 }
 
 TEST_F(ScenarioTest, WhenTheBestPortIsTakenOutTheGroupSelectsAgain)

@@ -189,23 +189,6 @@ TEST_F(SelectionTest, DefaultedPortsStandAlone)
     EXPECT_EQ(record.muxm, LAC_MUX_WAITING) << "it restarts through DETACHED although the aggregator is the same";
 }
 
-TEST_F(SelectionTest, AnotherAggregatorRestartsTheMuxMachine)
-{
-    three_ports();
-    LacPort &record = port(2);
-    ASSERT_NE(ticks_until([&] { return record.muxm == LAC_MUX_COLLECTING_DISTRIBUTING; }), 0U);
-    fake::take_writes();
-    port(3).actor_port_priority = 1;
-    lacSelect(&port(1));
-    EXPECT_EQ(record.aggregator.get(), &port(3));
-    EXPECT_EQ(record.muxm, LAC_MUX_WAITING);
-    EXPECT_EQ(record.attached, 0U);
-    EXPECT_EQ(fake::take_writes(),
-              (Texts{"del 1 gigabitethernet 0/1", "del 1 gigabitethernet 0/2", "del 1 gigabitethernet 0/3"}));
-    EXPECT_EQ(port(1).port_mask, 0U);
-    EXPECT_EQ(port(3).port_mask, 0U);
-}
-
 TEST_F(SelectionTest, PortsOutsideTheTableAreSelectedWithoutIt)
 {
     three_ports();

@@ -139,7 +139,6 @@ TEST_F(TimerTest, PortsThatStandStillKeepTheirTimers)
         std::function<void(LacPort &)> go_on;
     };
     const Row rows[] = {
-        {"link down", [&](LacPort &) { set_link(2, false); }, [&](LacPort &) { set_link(2, true); }},
         {"link unreadable", [&](LacPort &) { fake::datastore().link_status.erase(2); },
          [&](LacPort &) { set_link(2, true); }},
         {"no LACP", [](LacPort &record) { record.lacp_enabled = 0; },

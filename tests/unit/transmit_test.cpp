@@ -217,7 +217,7 @@ TEST_F(TransmitTest, PeriodicTransitions)
 TEST_F(TransmitTest, APassivePortAnswersAnActivePartner)
 {
     create_group(1, "dynamic");
-    set_lacp_port_mode(0, 1, 0);
+    fake::datastore().mode[1] = "passive";
     LacPort &record = running_port(1);
     EXPECT_EQ(transmissions(8), Ticks{}) << "nobody is active";
     EXPECT_EQ(record.txm, LAC_NO_PERIODIC);

@@ -163,17 +163,14 @@ int deal_dynamic_channel_updown_port(int, int, std::uint32_t port_no, std::uint3
     LacPort *port = lacNoToPort(port_no);
     if (port == nullptr)
         return LAC_NO_OBJECT;
-    int sent = LAC_OK;
     if (up == 1) {
         printf("\r\n lacpPortLinkStatusEvent  port %d up wait task semaphore\r\n", port_no);
-        sent = lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_UP, 0, port->port_no);
+        lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_UP, 0, port->port_no);
     } else if (up == 0) {
         printf("\r\n lacpPortLinkStatusEvent  port %d down wait task semaphore\r\n", port_no);
-        sent = lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_DOWN, 0, port->port_no);
+        lacWaitAndSend("lacpPortLinkStatusEvent", LAC_Q_LINK_DOWN, 0, port->port_no);
     }
-    if (sent != LAC_OK)
-        port->link_event_lost = 1;
-    return LAC_OK;
+    return LAC_OK; // the next tick looks at the link itself
 }
 
 // ---- attributes -----------------------------------------------------------------------------------------------
@@ -235,9 +232,9 @@ int set_lacp_port_mode(int, std::uint32_t port, std::uint8_t mode)
     return send_attribute("set_lacp_port_mode", LAC_Q_PORT_MODE, port, mode, LAC_FAILED);
 }
 
-void set_lacp_port_timeout(int, std::uint32_t port, std::uint32_t timeout)
+int set_lacp_port_timeout(int, std::uint32_t port, std::uint32_t timeout)
 {
-    send_attribute("set_lacp_port_timeout", LAC_Q_PORT_TIMEOUT, port, timeout, LAC_FAILED);
+    return send_attribute("set_lacp_port_timeout", LAC_Q_PORT_TIMEOUT, port, timeout, LAC_OK);
 }
 
 int set_lacp_port_state(std::uint32_t port, std::uint32_t state)

@@ -37,9 +37,9 @@ int get_lacp_port_individual(std::uint32_t port);
 int get_lacp_port_state(std::uint32_t port);
 LacPort *set_lacp_port_oper_key(std::uint32_t port, std::uint16_t key);
 int set_lacp_port_priority(int slot, std::uint32_t port, std::uint16_t priority);
-int set_lacp_port_mode(int slot, std::uint32_t port, std::uint8_t mode);         // bit 0: 1 active, 0 passive
-void set_lacp_port_timeout(int slot, std::uint32_t port, std::uint32_t timeout); // 1 short, else long
-int set_lacp_port_state(std::uint32_t port, std::uint32_t state);                // 1 on, else off
+int set_lacp_port_mode(int slot, std::uint32_t port, std::uint8_t mode);        // bit 0: 1 active, 0 passive
+int set_lacp_port_timeout(int slot, std::uint32_t port, std::uint32_t timeout); // 1 short, else long
+int set_lacp_port_state(std::uint32_t port, std::uint32_t state);               // 1 on, else off
 int set_lacp_port_enable(int port);
 int set_lacp_system_priority(std::uint16_t priority);
 // Replaces the address that LACPDUs carry as Actor_System.

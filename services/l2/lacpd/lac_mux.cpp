@@ -1,28 +1,14 @@
 #include "lac_mux.h"
 
-#include "channel_group_member.h"
 #include "lac_port.h"
 #include "lac_timer.h"
 #include "lac_tx.h"
 
-#include "keldatabase/keldatabase.h"
+#include <optional>
 
-#include <cstdio>
-
-// Numbers and names that the attachment messages carry.
+// Number and name that the attachment's trace carries.
 constexpr int ATTACH_TRACE_LINE = 792;
-constexpr int ATTACH_FAILURE_LINE = 803;
 constexpr char ATTACH_NAME[] = "lac_add_port_to_aggregator";
-constexpr int DETACH_FAILURE_LINE = 849;
-constexpr char DETACH_NAME[] = "lac_bcm_remove_port_from_trunk";
-
-constexpr std::size_t INTERFACE_NAME_SIZE = 32;
-constexpr std::uint64_t SETTLE_MS = 400; // of a tick's second
-
-static std::uint32_t port_bit(const LacPort *port)
-{
-    return 1U << ((port->port_no - 1) % 32);
-}
 
 // ---- collecting and distributing ------------------------------------------------------------------------------
 
@@ -33,7 +19,7 @@ void lacDisableCollectingDistributing(LacPort *) {}
 void lacInitPortMask(LacPort *port)
 {
     LacAggregator *aggregator = port->aggregator;
-    aggregator->port_mask = port_bit(port);
+    aggregator->port_mask = lac_port_bit(port);
     lac_trace(LAC_DBG_MASK, "[Init Mask: %d to %d %x:%x]\r\n", aggregator->port_no, aggregator->port_no,
               aggregator->port_mask.get(), aggregator->port_mask.get());
 }
@@ -44,8 +30,8 @@ void Enable_Collecting_Distributing(LacPort *port)
         return;
     LacAggregator *aggregator = port->aggregator;
     lac_trace(LAC_DBG_COLL_DIST, "[ECD p=%d, ap=%d]\r\n", port->port_no, aggregator->port_no);
-    aggregator->port_mask |= port_bit(port);
-    lac_trace(LAC_DBG_MASK, "[Add Mask: %d to %d %x:%x]\r\n", port->port_no, aggregator->port_no, port_bit(port),
+    aggregator->port_mask |= lac_port_bit(port);
+    lac_trace(LAC_DBG_MASK, "[Add Mask: %d to %d %x:%x]\r\n", port->port_no, aggregator->port_no, lac_port_bit(port),
               aggregator->port_mask.get());
     lacEnableCollectingDistributing(port);
     port->coll_dist = 1;
@@ -56,9 +42,9 @@ void Disable_Collecting_Distributing(LacPort *port, LacAggregator *aggregator)
     if (port->coll_dist == 0)
         return;
     lac_trace(LAC_DBG_COLL_DIST, "[DCD p=%d, ap=%d]\r\n", port->port_no, aggregator->port_no);
-    aggregator->port_mask &= ~port_bit(port);
-    lac_trace(LAC_DBG_MASK, "[Remove Mask: %d from %d %x:%x]\r\n", port->port_no, aggregator->port_no, port_bit(port),
-              aggregator->port_mask.get());
+    aggregator->port_mask &= ~lac_port_bit(port);
+    lac_trace(LAC_DBG_MASK, "[Remove Mask: %d from %d %x:%x]\r\n", port->port_no, aggregator->port_no,
+              lac_port_bit(port), aggregator->port_mask.get());
     lacDisableCollectingDistributing(port);
     port->coll_dist = 0;
 }
@@ -66,66 +52,13 @@ void Disable_Collecting_Distributing(LacPort *port, LacAggregator *aggregator)
 void lacChangeAggregator(LacPort *port, LacAggregator *aggregator)
 {
     if (port->coll_dist == 1 && port->aggregator != aggregator) {
-        port->aggregator->port_mask &= ~port_bit(port);
-        aggregator->port_mask |= port_bit(port);
+        port->aggregator->port_mask &= ~lac_port_bit(port);
+        aggregator->port_mask |= lac_port_bit(port);
     }
     port->aggregator = aggregator;
 }
 
 // ---- attachment -----------------------------------------------------------------------------------------------
-
-static int write_member(LacPort *port)
-{
-    char name[INTERFACE_NAME_SIZE] = {};
-    snprintf(name, sizeof(name), "gigabitethernet %d/%d", LAC_SLOT, port->port_no);
-    const int result =
-        db_olt_lacp_set_group_member_port(static_cast<int>(port->member_wanted), &g_lacpd_db, name, sizeof(name), 1);
-    if (result != 0)
-        printf("LINE %d FUNC %s add interface to lacp-group database failed! ret=%d\n", ATTACH_FAILURE_LINE,
-               ATTACH_NAME, result);
-    port->member_written = port->member_wanted; // also after a failure: the write may have come through
-    port->member_owed = result != 0;
-    return result;
-}
-
-static int erase_member(LacPort *port, std::uint32_t group)
-{
-    const int result =
-        db_olt_lacp_del_group_member_port(static_cast<int>(group), LAC_SLOT, port->port_no, &g_lacpd_db);
-    if (result != 0)
-        printf("LINE %d FUNC %s del interface from lacp-group database failed! ret=%d\n", DETACH_FAILURE_LINE,
-               DETACH_NAME, result);
-    if (port->member_written == group && (result == 0 || result == SR_ERR_NOT_FOUND))
-        port->member_written = 0;
-    port->member_owed = port->member_written != 0;
-    return result;
-}
-
-// A port that cannot be taken out of another group's list is not written: it would be in two trunks.
-static void move_member(LacPort *port)
-{
-    if (port->member_written != 0 && port->member_written != port->member_wanted)
-        erase_member(port, port->member_written);
-    if (port->member_written == 0 || port->member_written == port->member_wanted)
-        write_member(port);
-}
-
-// One more attempt at a refused write.
-static void settle_member(LacPort *port)
-{
-    if (port->member_wanted != 0)
-        move_member(port);
-    else if (port->member_written != 0)
-        erase_member(port, port->member_written);
-}
-
-void lacSettleMembers()
-{
-    const std::uint64_t start = lac_now_ms();
-    for (LacPort *port : lac_ports())
-        if (port->member_owed != 0 && lac_now_ms() - start < SETTLE_MS)
-            settle_member(port);
-}
 
 void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no)
 {
@@ -135,14 +68,9 @@ void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no)
         return;
     }
     lac_trace(LAC_DBG_ATTACH, "\r\nAttaching port %d to aggregator %d\r\n", port_no, agg_no);
-    if (port->rxm == LAC_RX_CURRENT) {
+    if (port->rxm == LAC_RX_CURRENT)
         lac_trace(LAC_DBG_GLOBAL, "\r\nMsg: %s %d   port_no = %d, aggr_no = %d\r\n", ATTACH_NAME, ATTACH_TRACE_LINE,
                   port_no, agg_no);
-        if (port->individual == 0) {
-            port->member_wanted = port->channel_group_id;
-            move_member(port);
-        }
-    }
     port->attached_group = port->channel_group_id;
     port->attached = 1;
 }
@@ -153,11 +81,7 @@ void Detach_Mux_From_Aggregator(std::uint32_t port_no, int agg_no)
     if (port->attached == 0)
         return;
     lac_trace(LAC_DBG_ATTACH, "Detaching port %d from aggregator %d\r\n", port_no, agg_no);
-    if (get_lacp_channel_group_id(port_no) != LAC_FAILED) {
-        lac_trace(LAC_DBG_GLOBAL, "\r\nMsg: remove port_no  %d from aggr_no %d.\r\n", port_no, agg_no);
-        port->member_wanted = 0;
-        erase_member(port, port->attached_group);
-    }
+    lac_trace(LAC_DBG_GLOBAL, "\r\nMsg: remove port_no  %d from aggr_no %d.\r\n", port_no, agg_no);
     port->attached = 0;
 }
 
@@ -195,11 +119,12 @@ void enter_detached(const MuxRun &run)
     lac_trace(LAC_DBG_MUX, "[%d mux DETACHE]\r\n", run.port_no);
     Detach_Mux_From_Aggregator(port->port_no, run.agg_no);
     port->ready_n = 0;
-    lac_clear_actor_state(port, LAC_SYNCHRONIZATION | LAC_COLLECTING | LAC_DISTRIBUTING);
+    lac_clear_actor_state(port, LAC_MUX_BITS);
     Disable_Collecting_Distributing(port, port->aggregator);
     tx_machine(port, Lac_ntt);
     port->aggregator_partner_system = Mac{};
     port->aggregator_partner_key = 0;
+    port->waits_selected = false;
     port->muxm = LAC_MUX_DETACHED;
 }
 
@@ -216,7 +141,7 @@ bool evaluate_detached(const MuxRun &run)
 void enter_waiting(const MuxRun &run)
 {
     lac_trace(LAC_DBG_MUX, "[%d mux WAIT]\r\n", run.port_no);
-    if (run.port->wait_while_timer.active == 0)
+    if (run.port->wait_while_timer.active == 0 && !run.port->in_place)
         Start_wait_while_timer(run.port);
     run.port->muxm = LAC_MUX_WAITING;
 }
@@ -231,10 +156,20 @@ std::uint32_t group_is_ready(const LacPort *port)
     return 0;
 }
 
+// The count of a port that goes on waiting is not started over: in a group that is selected on every other tick, as
+// by a fast partner, it would never end.
+void wait_on(LacPort *port)
+{
+    const bool selected = port->selected == LAC_SELECTED;
+    if (!selected || !port->waits_selected || port->wait_while_timer.active == 0)
+        Start_wait_while_timer(port);
+    port->waits_selected = selected;
+}
+
 bool evaluate_waiting(const MuxRun &run)
 {
     LacPort *port = run.port;
-    port->ready = group_is_ready(port);
+    port->ready = port->in_place ? 1 : group_is_ready(port);
     lac_trace(LAC_DBG_MUX, "[%d mux WAITING selected %d Ready %d]\r\n", run.port_no, port->selected.get(),
               port->ready.get());
     if (port->selected == LAC_UNSELECTED) {
@@ -245,7 +180,7 @@ bool evaluate_waiting(const MuxRun &run)
         port->muxm = LAC_MUX_ENTER_ATTACHED;
         return true;
     }
-    Start_wait_while_timer(port);
+    wait_on(port);
     return false;
 }
 
@@ -284,16 +219,6 @@ bool evaluate_attached(const MuxRun &run)
     return false;
 }
 
-// A port that was EXPIRED when it was attached is no member yet. Its partner has been heard again since.
-void add_late_member(LacPort *port)
-{
-    if (port->member_wanted != 0 || port->channel_group_id == 0 || port->rxm != LAC_RX_CURRENT ||
-        port->individual == 1)
-        return;
-    port->member_wanted = port->channel_group_id;
-    move_member(port);
-}
-
 void enter_collecting_distributing(const MuxRun &run)
 {
     LacPort *port = run.port;
@@ -310,10 +235,8 @@ bool evaluate_collecting_distributing(const MuxRun &run)
     LacPort *port = run.port;
     lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d selected %d synchronization %d]\r\n", run.port_no,
               port->muxm.get(), port->selected.get(), is_synchronized(port));
-    if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && may_collect(port)) {
-        add_late_member(port);
+    if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && may_collect(port))
         return false;
-    }
     port->muxm = LAC_MUX_ENTER_ATTACHED;
     return true;
 }
@@ -373,4 +296,38 @@ void lacMuxMachineInitPort(LacPort *port)
     port->next_lag_port = port;
     lac_trace(LAC_DBG_MUX, "\r\n lacMuxMachineInitPort port %d port->muxm %d\r\n", port->port_no, port->muxm.get());
     lacMuxMachine(port);
+}
+
+// ---- kick -----------------------------------------------------------------------------------------------------
+
+// Whether the mux machine could move from the state, or nothing for a state that the machine does not run in.
+static std::optional<bool> may_move(const LacPort *port)
+{
+    switch (port->muxm & LAC_MUX_STATE_MASK) {
+    case LAC_MUX_DETACHED:
+        return port->selected == LAC_SELECTED || port->selected == LAC_STANDBY;
+    case LAC_MUX_WAITING:
+        return port->selected == LAC_UNSELECTED;
+    case LAC_MUX_ATTACHED:
+    case LAC_MUX_COLLECTING:
+    case LAC_MUX_DISTRIBUTING:
+    case LAC_MUX_COLLECTING_DISTRIBUTING:
+        return port->selected != LAC_SELECTED || is_synchronized(port);
+    default:
+        return std::nullopt;
+    }
+}
+
+// A running scheduler is left alone: started over on every tick, as by the expiries of a DEFAULTED port or a partner
+// that transmits every second, it would never expire, and the port would never be selected again.
+//
+// A port that has become UNSELECTED leaves its aggregator at once (43.4.15). Left to the next selection, which marks
+// it SELECTED first, it would stay, and its partner would wait for our Synchronization for ever.
+void lacKickMux(LacPort *port, LacKick after)
+{
+    const bool unstarted_moves = after == LacKick::event && port->selected == LAC_UNSELECTED;
+    if (may_move(port).value_or(unstarted_moves) && port->mux_scheduler.active == 0)
+        mux_scheduler_start(port);
+    if (port->attached == 1 && port->selected == LAC_UNSELECTED)
+        lacMuxMachine(port);
 }

@@ -10,13 +10,14 @@ void lacInitPortMask(LacPort *port);
 // State 0 to 6 of an existing port.
 std::uint32_t lacGetMuxMachineState(std::uint32_t port_no);
 
-// Marks the port attached and, with a partner, writes it into the group's member ports.
+// Mark the port attached in its group, or detached. The group's member ports follow when the message is done with.
 void Attach_Mux_To_Aggregator(std::uint32_t port_no, int agg_no);
-// Marks the port detached and removes it from the member ports of the group it was attached in.
 void Detach_Mux_From_Aggregator(std::uint32_t port_no, int agg_no);
 
-// Tries again what the datastore has refused of these writes. Once a tick.
-void lacSettleMembers();
+// Starts the port's mux scheduler when what the receive machine did may let the mux machine move; a port that has
+// become UNSELECTED is detached. An event other than a LACPDU also starts it for a machine that has not run yet.
+enum class LacKick { lacpdu, event };
+void lacKickMux(LacPort *port, LacKick after);
 
 // Points the port at another aggregator; its bit in the mask moves with it.
 void lacChangeAggregator(LacPort *port, LacAggregator *aggregator);

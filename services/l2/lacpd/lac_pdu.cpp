@@ -159,5 +159,5 @@ void lacRx(LacPort *port, const LacPdu &pdu)
     port->stats->last_rx_ms = lac_now_ms();
     lacRxMachine(port, Lac_received, &pdu);
     detect_moved_partner(port, pdu);
-    lacKickMux(port);
+    lacKickMux(port, LacKick::lacpdu);
 }

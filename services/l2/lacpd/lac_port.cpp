@@ -170,6 +170,7 @@ int lacInitPort(LacPort *port)
     port->port_moved = 0;
     port->matched = 0;
     port->hold_count = 0;
+    port->member_barred = 0;
 
     Lac_timers_init(port);
     tx_machine(port, Lac_init);

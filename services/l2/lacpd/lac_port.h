@@ -32,6 +32,12 @@ LacInfo lac_partner_info(const LacPort *port);
 LacInfo lac_partner_admin_info(const LacPort *port);
 void lac_set_partner_info(LacPort *port, const LacInfo &info);
 
+// The port in a port mask.
+inline std::uint32_t lac_port_bit(const LacPort *port)
+{
+    return 1U << ((port->port_no - 1) % 32);
+}
+
 inline void lac_set_actor_state(LacPort *port, std::uint8_t bits)
 {
     port->actor_oper_state |= bits;

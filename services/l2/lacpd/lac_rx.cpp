@@ -5,50 +5,6 @@
 #include "lac_timer.h"
 #include "lac_tx.h"
 
-#include <optional>
-
-// ---- mux kick -------------------------------------------------------------------------------------------------
-
-// Whether the mux machine could move from the state, or nothing for a state that the machine does not run in.
-static std::optional<bool> mux_may_move(const LacPort *port)
-{
-    const std::uint32_t selected = port->selected;
-    const bool synchronized = (port->partner_oper_state & LAC_SYNCHRONIZATION) != 0;
-    switch (lacGetMuxMachineState(port->port_no)) {
-    case LAC_MUX_DETACHED:
-        return selected == LAC_SELECTED || selected == LAC_STANDBY;
-    case LAC_MUX_WAITING:
-        return selected == LAC_UNSELECTED;
-    case LAC_MUX_ATTACHED:
-    case LAC_MUX_COLLECTING:
-    case LAC_MUX_DISTRIBUTING:
-    case LAC_MUX_COLLECTING_DISTRIBUTING:
-        return selected != LAC_SELECTED || synchronized;
-    default:
-        return std::nullopt;
-    }
-}
-
-// A running scheduler is left alone: started over on every tick, as by the expiries of a DEFAULTED port or a partner
-// that transmits every second, it would never expire, and the port would never be selected again.
-static void kick(LacPort *port)
-{
-    if (port->mux_scheduler.active == 0)
-        mux_scheduler_start(port);
-}
-
-void lacKickMux(LacPort *port)
-{
-    if (mux_may_move(port).value_or(false))
-        kick(port);
-}
-
-static void kick_mux_after_event(LacPort *port)
-{
-    if (mux_may_move(port).value_or(port->selected == LAC_UNSELECTED))
-        kick(port);
-}
-
 // ---- state entries --------------------------------------------------------------------------------------------
 
 static void record_change(LacPort *port)
@@ -59,6 +15,7 @@ static void record_change(LacPort *port)
 static void record_default(LacPort *port)
 {
     lac_set_partner_info(port, lac_partner_admin_info(port));
+    port->heard_state = 0;
 }
 
 static void enter_expired(LacPort *port)
@@ -114,14 +71,15 @@ static void enter_port_disabled(LacPort *port)
         enter_port_enabled(port);
 }
 
-// The key and the port priority are not administrative values: they stay as configured.
+// The key and the port priority are not administrative values: they stay as configured. The mux machine's bits of the
+// administrative state are not claimed: a partner would take the port for attached, and send into it.
 static void restore_actor(LacPort *port)
 {
     const int timeout = port->actor_oper_state & LAC_TIMEOUT;
     port->actor_system_priority = port->actor_admin_system_priority;
     port->actor_system = port->actor_admin_system;
     port->actor_port = port->actor_admin_port;
-    port->actor_oper_state = static_cast<std::uint8_t>(port->actor_admin_state | timeout);
+    port->actor_oper_state = static_cast<std::uint8_t>((port->actor_admin_state & ~LAC_MUX_BITS) | timeout);
 }
 
 static void enter_initialize(LacPort *port)
@@ -239,6 +197,7 @@ static void record_synchronization(LacPort *port, const LacPdu &pdu, const Partn
 static void record_pdu(LacPort *port, const LacPdu &pdu)
 {
     lac_set_partner_info(port, pdu.actor);
+    port->heard_state = pdu.actor.state;
     port->aggregator_partner_system = pdu.actor.system;
     port->aggregator_partner_system_priority = pdu.actor.system_priority;
     port->aggregator_partner_key = pdu.actor.key;
@@ -308,5 +267,5 @@ void lacRxMachine(LacPort *port, std::uint32_t event, const LacPdu *pdu)
         lac_trace(LAC_DBG_RX, "[port %d rx default]\r\n", port->port_no);
         break;
     }
-    kick_mux_after_event(port);
+    lacKickMux(port, LacKick::event);
 }

@@ -5,6 +5,3 @@
 
 // Runs the machine for one event. `pdu` is given with Lac_received only.
 void lacRxMachine(LacPort *port, std::uint32_t event, const LacPdu *pdu);
-
-// Starts the port's mux scheduler when what was received may let its mux machine move.
-void lacKickMux(LacPort *port);

@@ -7,21 +7,43 @@
 
 #include "keldatabase/keldatabase.h"
 
+#include <bit>
 #include <cstdio>
 
-// First number of the ranking traces.
-enum RankingTrace : int {
-    TRACE_FIRST = 188,
-    TRACE_FASTER = 194,
-    TRACE_SLOWER = 200,
-    TRACE_BETTER_PRIORITY = 205,
-    TRACE_WORSE_PRIORITY = 211,
-    TRACE_NOT_DEFAULTED = 216,
-    TRACE_DEFAULTED = 222,
-    TRACE_LOWER_PORT = 227,
+// The ranking rules by the first number of their traces.
+enum Ranking : int {
+    RANK_FIRST = 188,
+    RANK_FASTER = 194,
+    RANK_SLOWER = 200,
+    RANK_BETTER_PRIORITY = 205,
+    RANK_WORSE_PRIORITY = 211,
+    RANK_NOT_DEFAULTED = 216,
+    RANK_DEFAULTED = 222,
+    RANK_LOWER_PORT = 227,
+    RANK_BEHIND = 0, // a higher port number, or the same; not traced
 };
 
 // ---- ranking --------------------------------------------------------------------------------------------------
+
+// Whether the port's partner is what is set for it and not what was heard.
+static bool is_defaulted(const LacPort *port)
+{
+    return (port->actor_oper_state & LAC_DEFAULTED) != 0;
+}
+
+// A port that has not heard its partner does not take the aggregation over from those in service.
+static bool is_in_service(const LacPort *port)
+{
+    return port->attached == 1 && port->individual == 0 && !is_defaulted(port);
+}
+
+static bool group_is_in_service(std::uint32_t group)
+{
+    for (const LacPort *port : lac_ports())
+        if (port->channel_group_id == group && is_in_service(port))
+            return true;
+    return false;
+}
 
 static bool is_candidate(const LacPort *port, std::uint32_t group)
 {
@@ -29,50 +51,71 @@ static bool is_candidate(const LacPort *port, std::uint32_t group)
            lacIsPortFullDuplex(port) == 1 && port->rxm != LAC_RX_DEFAULTED;
 }
 
-// Whether `port` ranks above the best one found so far; the first difference decides.
-static bool outranks(const LacPort *port, const LacPort *best)
+// The first difference between a port and the best one found so far decides.
+static Ranking compare(const LacPort *port, const LacPort *best)
 {
     const std::int32_t speed = lacGetLinkSpeed(port);
     const std::int32_t best_speed = lacGetLinkSpeed(best);
-    if (speed != best_speed) {
-        const bool wins = speed > best_speed;
-        lac_trace(LAC_DBG_SELECT, "[line %d best %d speed %d ap %d speed %d]\r\n", wins ? TRACE_FASTER : TRACE_SLOWER,
-                  best->port_no, best_speed, port->port_no, speed);
-        return wins;
+    if (speed != best_speed)
+        return speed > best_speed ? RANK_FASTER : RANK_SLOWER;
+    if (port->actor_port_priority != best->actor_port_priority)
+        return port->actor_port_priority < best->actor_port_priority ? RANK_BETTER_PRIORITY : RANK_WORSE_PRIORITY;
+    if (is_defaulted(port) != is_defaulted(best))
+        return is_defaulted(port) ? RANK_DEFAULTED : RANK_NOT_DEFAULTED;
+    return port->actor_port < best->actor_port ? RANK_LOWER_PORT : RANK_BEHIND;
+}
+
+static bool outranks(Ranking ranking)
+{
+    return ranking == RANK_FASTER || ranking == RANK_BETTER_PRIORITY || ranking == RANK_NOT_DEFAULTED ||
+           ranking == RANK_LOWER_PORT;
+}
+
+static bool ranks_before(const LacPort *port, const LacPort *other)
+{
+    return outranks(compare(port, other));
+}
+
+static void trace_ranking(Ranking ranking, const LacPort *port, const LacPort *best)
+{
+    switch (ranking) {
+    case RANK_FIRST:
+        lac_trace(LAC_DBG_SELECT, "[line %d best %d]\r\n", ranking, port->port_no);
+        break;
+    case RANK_FASTER:
+    case RANK_SLOWER:
+        lac_trace(LAC_DBG_SELECT, "[line %d best %d speed %d ap %d speed %d]\r\n", ranking, best->port_no,
+                  lacGetLinkSpeed(best), port->port_no, lacGetLinkSpeed(port));
+        break;
+    case RANK_BETTER_PRIORITY:
+    case RANK_WORSE_PRIORITY:
+        lac_trace(LAC_DBG_SELECT, "[line %d best %d pri %d ap %d pri %d]\r\n", ranking, best->port_no,
+                  best->actor_port_priority.get(), port->port_no, port->actor_port_priority.get());
+        break;
+    case RANK_NOT_DEFAULTED:
+    case RANK_DEFAULTED:
+        lac_trace(LAC_DBG_SELECT, "[line %d best %d def %d ap %d def %d]\r\n", ranking, best->port_no,
+                  is_defaulted(best), port->port_no, is_defaulted(port));
+        break;
+    case RANK_LOWER_PORT:
+        lac_trace(LAC_DBG_SELECT, "[line %d best %d ap %d]\r\n", ranking, best->port_no, port->port_no);
+        break;
+    case RANK_BEHIND:
+        break;
     }
-    const std::uint16_t priority = port->actor_port_priority;
-    const std::uint16_t best_priority = best->actor_port_priority;
-    if (priority != best_priority) {
-        const bool wins = priority < best_priority;
-        lac_trace(LAC_DBG_SELECT, "[line %d best %d pri %d ap %d pri %d]\r\n",
-                  wins ? TRACE_BETTER_PRIORITY : TRACE_WORSE_PRIORITY, best->port_no, best_priority, port->port_no,
-                  priority);
-        return wins;
-    }
-    const bool defaulted = (port->actor_oper_state & LAC_DEFAULTED) != 0;
-    const bool best_defaulted = (best->actor_oper_state & LAC_DEFAULTED) != 0;
-    if (defaulted != best_defaulted) {
-        lac_trace(LAC_DBG_SELECT, "[line %d best %d def %d ap %d def %d]\r\n",
-                  defaulted ? TRACE_DEFAULTED : TRACE_NOT_DEFAULTED, best->port_no, best_defaulted, port->port_no,
-                  defaulted);
-        return best_defaulted;
-    }
-    if (port->actor_port >= best->actor_port)
-        return false;
-    lac_trace(LAC_DBG_SELECT, "[line %d best %d ap %d]\r\n", TRACE_LOWER_PORT, best->port_no, port->port_no);
-    return true;
 }
 
 static LacPort *best_port(LacPort *calling)
 {
     const std::uint32_t group = calling->channel_group_id;
+    const bool in_service = group_is_in_service(group);
     LacPort *best = nullptr;
     for (LacPort *port : lac_ports()) {
-        if (!is_candidate(port, group))
+        if (!is_candidate(port, group) || (in_service && is_defaulted(port)))
             continue;
-        if (best == nullptr)
-            lac_trace(LAC_DBG_SELECT, "[line %d best %d]\r\n", TRACE_FIRST, port->port_no);
-        if (best == nullptr || outranks(port, best))
+        const Ranking ranking = best == nullptr ? RANK_FIRST : compare(port, best);
+        trace_ranking(ranking, port, best);
+        if (best == nullptr || outranks(ranking))
             best = port;
     }
     return best == nullptr ? calling : best;
@@ -101,6 +144,31 @@ static bool fits(const LacPort *port, const LacPort *best)
            !is_looped_back(port);
 }
 
+// A link that is aggregated with the best port's; one whose member write was refused is not.
+static bool may_serve(const LacPort *port, const LacPort *best)
+{
+    return port->channel_group_id == best->channel_group_id && port->rxm != LAC_RX_DEFAULTED &&
+           port->member_barred == 0 && fits(port, best);
+}
+
+// The ports that serve, as a mask: of those that fit, as many as a group has room for, by rank.
+static std::uint32_t serving_ports(const LacPort *best)
+{
+    std::uint32_t fitting = 0;
+    for (const LacPort *port : lac_ports())
+        fitting |= may_serve(port, best) ? lac_port_bit(port) : 0;
+    if (std::popcount(fitting) <= static_cast<int>(CHANNEL_GROUP_MAX_PORTS))
+        return fitting;
+    std::uint32_t serving = 0;
+    for (const LacPort *port : lac_ports()) {
+        std::uint32_t ahead = 0;
+        for (const LacPort *other : lac_ports())
+            ahead += (fitting & lac_port_bit(other)) != 0 && ranks_before(other, port);
+        serving |= ahead < CHANNEL_GROUP_MAX_PORTS ? fitting & lac_port_bit(port) : 0;
+    }
+    return serving;
+}
+
 static void record_aggregator(const LacPort *port, const LacPort *best)
 {
     const auto group = static_cast<int>(port->channel_group_id.get());
@@ -111,19 +179,24 @@ static void record_aggregator(const LacPort *port, const LacPort *best)
     set_channel_group_master_port(group, best->port_no);
 }
 
-// A port whose partner has gone silent passes through DETACHED: so it leaves the group's member ports and the trunk.
 static void stand_alone(LacPort *port)
 {
     lac_trace(LAC_DBG_SELECT, "%s port %d enter Individual_Aggregator\n", "lacSelect", port->port_no);
-    if (port->individual == 0 || port->aggregator != port)
-        port->muxm = LAC_MUX_ENTER_DETACHED;
     port->individual = 1;
     lacChangeAggregator(port, port);
     port->selected = LAC_SELECTED;
 }
 
-static void join(LacPort *port, LacPort *best)
+// A member that has waited in this group does not wait again because its aggregator has changed.
+static bool has_waited(const LacPort *port)
 {
+    return port->attached == 1 && port->attached_group == port->channel_group_id && port->selected == LAC_SELECTED &&
+           port->rxm == LAC_RX_CURRENT && port->individual == 0;
+}
+
+static void join(LacPort *port, LacPort *best, bool serves)
+{
+    const bool waited = has_waited(port);
     if (port->aggregator != best) {
         port->muxm = LAC_MUX_ENTER_DETACHED;
         lacChangeAggregator(port, best);
@@ -134,35 +207,26 @@ static void join(LacPort *port, LacPort *best)
         port->muxm = LAC_MUX_ENTER_DETACHED;
         port->individual = 0;
     }
-    if (fits(port, best)) {
-        port->selected = LAC_SELECTED;
+    port->selected = serves ? LAC_SELECTED : LAC_STANDBY;
+    port->in_place = waited && serves;
+    if (serves)
         lac_trace(LAC_DBG_MUX, "\r\n lacSelect port %d ---> Selected\r\n", port->port_no);
-    } else {
-        port->selected = LAC_STANDBY;
+    else
         lac_trace(LAC_DBG_MUX, "\r\n lacSelect port %d ---> Standby\r\n", port->port_no);
-    }
 }
 
-static bool is_waiting(const LacPort *port)
+static void assign(LacPort *port, LacPort *best, bool serves)
 {
-    return port->muxm == LAC_MUX_WAITING && port->selected == LAC_SELECTED && port->wait_while_timer.active == 1;
-}
-
-// A port that goes on waiting for the same aggregator is left to its timer: the machine would start the waiting time
-// over, and in a group that is selected on every other tick, as by a fast partner, it would never end.
-static void assign(LacPort *port, LacPort *best)
-{
-    const bool was_waiting = is_waiting(port);
     if (port->lacp_enabled == 0 || port->port_enabled == 0) {
         port->selected = LAC_UNSELECTED;
         lacChangeAggregator(port, port);
     } else if (port->rxm == LAC_RX_DEFAULTED) {
         stand_alone(port);
     } else {
-        join(port, best);
+        join(port, best, serves);
     }
-    if (!was_waiting || !is_waiting(port))
-        lacMuxMachine(port);
+    lacMuxMachine(port);
+    port->in_place = false;
 }
 
 static void select_before_start(LacPort *port, LacPort *best)
@@ -182,9 +246,10 @@ void lacSelect(LacPort *port)
         select_before_start(port, best);
         return;
     }
+    const std::uint32_t serving = serving_ports(best);
     for (LacPort *member : lac_ports())
         if (member->channel_group_id == best->channel_group_id)
-            assign(member, best);
+            assign(member, best, (serving & lac_port_bit(member)) != 0);
 }
 
 // ---- aggregations ---------------------------------------------------------------------------------------------

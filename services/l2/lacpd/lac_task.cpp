@@ -1,6 +1,7 @@
 #include "lac_task.h"
 
 #include "channel_group_member.h"
+#include "lac_member.h"
 #include "lac_memory.h"
 #include "lac_pdu.h"
 #include "lac_port.h"
@@ -9,12 +10,18 @@
 
 #include "sysutil/sysutil.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <sys/prctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
+
+// Messages that the queue keeps room for, and whether it is for the calling thread.
+std::atomic<std::size_t> room_taken;
+thread_local bool has_room;
 
 constexpr useconds_t DISPATCH_PAUSE_US = 100;
 constexpr unsigned TICK_SECONDS = 1;
@@ -123,6 +130,12 @@ static int refuse(std::uint64_t code, std::uint64_t payload)
     return LAC_FAILED;
 }
 
+static int report_full()
+{
+    printf("\r\nMsg: %s lac queue is full,cann't send any more\n\r", "lacQSend");
+    return LAC_FAILED;
+}
+
 static int try_send(std::uint64_t code, std::uint64_t payload, std::uint64_t port)
 {
     const int waiting = Lac_Queue.count();
@@ -131,8 +144,9 @@ static int try_send(std::uint64_t code, std::uint64_t payload, std::uint64_t por
         return refuse(code, payload);
     }
     lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue code %08lx msgNum %d\n\r", "lacQSend", code, waiting);
-    if (static_cast<std::uint64_t>(waiting) >= LAC_QUEUE_LIMIT) {
-        printf("\r\nMsg: %s lac queue is full,cann't send any more\n\r", "lacQSend");
+    const std::size_t kept = has_room ? 0 : room_taken.load();
+    if (static_cast<std::size_t>(waiting) + kept >= LAC_QUEUE_LIMIT) {
+        report_full();
         return refuse(code, payload);
     }
     if (!Lac_Queue.push({1, code, payload, port})) {
@@ -155,6 +169,33 @@ int lacWaitAndSend(const char *sender, std::uint64_t code, std::uint64_t payload
     lac_trace(LAC_DBG_LOCK, "\r\n %s wait task semaphore\r", sender);
     wait_for_send_lock();
     return lacQSend(code, payload, port);
+}
+
+LacQueueRoom::LacQueueRoom(std::size_t messages) : outer_(has_room)
+{
+    if (outer_)
+        return;
+    wait_for_send_lock();
+    const int waiting = Lac_Queue.count();
+    has_room = waiting >= 0 && static_cast<std::size_t>(waiting) + messages <= LAC_QUEUE_LIMIT;
+    if (has_room)
+        room_taken = messages;
+    else
+        report_full();
+    sem_post(&lac_task_sem);
+}
+
+LacQueueRoom::~LacQueueRoom()
+{
+    if (outer_)
+        return;
+    room_taken = 0;
+    has_room = false;
+}
+
+LacQueueRoom::operator bool() const
+{
+    return has_room;
 }
 
 std::uint32_t get_lac_global_enable()
@@ -264,7 +305,7 @@ static void dispatch_attribute(const LacQueueMsg &message)
     }
 }
 
-void lacDispatch(LacQueueMsg &message)
+static void run_machines(LacQueueMsg &message)
 {
     switch (message.code) {
     case LAC_Q_LACP_ON:
@@ -289,6 +330,14 @@ void lacDispatch(LacQueueMsg &message)
         dispatch_attribute(message);
         break;
     }
+}
+
+void lacDispatch(LacQueueMsg &message)
+{
+    run_machines(message);
+    bool retry = message.code == LAC_Q_TICK;
+    while (LacPort *barred = lacSettleMembers(std::exchange(retry, false)))
+        lacSelect(barred);
 }
 
 // ---- threads --------------------------------------------------------------------------------------------------

@@ -95,6 +95,21 @@ int lacQSend(std::uint64_t code, std::uint64_t payload, std::uint64_t port);
 // Takes the send lock under the caller's name and sends.
 int lacWaitAndSend(const char *sender, std::uint64_t code, std::uint64_t payload, std::uint64_t port);
 
+// Room in the queue for the messages of one change, which so is sent as a whole or refused as a whole. For the event
+// thread only; an object within the life of another uses the room of that one.
+class LacQueueRoom
+{
+  public:
+    explicit LacQueueRoom(std::size_t messages);
+    ~LacQueueRoom();
+    LacQueueRoom(const LacQueueRoom &) = delete;
+    LacQueueRoom &operator=(const LacQueueRoom &) = delete;
+    explicit operator bool() const;
+
+  private:
+    bool outer_;
+};
+
 // Acts on one message (dispatcher thread). Frees a PDU and clears the message's reference to it.
 void lacDispatch(LacQueueMsg &message);
 // Sends one tick and counts lost ones (timer thread). While one still waits no other is sent: after a stall of the

@@ -1,5 +1,6 @@
 #include "lac_timer.h"
 
+#include "channel_group.h"
 #include "lac_mux.h"
 #include "lac_port.h"
 #include "lac_rx.h"
@@ -216,15 +217,27 @@ static void tick_mux_scheduler(LacPort *port)
         mux_scheduler_start(port);
 }
 
-static void catch_up_with_link(LacPort *port)
+// Brings the port together with the link as the datastore has it: an event may have found no room in the queue, or
+// the leaf may have been unreadable when the machines looked. Whether the link is up; a failed read changes nothing.
+static bool follow_link(const LacPort *port)
 {
-    if (port->link_event_lost == 0)
-        return;
-    port->link_event_lost = 0; // before the look, so that an event lost meanwhile is not
-    if (lacIsLinkUp(port) != 0)
+    std::uint32_t up = 0;
+    if (get_channel_group_port_link_status(LAC_SLOT, port->port_no, &up) != LAC_OK)
+        return false;
+    if (up == 1 && port->rxm == LAC_RX_PORT_DISABLED)
         lacLinkUp(port->port_no);
-    else
+    else if (up == 0 && port->port_enabled == 1)
         lacLinkDown(port->port_no);
+    return up == 1;
+}
+
+static void tick_member_bar(LacPort *port)
+{
+    if (port->member_barred == 0)
+        return;
+    port->member_barred -= 1;
+    if (port->member_barred == 0)
+        mux_scheduler_start(port);
 }
 
 // The order matters: what an earlier step starts is counted down by its own step of the same tick.
@@ -232,14 +245,13 @@ void LacTick()
 {
     lac_trace(LAC_DBG_TICK, ".");
     for (LacPort *port : lac_ports()) {
-        catch_up_with_link(port);
-        if (port->lacp_enabled != 1 || lacIsLinkUp(port) == 0)
+        if (port->lacp_enabled != 1 || !follow_link(port))
             continue;
         tick_current_while(port);
         tick_wait_while(port);
         tick_tx_scheduler(port);
         tick_periodic(port);
+        tick_member_bar(port);
         tick_mux_scheduler(port);
     }
-    lacSettleMembers();
 }

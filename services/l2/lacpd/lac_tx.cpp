@@ -129,6 +129,7 @@ static void transmit(LacPort *port, std::uint32_t event)
     build_lacpdu(port, slot.data() + LAC_MAC_HEADER_SIZE);
     port->stats->tx_lacpdu += 1;
     lac_send_pdu(port->port_no, slot.data());
+    port->told_state = port->actor_oper_state;
     port->ntt = 0;
     port->hold_count += 1;
     trace_ntt(port, event);
@@ -158,6 +159,7 @@ void tx_machine(LacPort *port, std::uint32_t event)
     case Lac_init:
     case Lac_port_disabled:
         Stop_tx_scheduler(port);
+        port->told_state = 0;
         port->ntt = 0;
         port->hold_count = 0;
         trace_ntt(port, event);

@@ -44,6 +44,8 @@ enum LacStateBit : std::uint8_t {
     LAC_DEFAULTED = 0x40,
     LAC_EXPIRED = 0x80,
 };
+// The three bits that the mux machine sets and clears, 43.4.15.
+constexpr std::uint8_t LAC_MUX_BITS = LAC_SYNCHRONIZATION | LAC_COLLECTING | LAC_DISTRIBUTING;
 // What an initialised port claims: everything but Timeout and Expired.
 constexpr std::uint8_t LAC_INITIAL_STATE =
     LAC_ACTIVITY | LAC_AGGREGATION | LAC_SYNCHRONIZATION | LAC_COLLECTING | LAC_DISTRIBUTING | LAC_DEFAULTED;
@@ -107,6 +109,11 @@ constexpr std::uint32_t LAC_LONG_TIMEOUT_TICKS = 90;
 constexpr std::uint32_t LAC_AGGREGATE_WAIT_TICKS = 2;
 constexpr std::uint32_t LAC_SCHEDULER_TICKS = 1;
 constexpr std::uint32_t LAC_HOLD_LIMIT = 3; // LACPDUs between two periodic transmissions
+
+// A member write that the datastore had no time for is tried on this many ticks; then, as after a final refusal, the
+// port stands by for a while.
+constexpr std::uint32_t LAC_MEMBER_TRIES = 3;
+constexpr std::uint32_t LAC_MEMBER_BARRED_TICKS = 300;
 
 // ---- PDUs on the wire -----------------------------------------------------------------------------------------
 
@@ -258,17 +265,17 @@ struct LacPort {
     Published<LacPort *> next_lag_port; // chain of ports behind one aggregator
     Published<std::uint32_t> port_mask; // collecting and distributing members, bit (port_no - 1)
 
-    // The group whose member-port list took the port on attachment. Detaching takes it from there even when
-    // channel_group_id has moved on.
-    std::uint32_t attached_group;
+    std::uint8_t heard_state; // Actor_State as the partner last sent it; 0: not heard since recordDefault
+    std::uint8_t told_state;  // Actor_State as last sent; 0: nothing sent since the link came up
+    bool in_place;            // while lac_select moves an attached member to another aggregator: it need not wait
+    bool waits_selected;      // the wait_while count runs for a SELECTED port: it is not started over
 
-    // What the datastore is to hold of this port, and what it may hold: groups whose member-port list has the port,
-    // 0 for none. They differ after a write that was refused; ticks then write until they agree.
-    std::uint32_t member_wanted;
+    // lac_member: the groups whose member-port list is to have the port, and may have it; 0 for none.
+    std::uint32_t attached_group; // where it was attached, whatever channel_group_id says by now
+    std::uint32_t member_wanted;  // as of the last attempt to write
     std::uint32_t member_written;
-    std::uint32_t member_owed;
-
-    Published<std::uint32_t> link_event_lost; // the queue had no room for it: the next tick looks at the link
+    std::uint32_t member_tries;  // refused so far; 0: what is written is certain
+    std::uint32_t member_barred; // ticks for which the port stands by, since its write was refused for good
 };
 
 // The view of a LacPort that serves as an aggregator.

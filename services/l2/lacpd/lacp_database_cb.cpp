@@ -3,6 +3,7 @@
 #include "channel_group.h"
 #include "channel_group_member.h"
 #include "lac_port.h"
+#include "lac_task.h"
 #include "lacp_sclient.h"
 
 #include <cstdio>
@@ -105,11 +106,35 @@ int report_failure(const char *leaf, int result)
 // The dynamic group that a port was last sent to; the dispatcher may not have read it yet.
 std::uint32_t sent_to[LAC_MAX_PORTS];
 
+// When the mode leaf of a port last changed; 0 when it was deleted since.
+std::uint64_t mode_changed_ms[LAC_MAX_PORTS];
+
+// What another client may write in one transaction is done within this time: what a handler has seen and cannot read
+// may still be on its way into the datastore.
+constexpr std::uint64_t TRANSACTION_MS = 5000;
+
+constexpr std::size_t JOIN_MESSAGES = 4;
+constexpr std::size_t LEAVE_MESSAGES = 2;
+
+// Without the leaf a port is active, whatever it was when it was last in a group.
+int restore_mode(std::uint32_t port)
+{
+    if (lac_now_ms() - mode_changed_ms[(port - 1) % LAC_MAX_PORTS] < TRANSACTION_MS)
+        return LAC_OK;
+    char text[TYPE_TEXT_SIZE] = {};
+    std::uint32_t size = sizeof(text);
+    const bool passive =
+        db_olt_lacp_get_trunk_mode(LAC_SLOT, port, &g_lacpd_db, text, &size) == 0 && strcmp(text, "passive") == 0;
+    return set_lacp_port_mode(LAC_SLOT, port, passive ? 0 : 1);
+}
+
+// The caller has taken room for the messages of these two.
 int join_group(std::uint32_t port, std::uint32_t group)
 {
     sent_to[(port - 1) % LAC_MAX_PORTS] = group;
     set_lacp_channel_group_id(port, group);
     set_lacp_port_oper_key(port, static_cast<std::uint16_t>(group));
+    restore_mode(port);
     return set_lacp_port_enable(static_cast<int>(port));
 }
 
@@ -127,13 +152,12 @@ struct Wish {
     std::uint32_t group;
     std::uint64_t at_ms;
 };
-constexpr std::uint64_t WISH_MS = 5000;
 Wish wishes[LAC_MAX_PORTS];
 
 bool wishes_for(std::uint32_t port, int group)
 {
     const Wish &wish = wishes[(port - 1) % LAC_MAX_PORTS];
-    return static_cast<int>(wish.group) == group && lac_now_ms() - wish.at_ms < WISH_MS;
+    return static_cast<int>(wish.group) == group && lac_now_ms() - wish.at_ms < TRANSACTION_MS;
 }
 
 bool is_configured_for(std::uint32_t port, int group)
@@ -154,9 +178,12 @@ void join_configured_ports(int group)
 
 int set_group_type(int group, std::string_view type)
 {
+    const LacQueueRoom room(LAC_MAX_PORTS * JOIN_MESSAGES);
     if (type == "manual") {
         set_manual_channel_group_type(group);
     } else if (type == "dynamic") {
+        if (!room)
+            return LAC_FAILED;
         set_dynamic_channel_group_type(group);
         start_lacp_once_cfg();
         join_configured_ports(group);
@@ -202,6 +229,9 @@ bool is_or_will_be_in(const LacPort *port, std::uint32_t group)
 // The table forgets the group; its trunk goes with it, and its ports stop LACP.
 int remove_group(int group)
 {
+    const LacQueueRoom room(LAC_MAX_PORTS);
+    if (!room)
+        return LAC_FAILED;
     std::uint32_t uplinks = 0;
     if (get_channel_group_uplink_port_count(group, &uplinks) == LAC_OK && uplinks > 0)
         lacp_trunk_destory(static_cast<std::uint32_t>(group));
@@ -275,43 +305,67 @@ std::uint32_t type_of(std::uint32_t group)
 int change_channel_group(std::uint32_t port, const sr_val_t *old_value, std::uint32_t group)
 {
     const std::uint32_t old_group = old_value == nullptr ? 0 : old_value->data.uint8_val;
-    if (old_group != 0 && old_group != group && type_of(old_group) == CHANNEL_GROUP_DYNAMIC)
-        leave_group(port, old_group);
+    const bool leaves = old_group != 0 && old_group != group && type_of(old_group) == CHANNEL_GROUP_DYNAMIC;
     const std::uint32_t type = type_of(group);
+    const bool joins = type == CHANNEL_GROUP_DYNAMIC;
+    const LacQueueRoom room((leaves ? LEAVE_MESSAGES : 0) + (joins ? JOIN_MESSAGES : 0));
+    if (!room)
+        return LAC_FAILED;
+    if (leaves)
+        leave_group(port, old_group);
     sent_to[(port - 1) % LAC_MAX_PORTS] = 0;
     wishes[(port - 1) % LAC_MAX_PORTS] = {type == CHANNEL_GROUP_UNSET ? group : 0, lac_now_ms()};
-    return type == CHANNEL_GROUP_DYNAMIC ? join_group(port, group) : LAC_OK;
+    return joins ? join_group(port, group) : LAC_OK;
+}
+
+struct TrunkLeaf {
+    unsigned slot = 0;
+    unsigned port = 0;
+    char name[LEAF_SIZE] = {};
+
+    explicit TrunkLeaf(const sr_val_t *value)
+    {
+        sscanf(value->xpath, "/olt-ifm:up-link-ports/interface[name='gigabitethernet %u/%u']/olt-lacp:trunk/%19s",
+               &slot, &port, name);
+    }
+};
+
+// A deletion changes nothing in a running port; a later join must not take the leaf's last value for new.
+int forget_mode(const sr_val_t *old_value)
+{
+    const TrunkLeaf leaf(old_value);
+    if (strcmp(leaf.name, "mode") == 0)
+        mode_changed_ms[(leaf.port - 1) % LAC_MAX_PORTS] = 0;
+    return LAC_OK;
 }
 
 int change_trunk_leaf(const ChangeWalk &walk)
 {
     const sr_val_t *value = walk.new_value();
-    unsigned slot = 0;
-    unsigned port = 0;
-    char leaf[LEAF_SIZE] = {};
-    sscanf(value->xpath, "/olt-ifm:up-link-ports/interface[name='gigabitethernet %u/%u']/olt-lacp:trunk/%19s", &slot,
-           &port, leaf);
-    const int slot_no = static_cast<int>(slot);
+    const TrunkLeaf leaf(value);
+    const std::uint32_t port = leaf.port;
+    const int slot = static_cast<int>(leaf.slot);
     if ((db_debug_get() & KEL_DB_DEBUG_DAEMON) != 0)
         printf("[DATABASE INFO] interface (%d/%d) operation [%d] xpath [%s]\n", slot, port, walk.operation(),
                value->xpath);
 
     int result = LAC_OK;
-    const std::string_view name = leaf;
+    const std::string_view name = leaf.name;
     if (name == "channel-group") {
         result = change_channel_group(port, walk.old_value(), value->data.uint8_val);
     } else if (name == "mode") {
-        result = set_lacp_port_mode(slot_no, port, text_of(value) == "passive" ? 0 : 1);
+        mode_changed_ms[(port - 1) % LAC_MAX_PORTS] = lac_now_ms();
+        result = set_lacp_port_mode(slot, port, text_of(value) == "passive" ? 0 : 1);
     } else if (name == "priority") {
-        result = set_lacp_port_priority(slot_no, port, value->data.uint16_val);
+        result = set_lacp_port_priority(slot, port, value->data.uint16_val);
     } else if (name == "timeout") {
-        set_lacp_port_timeout(slot_no, port, text_of(value) == "short" ? 1 : 0);
+        result = set_lacp_port_timeout(slot, port, text_of(value) == "short" ? 1 : 0);
     } else {
-        printf("'%s' is not belong to lacp interface trunk configuration!\n", leaf);
+        printf("'%s' is not belong to lacp interface trunk configuration!\n", leaf.name);
         result = LAC_UNKNOWN_LEAF;
     }
     if (result != LAC_OK)
-        printf("set slot %d port %d '%s' %s! ret %d\n", slot, port, leaf, "failed", result);
+        printf("set slot %d port %d '%s' %s! ret %d\n", slot, port, leaf.name, "failed", result);
     return result;
 }
 
@@ -377,7 +431,7 @@ int lacp_global_configuration_cb(sr_session_ctx_t *session, std::uint32_t, const
 int lacp_interface_trunk_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
                             sr_event_t event, std::uint32_t, void *)
 {
-    return walk_changes(session, xpath, event, change_trunk_leaf, ignore_deletion);
+    return walk_changes(session, xpath, event, change_trunk_leaf, forget_mode);
 }
 
 int lacp_port_uplink_change_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,

@@ -1,0 +1,128 @@
+#include "lac_member.h"
+
+#include "lac_port.h"
+
+#include "keldatabase/keldatabase.h"
+
+#include <cstdio>
+
+namespace
+{
+
+// Numbers and names that the failure messages carry.
+constexpr int ADD_FAILURE_LINE = 803;
+constexpr char ADD_NAME[] = "lac_add_port_to_aggregator";
+constexpr int DELETE_FAILURE_LINE = 849;
+constexpr char DELETE_NAME[] = "lac_bcm_remove_port_from_trunk";
+
+constexpr std::size_t INTERFACE_NAME_SIZE = 32;
+
+// What a round may take of a tick's second: the timers of all ports wait meanwhile.
+constexpr std::uint64_t ROUND_MS = 400;
+
+bool is_certain(const LacPort *port, std::uint32_t wanted)
+{
+    return port->member_written == wanted && port->member_tries == 0;
+}
+
+int add(const LacPort *port, std::uint32_t group)
+{
+    char name[INTERFACE_NAME_SIZE] = {};
+    snprintf(name, sizeof(name), "gigabitethernet %d/%d", LAC_SLOT, port->port_no);
+    const int result = db_olt_lacp_set_group_member_port(static_cast<int>(group), &g_lacpd_db, name, sizeof(name), 1);
+    if (result != 0)
+        printf("LINE %d FUNC %s add interface to lacp-group database failed! ret=%d\n", ADD_FAILURE_LINE, ADD_NAME,
+               result);
+    return result;
+}
+
+int remove(const LacPort *port, std::uint32_t group)
+{
+    const int result =
+        db_olt_lacp_del_group_member_port(static_cast<int>(group), LAC_SLOT, port->port_no, &g_lacpd_db);
+    if (result != 0)
+        printf("LINE %d FUNC %s del interface from lacp-group database failed! ret=%d\n", DELETE_FAILURE_LINE,
+               DELETE_NAME, result);
+    return result;
+}
+
+bool is_due(const LacPort *port, bool retry)
+{
+    const std::uint32_t wanted = lacMemberWanted(port);
+    return !is_certain(port, wanted) && (retry || wanted != port->member_wanted);
+}
+
+// One settling of all ports. The first write that finds the datastore busy ends it: the others would too.
+class Round
+{
+  public:
+    void take_out(LacPort *port)
+    {
+        const int result = may_write() ? remove(port, port->member_written) : KEL_DB_BUSY;
+        note(result);
+        const bool gone = result == 0 || result == KEL_DB_NOT_THERE;
+        port->member_written = gone ? 0 : port->member_written;
+        port->member_tries = gone ? 0 : 1; // what it stays in may go by itself, with the group's entry
+    }
+
+    // True when the port is barred now.
+    bool put_in(LacPort *port, std::uint32_t group)
+    {
+        const int result = may_write() ? add(port, group) : KEL_DB_BUSY;
+        note(result);
+        port->member_written = result == 0 || result == KEL_DB_BUSY ? group : 0;
+        port->member_tries = result == 0 ? 0 : port->member_tries + 1;
+        if (result == 0 || (result == KEL_DB_BUSY && port->member_tries <= LAC_MEMBER_TRIES))
+            return false;
+        port->member_tries = 0;
+        port->member_barred = LAC_MEMBER_BARRED_TICKS;
+        return true;
+    }
+
+  private:
+    bool may_write() const { return !busy_ && lac_now_ms() - began_ms_ < ROUND_MS; }
+    void note(int result) { busy_ = busy_ || result == KEL_DB_BUSY; }
+
+    bool busy_ = false;
+    std::uint64_t began_ms_ = lac_now_ms();
+};
+
+} // namespace
+
+std::uint32_t lacMemberWanted(const LacPort *port)
+{
+    const bool collects = port->attached == 1 && port->coll_dist == 1 && port->selected == LAC_SELECTED;
+    const bool agreed = (port->heard_state & port->told_state & LAC_SYNCHRONIZATION) != 0;
+    return collects && agreed && port->individual == 0 ? port->attached_group : 0;
+}
+
+bool lacMemberOwed(const LacPort *port)
+{
+    return !is_certain(port, lacMemberWanted(port));
+}
+
+// First those that leave: a group's list has room for four. A port that is still in another group's list is not
+// written, or it would be in two trunks.
+LacPort *lacSettleMembers(bool retry)
+{
+    std::uint32_t due = 0;
+    for (LacPort *port : lac_ports()) {
+        due |= is_due(port, retry) ? lac_port_bit(port) : 0;
+        port->member_wanted = lacMemberWanted(port);
+    }
+    if (due == 0)
+        return nullptr;
+    Round round;
+    LacPort *barred = nullptr;
+    for (LacPort *port : lac_ports())
+        if ((due & lac_port_bit(port)) != 0 && port->member_written != 0 &&
+            port->member_written != port->member_wanted)
+            round.take_out(port);
+    for (LacPort *port : lac_ports()) {
+        const bool elsewhere = port->member_written != 0 && port->member_written != port->member_wanted;
+        if ((due & lac_port_bit(port)) != 0 && port->member_wanted != 0 && !elsewhere &&
+            round.put_in(port, port->member_wanted))
+            barred = port;
+    }
+    return barred;
+}

@@ -1,0 +1,17 @@
+// Membership of dynamic groups: whose member-port list is to have each port, what has been written, what is owed. The
+// list in the datastore makes the trunk follow. All of it on the dispatcher thread.
+#pragma once
+
+#include "lacp.h"
+
+// The group whose list is to have the port, 0 for none: the one it collects and distributes in, while both ends have
+// told each other Synchronization.
+std::uint32_t lacMemberWanted(const LacPort *port);
+
+// Whether the list may differ from what the port wants.
+bool lacMemberOwed(const LacPort *port);
+
+// Writes what has come to differ; with `retry` also what was refused before. Once per dispatcher message, when its
+// machines have run. A port whose write is refused for good is barred and returned: its group has to be selected
+// again, and the rest to be settled by another call. Null when all is done.
+LacPort *lacSettleMembers(bool retry);
