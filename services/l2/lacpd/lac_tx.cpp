@@ -117,6 +117,14 @@ static void trace_ntt(const LacPort *port, std::uint32_t event)
               port->ntt.get());
 }
 
+// A LACPDU that tells a change of our Synchronization is not held back: with a slow partner it would wait for up to 31
+// ticks, and the partner for it.
+static bool is_held(const LacPort *port)
+{
+    const bool is_news = ((port->actor_oper_state ^ port->told_state) & LAC_SYNCHRONIZATION) != 0;
+    return port->hold_count >= LAC_HOLD_LIMIT && !is_news;
+}
+
 static void transmit(LacPort *port, std::uint32_t event)
 {
     if (port->system->system_state == 0) {
@@ -131,7 +139,7 @@ static void transmit(LacPort *port, std::uint32_t event)
     lac_send_pdu(port->port_no, slot.data());
     port->told_state = port->actor_oper_state;
     port->ntt = 0;
-    port->hold_count += 1;
+    port->hold_count = std::min(port->hold_count + 1, LAC_HOLD_LIMIT);
     trace_ntt(port, event);
 }
 
@@ -144,7 +152,7 @@ static void scheduler_expired(LacPort *port)
         trace_ntt(port, Lac_tx_scheduler_expired);
         return;
     }
-    if (port->ntt != 1 || port->hold_count >= LAC_HOLD_LIMIT)
+    if (port->ntt != 1 || is_held(port))
         return;
     lac_trace(LAC_DBG_TX, "\r\n port %d port->ntt %d port->lacp_enabled %d port->hold_count %d  port->txm %d \r\n",
               port->port_no, port->ntt.get(), port->lacp_enabled.get(), port->hold_count.get(), port->txm.get());
@@ -168,7 +176,7 @@ void tx_machine(LacPort *port, std::uint32_t event)
         lac_trace(LAC_DBG_TX, "\r\n port %d port->ntt %d port->hold_count %d\r\n", port->port_no, port->ntt.get(),
                   port->hold_count.get());
         port->ntt = 1;
-        if (port->hold_count < LAC_HOLD_LIMIT)
+        if (!is_held(port))
             Start_tx_scheduler(port);
         break;
     case Lac_tx_scheduler_expired:
