@@ -22,6 +22,7 @@ void reset_datastore()
     const std::lock_guard guard(db.lock);
     db.link_status.clear();
     db.channel_group.clear();
+    db.mode.clear();
     db.lacp_type.clear();
     db.members.clear();
     db.writes.clear();

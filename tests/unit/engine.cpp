@@ -242,6 +242,11 @@ EngineTest::EngineTest(std::uint32_t first_port, std::uint32_t last_port)
                              {change == fake::MemberChange::created ? fake::created(value) : fake::deleted(value)})
             .result;
     };
+    for (std::uint32_t number = 1; number <= LAC_MAX_PORTS; ++number) // the handlers outlive the engine
+        fake::deliver(lacp_interface_trunk_cb, SR_EV_CHANGE,
+                      {fake::deleted(fake::name("/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/" +
+                                                    std::to_string(number) + "']/olt-lacp:trunk/mode",
+                                                "active"))});
     fake::take_writes();
 }
 

@@ -10,7 +10,9 @@ namespace
 
 constexpr int GROUPS = 4;
 constexpr int QUEUE_ROOM = 32; // a step sends fewer messages; a full queue has tests of its own
-constexpr unsigned SETTLE_TICKS = 2;
+// From a LACPDU of a changed partner to a member: selection (2), wait_while (3); and once more, since the best port
+// of a group may change with it.
+constexpr unsigned SETTLE_TICKS = 12;
 
 constexpr Mac SYSTEMS[] = {PEER_MAC, PEER_MAC, PEER_MAC, OTHER_MAC, OUR_MAC, {}};
 constexpr std::uint16_t NUMBERS[] = {0x8000, 0, 1, 100, 0xFFFF};
@@ -46,6 +48,7 @@ RandomSteps::RandomSteps(fuzz::Input &input) : EngineTest(1, 1 + input.below(LAC
         };
     for (std::uint32_t port_no = 1; port_no <= LAC_MAX_PORTS; ++port_no) {
         set_link(port_no, port_no % 4 != 0);
+        partners_.push_back({peer(static_cast<std::uint16_t>(port_no))});
         configure(port_no, "channel-group", fake::number8({}, 0)); // no wish is left of an earlier input
     }
 }
@@ -65,14 +68,14 @@ std::string RandomSteps::run()
 void RandomSteps::step()
 {
     static constexpr Step STEPS[] = {
-        &RandomSteps::hear_partner,  &RandomSteps::hear_partner,   &RandomSteps::hear_partner,
-        &RandomSteps::hear_partner,  &RandomSteps::pass_time,      &RandomSteps::pass_time,
-        &RandomSteps::pass_time,     &RandomSteps::pass_time,      &RandomSteps::flip_link,
-        &RandomSteps::create_group,  &RandomSteps::create_group,   &RandomSteps::move_port,
-        &RandomSteps::move_port,     &RandomSteps::move_port,      &RandomSteps::hear_marker,
-        &RandomSteps::hear_anything, &RandomSteps::hear_ourselves, &RandomSteps::delete_group,
-        &RandomSteps::set_attribute, &RandomSteps::set_global,     &RandomSteps::fail_writes,
-        &RandomSteps::lose_driver,   &RandomSteps::switch_lacp,    &RandomSteps::hold_queue,
+        &RandomSteps::change_partner, &RandomSteps::change_partner, &RandomSteps::hear_partner,
+        &RandomSteps::hear_partner,   &RandomSteps::pass_time,      &RandomSteps::pass_time,
+        &RandomSteps::pass_time,      &RandomSteps::pass_time,      &RandomSteps::flip_link,
+        &RandomSteps::create_group,   &RandomSteps::create_group,   &RandomSteps::move_port,
+        &RandomSteps::move_port,      &RandomSteps::move_port,      &RandomSteps::hear_marker,
+        &RandomSteps::hear_anything,  &RandomSteps::hear_ourselves, &RandomSteps::delete_group,
+        &RandomSteps::set_attribute,  &RandomSteps::set_global,     &RandomSteps::fail_writes,
+        &RandomSteps::lose_driver,    &RandomSteps::switch_lacp,    &RandomSteps::hold_queue,
         &RandomSteps::send_message,
     };
     (this->*input_.pick(STEPS))();
@@ -93,14 +96,45 @@ void RandomSteps::settle()
         lacp_trunk_resync(lacp_sclient);
     seen_.trunks_known = true;
     dispatch();
-    tick(SETTLE_TICKS);
+    wire.take(); // what was said before the last change of our own settings
+    quiet_seconds();
+}
+
+// What a LACPDU says of the port: the system's identifier may have changed after the port's own copy was taken.
+static LacInfo told_by(std::uint32_t port_no)
+{
+    LacInfo told = lac_actor_info(lacNoToPort(port_no));
+    told.system = lacSystem->system_mac;
+    return told;
+}
+
+// Every partner says what it is, an active system in sync, and answers from then on. No two are the same port.
+void RandomSteps::quiet_seconds()
+{
+    for (std::uint32_t port_no = 1; port_no <= intf.last_uplink_port; ++port_no) {
+        partners_[port_no - 1].self.port = static_cast<std::uint16_t>(port_no);
+        partners_[port_no - 1].self.state = peer().state | LAC_COLLECTING | LAC_DISTRIBUTING;
+        partners_[port_no - 1].answers = true;
+        partners_[port_no - 1].heard = told_by(port_no);
+        answer(port_no);
+    }
+    for (unsigned count = 0; count < SETTLE_TICKS; ++count)
+        second();
+}
+
+static bool is_on_its_way(const LacPort *port)
+{
+    const bool serves = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING;
+    const bool stands_by = port->selected == LAC_STANDBY && port->muxm == LAC_MUX_WAITING;
+    return port->lacp_enabled == 1 && lacIsLinkUp(port) == 1 && !serves && !stands_by;
 }
 
 std::string RandomSteps::unsettled()
 {
     for (const LacPort *port : lac_ports())
-        if (lacMemberOwed(port) && get_lac_global_enable() == 1)
-            return "a refused write is made up for: port " + std::to_string(port->port_no) + "\n" + snapshot(*port);
+        if (get_lac_global_enable() == 1 && (lacMemberOwed(port) || is_on_its_way(port)))
+            return "with partners that answer all come to rest: port " + std::to_string(port->port_no) + "\n" +
+                   snapshot(*port);
     return {};
 }
 
@@ -277,8 +311,57 @@ void RandomSteps::pass_time()
     std::uint32_t failures = 0;
     if (held_)
         lacSendTick(failures);
-    else
-        tick(count);
+    for (std::uint32_t i = 0; i < count && !held_; ++i)
+        second();
+}
+
+// One tick; then the partners that were told something answer, and those that were asked for the short timeout
+// anyway.
+void RandomSteps::second()
+{
+    tick();
+    std::uint32_t told = 0;
+    for (SentFrame &frame : wire.take()) {
+        partners_[frame.port() - 1].heard = frame.actor();
+        told |= 1U << (frame.port() - 1);
+        last_sent_ = std::move(frame);
+    }
+    for (std::uint32_t port_no = 1; port_no <= intf.last_uplink_port; ++port_no) {
+        const Partner &partner = partners_[port_no - 1];
+        const bool speaks = (told >> (port_no - 1) & 1) != 0 || (partner.heard.state & LAC_TIMEOUT) != 0;
+        if (speaks && partner.answers && lacIsLinkUp(&port(port_no)) == 1)
+            answer(port_no);
+    }
+}
+
+void RandomSteps::answer(std::uint32_t port_no)
+{
+    const Partner &partner = partners_[port_no - 1];
+    hear(tagged_frame(port_no, pdu_bytes(partner.self, partner.heard)));
+    if (!held_)
+        dispatch();
+}
+
+// Re-keyed, renumbered, split into two or merged, another system, in or out of sync, silent: it says so now or when
+// it is asked next.
+void RandomSteps::change_partner()
+{
+    const std::uint32_t port_no = any_port();
+    const LacInfo now = partner_of(port_no);
+    const std::uint32_t choice = input_.below(16);
+    for (std::uint32_t number = 1; number <= intf.last_uplink_port; ++number) {
+        LacInfo &self = partners_[number - 1].self;
+        const bool is_meant =
+            (choice & 3) == 0 || ((choice & 3) == 1 ? number % 2 == port_no % 2 : number == port_no);
+        if (is_meant) {
+            self.system_priority = now.system_priority;
+            self.system = now.system;
+            self.key = now.key;
+        }
+    }
+    partners_[port_no - 1] = {now, told_by(port_no), (choice & 4) == 0};
+    if ((choice & 8) == 0)
+        answer(port_no);
 }
 
 void RandomSteps::fail_writes()

@@ -34,7 +34,11 @@ class RandomSteps : private EngineTest
     static void hear(Bytes frame);
     std::uint32_t variant(std::uint32_t limit);
     LacInfo partner_of(std::uint32_t port_no);
+    void second();
+    void answer(std::uint32_t port_no);
+    void quiet_seconds();
 
+    void change_partner();
     void hear_partner();
     void hear_marker();
     void hear_anything();
@@ -55,6 +59,13 @@ class RandomSteps : private EngineTest
     fuzz::Input &input_;
     Surroundings seen_;
     SentFrame last_sent_;
+    // The far ends of the cables: what each is, what it heard last, and whether it answers what it hears.
+    struct Partner {
+        LacInfo self;
+        LacInfo heard{};
+        bool answers = true;
+    };
+    std::vector<Partner> partners_;
     std::uint32_t ticks_left_ = 600; // of one input, so that all are quick
     bool held_ = false;              // messages wait
     bool started_ = false;

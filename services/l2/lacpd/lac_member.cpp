@@ -103,7 +103,7 @@ bool lacMemberOwed(const LacPort *port)
 
 // First those that leave: a group's list has room for four. A port that is still in another group's list is not
 // written, or it would be in two trunks.
-LacPort *lacSettleMembers(bool retry)
+std::uint32_t lacSettleMembers(bool retry)
 {
     std::uint32_t due = 0;
     for (LacPort *port : lac_ports()) {
@@ -111,9 +111,9 @@ LacPort *lacSettleMembers(bool retry)
         port->member_wanted = lacMemberWanted(port);
     }
     if (due == 0)
-        return nullptr;
+        return 0;
     Round round;
-    LacPort *barred = nullptr;
+    std::uint32_t barred = 0;
     for (LacPort *port : lac_ports())
         if ((due & lac_port_bit(port)) != 0 && port->member_written != 0 &&
             port->member_written != port->member_wanted)
@@ -122,7 +122,7 @@ LacPort *lacSettleMembers(bool retry)
         const bool elsewhere = port->member_written != 0 && port->member_written != port->member_wanted;
         if ((due & lac_port_bit(port)) != 0 && port->member_wanted != 0 && !elsewhere &&
             round.put_in(port, port->member_wanted))
-            barred = port;
+            barred |= lac_port_bit(port);
     }
     return barred;
 }

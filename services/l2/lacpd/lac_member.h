@@ -12,6 +12,6 @@ std::uint32_t lacMemberWanted(const LacPort *port);
 bool lacMemberOwed(const LacPort *port);
 
 // Writes what has come to differ; with `retry` also what was refused before. Once per dispatcher message, when its
-// machines have run. A port whose write is refused for good is barred and returned: its group has to be selected
-// again, and the rest to be settled by another call. Null when all is done.
-LacPort *lacSettleMembers(bool retry);
+// machines have run. Returns the ports, as a mask, whose write was refused for good. They are barred: their groups
+// have to be selected again, and what follows from that be settled by another call.
+std::uint32_t lacSettleMembers(bool retry);

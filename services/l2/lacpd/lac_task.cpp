@@ -332,12 +332,18 @@ static void run_machines(LacQueueMsg &message)
     }
 }
 
+static void settle_members(bool retry)
+{
+    while (const std::uint32_t barred = lacSettleMembers(std::exchange(retry, false)))
+        for (LacPort *port : lac_ports())
+            if ((barred & lac_port_bit(port)) != 0)
+                lacSelect(port);
+}
+
 void lacDispatch(LacQueueMsg &message)
 {
     run_machines(message);
-    bool retry = message.code == LAC_Q_TICK;
-    while (LacPort *barred = lacSettleMembers(std::exchange(retry, false)))
-        lacSelect(barred);
+    settle_members(message.code == LAC_Q_TICK);
 }
 
 // ---- threads --------------------------------------------------------------------------------------------------

@@ -117,8 +117,8 @@ static void trace_ntt(const LacPort *port, std::uint32_t event)
               port->ntt.get());
 }
 
-// A LACPDU that tells a change of our Synchronization is not held back: with a slow partner it would wait for up to 31
-// ticks, and the partner for it.
+// A LACPDU that tells a change of our Synchronization is not held back: with a slow partner it would wait for up to
+// 31 ticks, and the partner for it.
 static bool is_held(const LacPort *port)
 {
     const bool is_news = ((port->actor_oper_state ^ port->told_state) & LAC_SYNCHRONIZATION) != 0;
