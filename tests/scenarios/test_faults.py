@@ -8,7 +8,8 @@ import pytest
 
 from faults import form, in_the_way, processor_seconds, report, seconds_until_formed, slow
 from helpers import join, leave, quietly
-from lab import Ticks, eventually, stays
+from lab import Capture, Ticks, eventually, stays
+from lab.wire import SLOW_PROTOCOLS_ADDRESS
 
 LOST = {2: {3}}
 
@@ -51,9 +52,23 @@ def test_the_cpu_interface_goes_down_and_up(formed):
                                  for state in ("down", "up")))
 
 
+def speak_elsewhere(system):
+    """A stranger's LACPDU for port 1, tagged as the switch does it, on another interface of the terminal."""
+    system.namespace.ip("link", "add", "lan0", "type", "veth", "peer", "name", "lan1")
+    for name in ("lan0", "lan1"):
+        system.namespace.ip("link", "set", name, "up")
+    stranger = bytes.fromhex("01010114 8000029988776655 0001 8000 0001 3d000000 0214".replace(" ", ""))
+    tag = bytes.fromhex("9082 0000 0000 0001 0000 0000 8100 0001 8809".replace(" ", ""))
+    with Capture(system.namespace, "lan1") as wire:
+        wire.send(SLOW_PROTOCOLS_ADDRESS + bytes.fromhex("029988776655") + tag + stranger.ljust(110, b"\0"))
+    trunks = system.trunks()
+    stays("nobody else speaks", system.trunks, lambda seen: seen == trunks and seen[1] == {1, 2}, Ticks.FAST_PERIOD)
+
+
 def test_the_cpu_interface_is_made_again(formed):
     left, _ = formed
     lose_cpu_interface(formed, left.remove_cpu_interface, left.add_cpu_interface)
+    speak_elsewhere(left)
     assert left.daemon.output().count("LACP Msg: interface ethv0 has now index ") == 1
 
 
@@ -125,7 +140,8 @@ def test_a_refused_attachment_is_made_up_for(formed):
         eventually("left: attached and refused", left.daemon.output,
                    lambda text: "add interface to lacp-group database failed!" in text, Ticks.FORM)
         assert left.trunks()[1] == {1} == left.datastore.members(1), "the trunk is what the datastore holds"
-        report("attachment refused 3 times", seconds_until_formed(formed))
+        # Each time the port stands by for twice as long, and waits three ticks to be attached again.
+        report("attachment refused 3 times", seconds_until_formed(formed, Ticks.of(2 + 4 + 8 + 3 * 5)))
 
 
 # ---- a stalled dispatcher, a stopped daemon

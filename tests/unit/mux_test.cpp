@@ -313,7 +313,7 @@ TEST_F(MemberTest, ARefusedWriteIsOwedAndForGoodBarsThePort)
     for (std::uint32_t i = 1; i < LAC_MEMBER_TRIES; ++i)
         EXPECT_EQ(settle(), failed);
     printed([&] { EXPECT_EQ(lacSettleMembers(true), 0x1U); });
-    EXPECT_EQ(record.member_barred, LAC_MEMBER_BARRED_TICKS);
+    EXPECT_EQ(record.member_barred, LAC_MEMBER_BAR_TICKS);
     failures["db_olt_lacp_del_group_member_port"] = KEL_DB_BUSY;
     record.coll_dist = 0;
     EXPECT_EQ(settle(false),

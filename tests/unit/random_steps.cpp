@@ -126,7 +126,8 @@ static bool is_on_its_way(const LacPort *port)
 {
     const bool serves = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING;
     const bool stands_by = port->selected == LAC_STANDBY && port->muxm == LAC_MUX_WAITING;
-    return port->lacp_enabled == 1 && lacIsLinkUp(port) == 1 && !serves && !stands_by;
+    const bool barred = port->member_bar != 0; // or just not any more
+    return port->lacp_enabled == 1 && lacIsLinkUp(port) == 1 && !serves && !stands_by && !barred;
 }
 
 std::string RandomSteps::unsettled()

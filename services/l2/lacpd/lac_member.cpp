@@ -4,6 +4,7 @@
 
 #include "keldatabase/keldatabase.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace
@@ -71,11 +72,16 @@ class Round
         const int result = may_write() ? add(port, group) : KEL_DB_BUSY;
         note(result);
         port->member_written = result == 0 || result == KEL_DB_BUSY ? group : 0;
-        port->member_tries = result == 0 ? 0 : port->member_tries + 1;
-        if (result == 0 || (result == KEL_DB_BUSY && port->member_tries <= LAC_MEMBER_TRIES))
+        if (result == 0) {
+            port->member_tries = port->member_bar = 0;
+            return false;
+        }
+        port->member_tries += 1;
+        if (result == KEL_DB_BUSY && port->member_tries <= LAC_MEMBER_TRIES)
             return false;
         port->member_tries = 0;
-        port->member_barred = LAC_MEMBER_BARRED_TICKS;
+        port->member_bar = std::clamp(port->member_bar * 2, LAC_MEMBER_BAR_TICKS, LAC_MEMBER_LONGEST_BAR_TICKS);
+        port->member_barred = port->member_bar;
         return true;
     }
 

@@ -171,6 +171,7 @@ int lacInitPort(LacPort *port)
     port->matched = 0;
     port->hold_count = 0;
     port->member_barred = 0;
+    port->member_bar = 0;
 
     Lac_timers_init(port);
     tx_machine(port, Lac_init);

@@ -110,10 +110,11 @@ constexpr std::uint32_t LAC_AGGREGATE_WAIT_TICKS = 2;
 constexpr std::uint32_t LAC_SCHEDULER_TICKS = 1;
 constexpr std::uint32_t LAC_HOLD_LIMIT = 3; // LACPDUs between two periodic transmissions
 
-// A member write that the datastore had no time for is tried on this many ticks; then, as after a final refusal, the
-// port stands by for a while.
+// A member write that the datastore had no time for is tried on this many ticks more; then, as after a final refusal,
+// the port is barred: it stands by for a time that doubles until a write succeeds.
 constexpr std::uint32_t LAC_MEMBER_TRIES = 3;
-constexpr std::uint32_t LAC_MEMBER_BARRED_TICKS = 300;
+constexpr std::uint32_t LAC_MEMBER_BAR_TICKS = 2;
+constexpr std::uint32_t LAC_MEMBER_LONGEST_BAR_TICKS = 256;
 
 // ---- PDUs on the wire -----------------------------------------------------------------------------------------
 
@@ -275,7 +276,8 @@ struct LacPort {
     std::uint32_t member_wanted;  // as of the last attempt to write
     std::uint32_t member_written;
     std::uint32_t member_tries;  // refused so far; 0: what is written is certain
-    std::uint32_t member_barred; // ticks for which the port stands by, since its write was refused for good
+    std::uint32_t member_barred; // ticks for which the port still stands by, since its write was refused for good
+    std::uint32_t member_bar;    // and for which it did so last
 };
 
 // The view of a LacPort that serves as an aggregator.
