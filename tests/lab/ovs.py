@@ -2,40 +2,30 @@
 
 import os
 import re
+import signal
 import subprocess
 from collections import namedtuple
 from pathlib import Path
 
 from lab.station import Station
-from lab.wire import Info
 
 BRIDGE = "br0"
 SCHEMA = Path("/usr/share/openvswitch/vswitch.ovsschema")
 TOOL_TIME = 10  # seconds
 
-# A port of a bond: whether traffic may use it, and both sides as it knows them, with addresses as text.
+# A port of a bond: whether traffic may use it, and both sides as it knows them.
 Member = namedtuple("Member", "enabled actor partner")
+Side = namedtuple("Side", "system_priority system port_priority key port state")
 
-_BOND = re.compile(r"^---- (\S+) ----$(.*?)(?=^----|\Z)", re.MULTILINE | re.DOTALL)
-_MEMBER = re.compile(r"^member:? ge(\d+): (.*?)(?=^member|\Z)", re.MULTILINE | re.DOTALL)
+_MEMBER = re.compile(r"^member:? ge(\d+): (.*?)(?=^member|^----|\Z)", re.MULTILINE | re.DOTALL)
 _FIELD = re.compile(r"^ +([\w ]+): ?(.*)$", re.MULTILINE)
 _STATE = ("activity", "timeout", "aggregation", "synchronized", "collecting", "distributing", "defaulted", "expired")
 
 
-def _settings(values):
-    return [f'other_config:{name.replace("_", "-")}="{value}"' if "_" in name else f"{name}={value}"
-            for name, value in values.items()]
-
-
-def _members(text):
-    return {(bond, int(port)): part for bond, parts in _BOND.findall(text) for port, part in _MEMBER.findall(parts)}
-
-
 def _side(fields, side):
-    priority, system, key, port_priority, port, state = (
-        fields[f"{side} {name}"] for name in ("sys_priority", "sys_id", "key", "port_priority", "port_id", "state"))
-    return Info(int(priority), system, int(key), int(port_priority), int(port),
-                sum(1 << _STATE.index(word) for word in state.split()))
+    priority, *rest = (int(fields[f"{side} {name}"]) for name in ("sys_priority", "port_priority", "key", "port_id"))
+    state = sum(1 << _STATE.index(word) for word in fields[f"{side} state"].split())
+    return Side(priority, fields[f"{side} sys_id"], *rest, state)
 
 
 class OpenVSwitch(Station):
@@ -45,6 +35,7 @@ class OpenVSwitch(Station):
         super().__init__(*arguments)
         self.database = None
         self.switch = None
+        self.paused = False
         self._socket = f"unix:{self.directory}/database.sock"
         self._environment = {f"OVS_{kind}DIR": str(self.directory) for kind in ("RUN", "LOG", "DB", "SYSCONF")}
 
@@ -58,7 +49,7 @@ class OpenVSwitch(Station):
     def start(self):
         self.database = self._start("ovsdb-server", self.directory / "database", f"--remote=p{self._socket}")
         self.switch = self._start("ovs-vswitchd", self._socket)
-        self._configure("add-br", BRIDGE, "--", "set", "bridge", BRIDGE, "datapath_type=netdev")
+        self.configure(f"add-br {BRIDGE} -- set bridge {BRIDGE} datapath_type=netdev")
 
     def _start(self, program, *arguments):
         control = self._control(program)
@@ -74,22 +65,36 @@ class OpenVSwitch(Station):
             if process:
                 process.stop()
 
-    def add_bond(self, bond, ports, **settings):
-        """Settings as for set_bond."""
-        self._configure("add-bond", BRIDGE, bond, *map(self.port_interface, ports), "--", "set", "port", bond,
-                        "bond_mode=balance-slb", *_settings(settings))
+    def pause(self):
+        self.paused = True
+        self.switch.send_signal(signal.SIGSTOP)
 
-    def set_bond(self, bond, **settings):
-        """`lacp` is active, passive or off; `lacp_time`, `lacp_system_id` and the like are keys of other_config."""
-        self._configure("set", "port", bond, *_settings(settings))
+    def resume(self):
+        self.switch.send_signal(signal.SIGCONT)
+        self.paused = False
 
-    def set_port(self, port, **settings):
-        self._configure("set", "interface", self.port_interface(port), *_settings(settings))
+    def configure(self, text):
+        """Runs commands of ovs-vsctl, with " -- " between them."""
+        self._tool("ovs-vsctl", "--no-syslog", f"--db={self._socket}", *text.split())
+
+    def add_bond(self, bond, ports, settings):
+        """Settings are columns, `lacp=active other_config:lacp-time=fast`. Without a key of its own a bond takes the
+        number of one of its ports for key; a key set on any port is that of the whole bond."""
+        names = " ".join(map(self.port_interface, ports))
+        self.configure(f"add-bond {BRIDGE} {bond} {names} -- set port {bond} bond_mode=balance-slb {settings}" + "".join(
+            f" -- set interface {self.port_interface(port)} other_config:lacp-port-id={port}"
+            f" other_config:lacp-aggregation-key={ports[0]}" for port in ports))
 
     def members(self):
-        """Members by bond and port; bonds without LACP have none."""
-        bonds = _members(self._ask("bond/show"))
-        return {place: self._member(text, bonds[place]) for place, text in _members(self._ask("lacp/show")).items()}
+        """Ports that speak LACP; none while it is paused."""
+        if self.paused:
+            return {}
+        bonds = dict(_MEMBER.findall(self._ask("bond/show")))
+        return {int(port): self._member(text, bonds[port]) for port, text in _MEMBER.findall(self._ask("lacp/show"))}
+
+    def losses(self, port):
+        """How often it has had to do without a port of a bond."""
+        return self.switch.output().count(f"member {self.port_interface(port)}: disabled")
 
     @staticmethod
     def _member(lacp, bond):
@@ -97,9 +102,6 @@ class OpenVSwitch(Station):
         # The bond follows the carrier at once, and LACP's verdict a moment later.
         enabled = bond.startswith("enabled") and fields["may_enable"] == "true"
         return Member(enabled, _side(fields, "actor"), _side(fields, "partner"))
-
-    def _configure(self, *words):
-        self._tool("ovs-vsctl", "--no-syslog", f"--db={self._socket}", *words)
 
     def _ask(self, *words):
         return self._tool("ovs-appctl", "-t", self._control("ovs-vswitchd"), *words)
