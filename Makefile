@@ -1,6 +1,6 @@
 # make deps    install packages and build the libraries that Debian does not have (once, into a cache)
 # make build   the above, and the programs
-# make test    the above, and every test
+# make test    every test; installs what only tests need
 # make demo    build, then show two systems that aggregate their links
 # make longrun two systems under random changes for DURATION seconds (an hour)
 # make nightly the long run for ten minutes, fuzzing for FUZZ seconds a target, the tests under the sanitizers
@@ -16,16 +16,23 @@ JOBS ?= $(shell nproc)
 DURATION ?= 3600
 FUZZ ?= 120
 
-.PHONY: deps build test demo longrun nightly measure format clean
+.PHONY: deps test-deps build tests test demo longrun nightly measure format clean
 
 deps:
 	scripts/deps.sh >/dev/null
 
+test-deps:
+	scripts/deps.sh --tests >/dev/null
+
 build: deps
-	cmake -S . -B $(BUILD) -G Ninja
+	cmake -S . -B $(BUILD) -G Ninja -DLACPD_TESTS=OFF
 	cmake --build $(BUILD) -j $(JOBS)
 
-test: build format
+tests: test-deps
+	cmake -S . -B $(BUILD) -G Ninja -DLACPD_TESTS=ON
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: tests format
 	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $(JOBS)
 
 demo: build
@@ -34,17 +41,17 @@ demo: build
 longrun: build
 	tests/longrun/longrun.py --build=$(BUILD) --duration=$(DURATION) --log=$(BUILD)/longrun.log
 
-nightly: build
+nightly: tests
 	tests/longrun/longrun.py --build=$(BUILD) --duration=600 --log=$(BUILD)/longrun.log
 	scripts/fuzz.sh $(FUZZ)
 	for preset in asan tsan; do \
 	  cmake --preset $$preset && cmake --build --preset $$preset -j $(JOBS) && ctest --preset $$preset || exit 1; \
 	done
 
-measure: build
+measure: tests
 	tests/benchmarks/measure.py --build=$(BUILD)
 
-format: deps
+format: test-deps
 	scripts/test-format.sh
 
 clean:

@@ -3,6 +3,7 @@
 # (libyang, sysrepo and FRR's library) into a prefix outside the checkout, once.
 #
 #   scripts/deps.sh                      install packages, build what is missing, print the prefix
+#   scripts/deps.sh --tests              and the packages that only the tests need
 #   scripts/deps.sh --target aarch64     the same for 64-bit ARM, cross-built, in a prefix of its own; its folder
 #                                        "sysroot" has Debian's arm64 libraries and headers
 #   scripts/deps.sh [...] --prefix       print the prefix only
@@ -25,9 +26,12 @@ PACKAGES=(
   libpcre2-dev libjson-c-dev libelf-dev libprotobuf-c-dev protobuf-c-compiler
   libcap-dev libreadline-dev python3-dev
   libevent-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev
+  iproute2 procps iputils-ping
+)
+TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang clang-format clang-tidy
-  python3-pytest python3-scapy iproute2 procps iputils-ping
+  clang clang-format
+  python3-pytest openvswitch-switch
 )
 CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user mmdebstrap debian-archive-keyring)
 SYSROOT_PACKAGES=(
@@ -38,6 +42,7 @@ SYSROOT_PACKAGES=(
 usage() { sed -n '2,/^set /{/^set /d;s/^# \{0,1\}//;p}' "$0"; }
 
 target=
+tests=
 prefix_only=
 while [ $# -gt 0 ]; do
   case $1 in
@@ -49,6 +54,7 @@ while [ $# -gt 0 ]; do
     target=$2
     shift
     ;;
+  --tests) tests=yes ;;
   --prefix) prefix_only=yes ;;
   *)
     usage >&2
@@ -82,6 +88,18 @@ die() {
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 
+# Runs a command while services of new packages do not start: only the programs are wanted.
+without_services() {
+  local policy=/usr/sbin/policy-rc.d
+  if [ -e "$policy" ]; then "$@"; else
+    (
+      trap 'as_root rm -f "$policy"' EXIT
+      printf '#!/bin/sh\nexit 101\n' | as_root install -m 755 /dev/stdin "$policy"
+      "$@"
+    )
+  fi
+}
+
 install_packages() { # PACKAGE ...
   local missing=() package
   for package; do
@@ -91,7 +109,7 @@ install_packages() { # PACKAGE ...
   [ ${#missing[@]} -eq 0 ] && return
   say "installing ${missing[*]}"
   as_root apt-get update -qq >&2 || say "the package lists could not be refreshed; using those at hand"
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+  without_services as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
     "${missing[@]}" >&2 || die "apt could not install: ${missing[*]}"
 }
 
@@ -229,7 +247,7 @@ build_frr() {
   }
 }
 
-install_packages "${PACKAGES[@]}" ${target:+"${CROSS_PACKAGES[@]}"}
+install_packages "${PACKAGES[@]}" ${tests:+"${TEST_PACKAGES[@]}"} ${target:+"${CROSS_PACKAGES[@]}"}
 if [ ! -e "$prefix/.complete" ]; then
   mkdir -p "$cache"
   exec 9>"$cache/lock"

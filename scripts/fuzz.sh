@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 seconds=$1
 shift
 
-scripts/deps.sh >/dev/null
+scripts/deps.sh --tests >/dev/null
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)" >&2
 programs=build-fuzz/tests/fuzz

@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-aarch64}
 
-scripts/deps.sh --target aarch64 >/dev/null
+scripts/deps.sh --target aarch64 --tests >/dev/null
 cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
 cmake --build "$build" -j "${JOBS:-$(nproc)}"
 sysroot=$(sed -n 's/^LACPD_DEPS_PREFIX:[A-Z]*=//p' "$build/CMakeCache.txt")/sysroot

@@ -7,6 +7,7 @@ from pathlib import Path
 
 from lab import netns
 from lab.netns import Namespace
+from lab.ovs import OpenVSwitch
 from lab.system import System
 from lab.waiting import LabError
 
@@ -51,17 +52,24 @@ class Lab:
 
     def system(self, name, ports):
         number = len(self.systems) + 1
-        namespace = f"{self._names}-{self.directory.name.rpartition('-')[2]}-{name}"
-        system = System(name, number, ports, self.directory / name, namespace, self.programs)
+        return self._add(System(name, number, ports, self.directory / name, self._namespace(name), self.programs))
+
+    def open_vswitch(self, name):
+        return self._add(OpenVSwitch(name, self.directory / name, self._namespace(name)))
+
+    def _add(self, system):
         self.systems.append(system)  # first, so that a half-made one is removed as well
         system.make()
         return system
+
+    def _namespace(self, name):
+        return f"{self._names}-{self.directory.name.rpartition('-')[2]}-{name}"
 
     @property
     def bench(self):
         """A namespace for the loose ends of cables."""
         if self._bench is None:
-            self._bench = Namespace(f"{self._names}-{self.directory.name.rpartition('-')[2]}-bench")
+            self._bench = Namespace(self._namespace("bench"))
         return self._bench
 
     def cable(self, left, left_port, right, right_port):

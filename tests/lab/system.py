@@ -1,16 +1,14 @@
 """One terminal: datastore, software switch and daemon in a network namespace."""
 
 import json
-import os
-import re
 import shutil
 import subprocess
-from pathlib import Path
 
 from lab.datastore import Datastore
 from lab.netns import Namespace
-from lab.process import Process, tail
+from lab.process import tail
 from lab.shell import Shell
+from lab.station import Station
 from lab.waiting import LabError, eventually
 
 CPU_INTERFACE = "ethv0"       # the daemon's
@@ -20,41 +18,30 @@ HOST_SWITCH_SIDE = "hostsw"   # the switch's end of it
 HOST_ADDRESSES = 8
 SHELL_PORT = 2704
 PASSWORD = "lab"
-START_TIME = 20.0
 USER = "daemon"
-SANITIZER_REPORT = re.compile(r"^.*(ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:)",
-                              re.MULTILINE)
-SANITIZER_REPORT_SIZE = 6000
 
 
-class System:
+class System(Station):
     """make() provides namespace, interfaces and datastore; start() runs the programs."""
 
     def __init__(self, name, number, ports, directory, namespace_name, programs):
-        self.name = name
+        super().__init__(name, directory, namespace_name)
         self.number = number
         self.ports = ports
         self.programs = programs
-        self.directory = Path(directory)
-        self.namespace = None
         self.host = None  # the namespace of the user behind the switch
         self.switch = None
         self.daemon = None
         self.mac = f"02:00:00:00:{number:02x}:00"
         self.datastore = Datastore(self.directory, programs)
-        self._namespace_name = namespace_name
 
     def make(self):
         self._make_directories()
-        self.namespace = Namespace(self._namespace_name)
+        self.make_namespace()
         self.add_cpu_interface()
         self.datastore.install()
 
     # ---- parts
-
-    @staticmethod
-    def port_interface(port):
-        return f"ge{port}"
 
     def add_cpu_interface(self):
         self.namespace.ip("link", "add", CPU_INTERFACE, "address", self.mac, "type", "veth", "peer", "name",
@@ -161,23 +148,12 @@ class System:
                 process.stop()
 
     def remove(self):
-        """Removes what was made."""
-        for namespace in (self.host, self.namespace):
-            if namespace:
-                namespace.remove()
-        shutil.rmtree(self.directory, ignore_errors=True)
+        if self.host:
+            self.host.remove()
+        super().remove()
 
     def _run(self, name, command, environment=None):
-        return Process(f"{name} of {self.name}", [*self.namespace.enter(), *command],
-                       {**self.environment, **(environment or {})}, self.directory / f"{name}.out")
-
-    @staticmethod
-    def _await(process, what, read, accept):
-        def running(value):
-            if process.status is not None:
-                raise LabError(f"{process.name} ended with status {process.status}:\n{tail(process.log)}")
-            return accept(value)
-        eventually(f"{process.name} {what}", read, running, START_TIME)
+        return super()._run(name, command, {**self.environment, **(environment or {})})
 
     # ---- what an operator sees
 
@@ -240,26 +216,3 @@ class System:
         wanted = set(ports)
         eventually(f"{self.name}: member ports of group {group} are {sorted(wanted)}",
                    lambda: self.datastore.members(group), lambda members: members == wanted, within)
-
-    def set_link(self, port, up):
-        """Takes down or up the port's interface; a link with an end down has no carrier on either."""
-        self.namespace.ip("link", "set", self.port_interface(port), "up" if up else "down")
-
-    def sanitizer_reports(self):
-        """What programs that were built with a sanitizer have found."""
-        parts = []
-        for path in sorted(self.directory.glob("*.out")):
-            text = path.read_text(encoding="utf-8", errors="replace")
-            found = SANITIZER_REPORT.search(text)
-            if found:
-                parts.append(f"---- {self.name}: {path.name}\n{text[found.start():][:SANITIZER_REPORT_SIZE]}")
-        return "\n".join(parts)
-
-    def logs(self):
-        """Tails of everything that was written, for a failure."""
-        parts = []
-        for path in sorted([*self.directory.glob("*.out"), self.log_file]):
-            text = tail(path)
-            if text:
-                parts.append(f"---- {self.name}: {os.path.basename(path)}\n{text.rstrip()}")
-        return "\n".join(parts)
