@@ -3,6 +3,8 @@
 
 #include "lacp.h"
 
+// Whether the periodic machine has to run before its timer ends. Dispatcher.
+bool lacOutgrowsSlowPeriodic(const LacPort *port);
 // One step of the periodic machine; only the tick calls it.
 void update_Period(LacPort *port);
 // Lac_init and Lac_port_disabled put the periodic machine back to NO_PERIODIC.
