@@ -8,7 +8,7 @@ from collections import namedtuple
 
 RATE = 1000            # packets a second
 SETTLE = 0.5           # the last packets are on their way
-_PORT = 5001
+_PORT = 5001           # for TCP; each flow has one of its own
 _BUFFER = 4 << 20
 _SO_RCVBUFFORCE, _SO_TIMESTAMPNS = 33, 35
 _NUMBER = struct.Struct("!I")
@@ -29,20 +29,20 @@ class Flow:
         self._sent = 0
         self._received = []  # (number, time)
         self._running = True
-        self._target = (target.host_address, _PORT)
-        self._receiver = target.host.call(self._open_receiver)
+        self._receiver = target.host.call(lambda: self._open_receiver(target.host_address))
         self._sender = source.host.call(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
         self._sender.bind((address or source.host_address, 0))
         self._sender.setblocking(False)
         self._threads = [threading.Thread(target=self._receive), threading.Thread(target=self._send)]
         self.report = None
 
-    def _open_receiver(self):
+    def _open_receiver(self, address):
         receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         receiver.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, _BUFFER)
         receiver.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
         receiver.settimeout(SETTLE)
-        receiver.bind(self._target)
+        receiver.bind((address, 0))
+        self._target = receiver.getsockname()
         return receiver
 
     def __enter__(self):
