@@ -1,4 +1,5 @@
-// Mux machine (coupled control, IEEE Std 802.3 43.4.15) and attachment to aggregators.
+// Mux machine (coupled control, IEEE Std 802.3 43.4.15) and attachment to aggregators. Dispatcher, but for the state,
+// which any thread may ask for.
 #pragma once
 
 #include "lacp.h"

@@ -1,4 +1,4 @@
-// Periodic transmission (IEEE Std 802.3 43.4.13) and transmit machines.
+// Periodic transmission (IEEE Std 802.3 43.4.13) and transmit machines. Dispatcher.
 #pragma once
 
 #include "lacp.h"

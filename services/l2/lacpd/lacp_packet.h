@@ -1,4 +1,5 @@
-// The packet socket on "ethv0": LACPDUs inside the switch tag, and the frame dump.
+// The packet socket on "ethv0": LACPDUs inside the switch tag, and the frame dump. Its own thread receives, the
+// dispatcher sends, the main thread sets the dump flags.
 #pragma once
 
 #include "lacp.h"

@@ -1,6 +1,7 @@
 // The daemon's client of the switch-driver service and its three requests.
 //
-// Each request returns 0 when the service's socket took it and -1 when it was not sent.
+// Requests are sent by the event thread, one at a time. Each returns 0 when the service's socket took it and -1 when
+// it was not sent.
 #pragma once
 
 #include <cstdint>
