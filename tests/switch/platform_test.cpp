@@ -1,0 +1,193 @@
+// The message client against a service, and the utilities.
+#include "unix_socket.h"
+
+#include "frr/frr.hpp"
+#include "sclient/sclient.h"
+#include "sysutil/sysutil.h"
+
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
+const std::string PATH = std::filesystem::temp_directory_path() / ("platform-test-" + std::to_string(getpid()));
+
+class SclientTest : public testing::Test
+{
+  protected:
+    using Client = std::unique_ptr<sclient, decltype(&sclient_free)>;
+    struct Service {
+        std::string look()
+        {
+            std::string text;
+            if (olt::Descriptor peer = listening.accept(); peer.is_open()) {
+                peers.push_back(std::move(peer));
+                text += '+';
+            }
+            Bytes message(12);
+            for (const olt::Descriptor &peer : peers)
+                while (recv(peer.get(), message.data(), message.size(), MSG_DONTWAIT) > 0) {
+                    EXPECT_EQ(message, (Bytes{0, 12, 1, 2, 0, 7, 0, 11, 0, 0, 0, message.back()}));
+                    text += std::to_string(message.back());
+                }
+            return text;
+        }
+        olt::ListeningSocket listening{PATH, SOCK_SEQPACKET};
+        std::vector<olt::Descriptor> peers{};
+    };
+
+    // A client that sends a request for group 9 whenever it is called back.
+    Client start_client() const
+    {
+        setenv(SCLIENT_SOCKET_ENV, PATH.c_str(), 1);
+        Client client(sclient_new(loop_.get(), 0, nullptr), sclient_free);
+        client->reconnected = [](sclient *called) {
+            const std::unique_ptr<stream, decltype(&stream_free)> out(stream_new(SCLIENT_MAX_MESSAGE), stream_free);
+            sclient_send_stream(called, request(out.get(), 9));
+        };
+        EXPECT_EQ(sclient_init(client.get(), SCLIENT_KIND_LACP, 7, nullptr), 0);
+        return client;
+    }
+    static stream *request(stream *out, std::uint32_t group)
+    {
+        stream_reset(out);
+        sclient_create_header(out, SCLIENT_MSG_TRUNK_DESTROY);
+        stream_putl(out, group);
+        stream_putw_at(out, 0, static_cast<std::uint16_t>(stream_get_endp(out)));
+        return out;
+    }
+    static bool send(const Client &client, std::uint32_t group)
+    {
+        request(client->obuf, group);
+        return sclient_send_message(client.get()) == 0;
+    }
+    void start_service() { service_.emplace().listening.listen(); }
+
+    // What the service sees for a little longer than a client's retry: new connections (+) and requests (their
+    // groups).
+    std::string seen(bool reads = true)
+    {
+        std::string text;
+        for (const auto end = std::chrono::steady_clock::now() + 1300ms; std::chrono::steady_clock::now() < end;) {
+            static event *beat;
+            event due{};
+            event_add_timer_msec(
+                loop_.get(), [](event *) {}, nullptr, 10, &beat);
+            event_call(event_fetch(loop_.get(), &due));
+            if (service_ && reads)
+                text += service_->look();
+        }
+        return text;
+    }
+
+    std::unique_ptr<event_loop, decltype(&event_master_free)> loop_{event_master_create("test"), event_master_free};
+    std::optional<Service> service_;
+};
+
+TEST_F(SclientTest, AFirstConnectionIsNoReconnection)
+{
+    const Client prompt = start_client(), patient = start_client();
+    start_service();
+    EXPECT_TRUE(send(prompt, 1)) << "connects at once";
+    const Client late = start_client();
+    EXPECT_TRUE(send(late, 2));
+    EXPECT_EQ(seen(), "+1+2+");
+}
+
+TEST_F(SclientTest, WhatMayBeLostIsMadeGood)
+{
+    testing::internal::CaptureStderr();
+    const Client client = start_client();
+    EXPECT_FALSE(send(client, 1));
+    start_service();
+    EXPECT_EQ(seen(), "+9") << "a request before the first connection";
+    service_.reset();
+    EXPECT_EQ(seen(), "");
+    start_service();
+    EXPECT_EQ(seen(), "+9");
+    service_.reset();
+    start_service();
+    EXPECT_TRUE(send(client, 3)) << "although the loss is not yet noticed";
+    EXPECT_EQ(seen(), "+39");
+    service_->peers.clear();
+    EXPECT_EQ(seen(), "+9");
+    std::string sent;
+    while (send(client, 1))
+        sent += '1';
+    EXPECT_EQ(seen(false), "") << "the socket is still full when it is called back";
+    EXPECT_EQ(seen(), sent + '9');
+
+    const Bytes error{0, 16, 1, 2, 0, 0, 0, 255, 0, 0, 0, 9, 0, 0, 0, 12};
+    for (unsigned count = 0; count < 80; ++count)
+        ::send(service_->peers.back().get(), error.data(), error.size() - count % 2, MSG_NOSIGNAL);
+    EXPECT_EQ(seen(), "");
+    EXPECT_EQ(sclient_error_replies(client.get()), 40u);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::MatchesRegex("(sclient: [^\n]* at [^\n]* is not reachable; trying again every second\n"
+                                      "sclient: [^\n]* at [^\n]* is there again\n){3}"
+                                      "(sclient: [^\n]* refused request 12 with error code 9\n){40}"));
+    EXPECT_EQ(sclient_send_message(nullptr), -1);
+}
+
+TEST(Utilities, TellInventoryAndAddressAndWhetherAConfigurationCanBeRead)
+{
+    for (const auto &[first, last, good] : {std::tuple(1u, 1u, true),
+                                            {1u, 8u, true},
+                                            {8u, 8u, true},
+                                            {0u, 8u, false},
+                                            {1u, 9u, false},
+                                            {5u, 4u, false}}) {
+        const DevPortInfo info{0, first, last, 0};
+        PortInventory inventory{3, 4};
+        EXPECT_EQ(port_init(&info, &inventory), good ? 0 : -9) << first << ' ' << last;
+        EXPECT_EQ(inventory.last_uplink_port, good ? last : 0);
+    }
+    Bytes mac(6, 1);
+    EXPECT_EQ(system_get_eth_mac("no-such-if", mac.data()), -1);
+    EXPECT_TRUE(system_get_eth_mac("lo", mac.data()) == 0 && mac == Bytes(6));
+    EXPECT_EQ(seteuid(1), 0);
+    for (const auto &[named, file, good] : {std::tuple(true, "/etc/passwd", true),
+                                            {true, "/etc/shadow", false},
+                                            {true, "/none", false},
+                                            {false, "/none", true},
+                                            {false, "/etc/shadow", false}}) {
+        frr_daemon_info daemon{};
+        daemon.name = "lacpd";
+        daemon.config_file = named ? file : nullptr;
+        snprintf(config_default, sizeof(config_default), "%s", file);
+        EXPECT_EQ(daemon_restart_restore_config(&daemon), good ? 0 : -1) << file;
+    }
+    EXPECT_EQ(seteuid(0), 0);
+}
+
+TEST(Utilities, StartThreadsWithNameArgumentAndNoSignals)
+{
+    static const auto signals = [] {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return std::to_string(sigismember(&mask, SIGTERM)) + std::to_string(sigismember(&mask, SIGSEGV));
+    };
+    const auto look = [](SystemThread *thread) -> void * {
+        char name[16];
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        static_cast<std::promise<std::string> *>(system_pthread_argument(thread))->set_value(name + signals());
+        return nullptr;
+    };
+    static std::promise<std::string> at_creation, at_run;
+    SystemThread *thread = system_pthread_create("x", "a-name-of-many-characters", look, 0, &at_creation);
+    EXPECT_EQ(system_pthread_run(thread, 1, nullptr), EINVAL);
+    EXPECT_EQ(system_pthread_run(thread, 0, nullptr), 0);
+    EXPECT_EQ(at_creation.get_future().get(), "a-name-of-many-10");
+    EXPECT_EQ(system_pthread_run(thread, 0, &at_run), 0);
+    EXPECT_EQ(at_run.get_future().get() + signals(), "a-name-of-many-1000") << "the caller's mask is as before";
+}
+
+} // namespace
