@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Frames a second that the switch forwards from the host into a trunk, and back, beside what a bridge forwards.
 
-    tests/switch/measure_forwarding.py [--build DIR] [--seconds N] [--rounds N]        as root
+    tests/switch/measure_forwarding.py [--seconds N] [--rounds N]        as root
 
 Both forward over the same veth pairs, one after the other in turns: frames go into one end of a pair as fast as the
 kernel takes them and are counted where they come out, at a priority that leaves other programs little say.
+LACPD_BUILD_DIR names another build directory than build.
 """
 
 import argparse
@@ -21,7 +22,6 @@ from pathlib import Path
 from test_switch import BUILD, CREATE, SRC_DST_IP, Bench, Lab, Programs, packet
 
 SIZES, BATCH, URGENT = (64, 512, 1514), 64, -15
-LIBC = ctypes.CDLL(None)
 
 
 def received(namespace):
@@ -29,26 +29,23 @@ def received(namespace):
     return sum(link["stats64"]["rx"]["packets"] for link in json.loads(namespace.ip("-s", "-j", "link")))
 
 
-def send_until(stop, wire, size):
-    """Sends batches of frames of as many flows, as sendmmsg(2) takes them."""
+@contextlib.contextmanager
+def sending(wire, size):
+    """Sends batches of frames of as many flows, as sendmmsg(2) takes them, as long as the block runs."""
     frames = [ctypes.create_string_buffer(packet(sip=flow).ljust(size, b"\0"), size) for flow in range(BATCH)]
     parts = [ctypes.create_string_buffer(struct.pack("PN", ctypes.addressof(frame), size)) for frame in frames]
     batch = b"".join(struct.pack("PIPNPNi4xI4x", 0, 0, ctypes.addressof(part), 1, 0, 0, 0, 0) for part in parts)
-    while not stop.is_set():
-        LIBC.sendmmsg(wire.fileno(), batch, BATCH, 0)
+    stop, library = threading.Event(), ctypes.CDLL(None)
 
-
-def rate(wire, sink, size, seconds):
-    stop = threading.Event()
-    sender = threading.Thread(target=send_until, args=(stop, wire, size))
+    def send():
+        while not stop.is_set():
+            library.sendmmsg(wire.fileno(), batch, BATCH, 0)
+    sender = threading.Thread(target=send, daemon=True)
     sender.start()
     time.sleep(0.3)
-    first, began = received(sink), time.monotonic()
-    time.sleep(seconds)
-    found = (received(sink) - first) / (time.monotonic() - began)
+    yield
     stop.set()
     sender.join()
-    return found
 
 
 @contextlib.contextmanager
@@ -76,7 +73,6 @@ def switch(bench):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", default=BUILD)
     parser.add_argument("--seconds", type=float, default=1.0, help="of one measurement")
     parser.add_argument("--rounds", type=int, default=3)
     options = parser.parse_args()
@@ -86,16 +82,18 @@ def main():
         Path("/proc/self/autogroup").write_text(str(URGENT), encoding="ascii")
     print(f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}, median of {options.rounds} rounds of "
           f"{options.seconds} s\nbytes  way             bridge/s   switch/s  ratio")
-    with Lab(Programs(options.build)) as lab:
+    with Lab(Programs(BUILD)) as lab:
         bench = Bench(lab)
+        bench.plug_in("host", 1)
         for size in SIZES:
-            rates = {}
-            for forwarder in (bridge, switch) * options.rounds:
-                for way, end, sink in (("host->trunk", "host", lab.bench), ("trunk->host", 1, bench.system.host)):
-                    with forwarder(bench):
-                        rates.setdefault((way, forwarder), []).append(rate(bench.wire(end), sink, size, options.seconds))
-            for way in ("host->trunk", "trunk->host"):
-                base, ours = (statistics.median(rates[way, forwarder]) for forwarder in (bridge, switch))
+            for way, end, sink in (("host->trunk", "host", lab.bench), ("trunk->host", 1, bench.system.host)):
+                rates = {bridge: [], switch: []}
+                for forwarder in (*rates,) * options.rounds:
+                    with forwarder(bench), sending(bench.wires[end], size):
+                        first, began = received(sink), time.monotonic()
+                        time.sleep(options.seconds)
+                        rates[forwarder].append((received(sink) - first) / (time.monotonic() - began))
+                base, ours = map(statistics.median, rates.values())
                 print(f"{size:>5}  {way:<12} {base:>10,.0f} {ours:>10,.0f}  {ours / base:.2f}", flush=True)
 
 

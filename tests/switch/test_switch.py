@@ -17,7 +17,7 @@ from scapy.all import ARP, IP, TCP, UDP, Ether, IPv6, conf
 TESTS = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(TESTS))
 
-from lab import Lab, Programs, eventually  # noqa: E402 (needs the path above)
+from lab import Capture, Lab, Programs, eventually  # noqa: E402 (needs the path above)
 
 BUILD = os.environ.get("LACPD_BUILD_DIR", TESTS.parent / "build")
 PORTS = (1, 2, 3)
@@ -26,7 +26,7 @@ SRC_IP, SRC_MAC, SRC_DST_IP, SRC_DST_MAC = 0, 9, 18, 19
 SLOW, HOST = "01:80:c2:00:00:02", "02:00:00:00:00:01"
 TAG, SERVICE_TAG = b"\x81\x00\x60\x05", b"\x88\xa8\x00\x05"
 LACPDU = bytes(Ether(dst=SLOW, src=HOST, type=0x8809) / bytes(range(110)))
-SOON, AT_ONCE, GRACE = 5.0, 0.05, 1
+SOON, GRACE = 5.0, 1
 SOL_PACKET, PACKET_VNET_HDR = 263, 15
 conf.bufsize = 4 << 20  # the system's limit
 
@@ -59,7 +59,7 @@ class Bench:
     """A switch and the far ends of its interfaces."""
 
     def __init__(self, lab):
-        self.lab, self.system, self.open = lab, lab.system("one", ports=len(PORTS)), {}
+        self.lab, self.system, self.wires, self.clients = lab, lab.system("one", ports=len(PORTS)), {}, {}
         self.system.add_host()
         self.ends = {"cpu": (self.system.namespace, "ethv0"), "host": (self.system.host, "host0"),
                      **{port: (lab.bench, lab.loose_cable(self.system, port)) for port in PORTS}}
@@ -68,60 +68,54 @@ class Bench:
         self.disconnect()
         self.system.stop_switch()
         self.system.start_switch(*options)
+        self.plug_in(*self.ends)
 
-    def disconnect(self):
-        while self.open:
-            self.open.popitem()[1].close()
+    def plug_in(self, *ends):
+        for end in ends:
+            namespace, interface = self.ends[end]
+            self.wires[end] = namespace.call(lambda name=interface: conf.L2socket(name, promisc=False, nofilter=True))
+            self.wires[end].ins.setblocking(False)
+
+    def settled(self, count=0):
+        """The state when so many frames or requests have been dealt with: 64 a turn."""
+        return [self.system.state() for _ in range(3 + count // 64)][-1]
+
+    def exchange(self, *sends):
+        """Sends frames into ends; what has come out of each end since the last time."""
+        for end, frame in sends:
+            self.wires[end].send(frame)
+        self.settled(len(sends))
+        found = {}
+        for end, wire in self.wires.items():
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    found.setdefault(end, []).extend(filter(None, [wire.recv_raw()[1]]))
+        return {end: frames for end, frames in found.items() if frames}
+
+    def leaving(self, frames):
+        return self.exchange(*(("host", frame) for frame in frames))
 
     def until(self, holds):
         return eventually("the state of the switch", self.system.state, holds, SOON)
 
-    @contextlib.contextmanager
-    def counted(self, count, counters):
-        """Waits until the sum of counters has grown so much."""
-        wanted = sum(counters(self.system.state())) + count
-        yield
-        self.until(lambda now: sum(counters(now)) == wanted)
-
-    def wire(self, name):
-        if name not in self.open:
-            namespace, interface = self.ends[name]
-            self.open[name] = namespace.call(lambda: conf.L2socket(interface, promisc=False, nofilter=True))
-        return self.open[name]
-
-    def received(self, name, count=None):
-        """So many frames that came in at an end, or those that have come."""
-        frames = []
-        self.wire(name).ins.settimeout(SOON if count else AT_ONCE)
-        with contextlib.suppress(TimeoutError):
-            while len(frames) != count:
-                frames += filter(None, [self.wire(name).recv_raw()[1]])
-        return frames
-
-    def leaving(self, frames):
-        """What comes out of each port when the host sends frames."""
-        for port in PORTS:
-            self.received(port)
-        with self.counted(len(frames), lambda now: list(now["traffic"]["host"]["rx"].values())[::2]):
-            for frame in frames:
-                self.wire("host").send(frame)
-        return {port: self.received(port) for port in PORTS}
-
-    def driver(self, name="daemon"):
+    def client(self, name="daemon"):
         """A client of the driver service, connected when it is first asked for."""
-        if name not in self.open:
+        if name not in self.clients:
             client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
             client.settimeout(SOON)
             client.connect(self.system.environment["SCLIENT_SOCKET"])
-            self.open[name] = client
-        return self.open[name]
+            self.clients[name] = client
+        return self.clients[name]
 
-    def ask(self, *requests, driver="daemon"):
-        """Sends requests and waits until each has been dealt with; returns the trunks."""
-        with self.counted(len(requests), lambda now: list(now["driver"].values())[1:6]):
-            for request in requests:
-                self.driver(driver).send(request if isinstance(request, bytes) else message(*request))
-        return {trunk.pop("group"): trunk for trunk in self.system.state()["trunks"]}
+    def disconnect(self):
+        while self.clients:
+            self.clients.popitem()[1].close()
+
+    def ask(self, *requests, client="daemon"):
+        """The trunks after requests."""
+        for request in requests:
+            self.client(client).send(message(*request))
+        return {trunk.pop("group"): trunk for trunk in self.settled()["trunks"]}
 
 
 @pytest.fixture(scope="module")
@@ -137,28 +131,23 @@ def switch(bench):
 
 
 def test_slow_protocols_frames_travel_between_ports_and_cpu(switch):
-    switch.ends["ge2"] = (switch.system.namespace, "ge2")
-    switch.received("cpu")
     for port, frame in ((1, LACPDU), (3, tagged(LACPDU, TAG)), (3, packet(dst=SLOW)), (1, bytes(12) + LACPDU[12:])):
-        switch.wire(port).send(packet())  # not the CPU's
-        switch.wire("ge2").send(frame)  # another program's, going out
-        switch.wire(port).send(frame)
-        assert switch.received("cpu", 1) == [to_cpu(frame, port, vlan=4094)]
-    switch.received(2)
+        assert switch.exchange((port, frame)) == {"cpu": [to_cpu(frame, port, vlan=4094)]}
+    with Capture(switch.system.namespace, "ge2") as another:
+        another.send(LACPDU)
+    assert switch.exchange((1, packet())) == {2: [LACPDU]}, "neither what goes out nor user traffic is for the CPU"
     switch.system.set_link(2, up=False)
-    for frame in (LACPDU, to_cpu(LACPDU, 1), from_cpu(LACPDU, 1)[:19], *(from_cpu(LACPDU, n) for n in (0, 4, 256, *PORTS))):
-        switch.wire("cpu").send(frame)
-    now = switch.until(lambda now: now["cpu"]["received"] == 9)
+    frames = [LACPDU, to_cpu(LACPDU, 1), from_cpu(LACPDU, 1)[:19], *(from_cpu(LACPDU, n) for n in (0, 4, 256, *PORTS))]
+    assert switch.exchange(*(("cpu", frame) for frame in frames)) == {1: [LACPDU], 3: [LACPDU]}
+    now = switch.system.state()
     assert list(now["cpu"].values()) == ["cpu0", 9, 4, 3, 3, 0], "received, sent, without tag, for no port, not sent"
     assert [list(port.values())[4:] for port in now["ports"]] == [[2, 1, 0], [0, 0, 1], [2, 1, 0]], "in, out, not sent"
-    assert [switch.received(port) for port in PORTS] == [[LACPDU], [], [LACPDU]]
     switch.system.set_link(2, up=True)
     switch.system.switch.send_signal(signal.SIGSTOP)
-    for _ in range(1000):
-        switch.wire(1).send(packet() + bytes(900))
-    switch.wire(1).send(LACPDU)
+    for frame in [packet() + bytes(900)] * 1000 + [LACPDU]:
+        switch.wires[1].send(frame)
     switch.system.switch.send_signal(signal.SIGCONT)
-    assert switch.received("cpu", 1) == [to_cpu(LACPDU, 1, vlan=4094)], "there is room beside user traffic"
+    assert switch.exchange() == {"cpu": [to_cpu(LACPDU, 1, vlan=4094)]}, "there is room beside user traffic"
 
 
 def test_link_status_follows_the_carriers(switch):
@@ -188,12 +177,10 @@ def test_interfaces_that_are_renamed_or_come_again_carry_frames_again(switch):
         switch.system.namespace.ip("link", "del", near)
         switch.system.switch.wait_for_output(f"interface {near} is gone\n", SOON)
         switch.lab.veth(switch.system.namespace, near, *switch.ends[end])
+        switch.plug_in(end)
     switch.until(lambda now: now["ports"][0]["carrier"])
-    for source, frame, sink, wanted in ((1, LACPDU, "cpu", to_cpu(LACPDU, 1)), ("cpu", from_cpu(LACPDU, 1), 1, LACPDU),
-                                        (1, packet(), "host", packet()), ("host", packet(), 1, packet())):
-        switch.received(sink)
-        switch.wire(source).send(frame)
-        assert switch.received(sink, 1) == [wanted]
+    assert switch.exchange((1, LACPDU), ("cpu", from_cpu(LACPDU, 1)), (1, packet()), ("host", packet())) == {
+        "cpu": [to_cpu(LACPDU, 1)], 1: [LACPDU, packet()], "host": [packet()]}
 
 
 def test_requests_make_change_and_remove_trunks(switch):
@@ -219,37 +206,37 @@ def test_bad_requests_are_answered_counted_and_survived(switch):
                (7, message(PSC_SET, 1, 20)), (8, message(CREATE, 1, SRC_MAC, 0, 0)), (8, message(CREATE, 1, SRC_MAC, 8, 1)),
                (8, message(CREATE, 1, SRC_MAC, 3, 1)), (9, message(PSC_SET, 1, SRC_MAC))]
     for code, request in malformed + refused:
-        switch.ask(request)
+        switch.client().send(request)
         number = int.from_bytes(request[6:8], "big") if len(request) >= 8 else 0
-        assert switch.driver().recv(4096) == message(ERROR, code, number), request
+        assert switch.client().recv(4096) == message(ERROR, code, number), request
     for _ in range(1000):
-        switch.driver("one that reads nothing").send(b"\x00")
+        switch.client("one that reads nothing").send(b"\x00")
     now = switch.until(lambda now: now["driver"]["malformed"] == len(malformed) + 1000)
     assert (now["driver"]["refused"], now["trunks"]) == (len(refused), [])
-    assert list(switch.ask(good)) == [1]
+    assert list(switch.ask((CREATE, 1, SRC_MAC, 1, 1))) == [1]
 
 
 def test_a_new_daemon_has_its_time_to_ask_for_the_trunks(switch):
     def knock():  # before anything is ready
-        while "daemon" not in switch.open:
+        while "daemon" not in switch.clients:
             with contextlib.suppress(OSError):
-                switch.driver().send(message(CREATE, 1, SRC_MAC, 1, 1))
+                switch.client().send(message(CREATE, 1, SRC_MAC, 1, 1))
     switch.system.stop_switch()
     threading.Thread(target=knock).start()
     switch.system.start_switch("--stale-grace", str(GRACE))
     switch.ask((CREATE, 2, SRC_MAC, 2, 1))
-    switch.driver("one that asks for nothing")
+    switch.client("one that asks for nothing")
     time.sleep(GRACE + 0.5)
     assert switch.system.trunks() == {1: {1}, 2: {2}}
-    trunks = switch.ask((CREATE, 1, SRC_MAC, 1, 1), driver="new one")  # the old one is not yet gone
+    trunks = switch.ask((CREATE, 1, SRC_MAC, 1, 1), client="new one")  # the old one is not yet gone
     assert {group: trunk["stale"] for group, trunk in trunks.items()} == {1: False, 2: True}
     switch.until(lambda now: [trunk["group"] for trunk in now["trunks"]] == [1])
     switch.disconnect()
-    switch.driver("one that does not stay")
+    switch.client("one that does not stay")
     switch.disconnect()
     time.sleep(GRACE + 0.5)
     assert switch.system.trunks() == {1: {1}}
-    switch.driver("the next")
+    switch.client("the next")
     switch.until(lambda now: now["trunks"] == [])
 
 
@@ -281,7 +268,7 @@ def test_only_flows_of_a_lost_member_move(switch):
     switch.ask((CREATE, 1, SRC_IP, 0b111, 3))
     before = switch.leaving(sent)
     switch.system.set_link(2, up=False)
-    assert switch.leaving(sent) == {**before, 2: []}, "what a member cannot send is dropped alone"
+    assert switch.leaving(sent) == {1: before[1], 3: before[3]}, "what a member cannot send is dropped alone"
     assert switch.system.state()["traffic"]["trunks"][0]["tx"]["dropped"] == len(before[2]) > len(sent) / 6
     switch.system.set_link(2, up=True)
     switch.ask((CREATE, 1, SRC_IP, 0b101, 2))
@@ -296,16 +283,13 @@ def test_traffic_stays_within_trunks_and_is_counted(switch):
     passed = [packet(dst=address) for address in (HOST, "ff:ff:ff:ff:ff:ff", "01:80:c2:00:00:10", "01:80:c2:00:01:00")]
     reserved = [packet(dst=address) for address in ("01:80:c2:00:00:00", "01:80:c2:00:00:0f")]
     slow = [LACPDU, bytes(12) + LACPDU[12:]]
-    assert switch.leaving(passed[:1]) == {1: [], 2: [], 3: []}, "no trunk"
+    assert switch.leaving(passed[:1]) == {}, "no trunk"
     switch.ask((CREATE, 3, SRC_MAC, 0b100, 1), (CREATE, 2, SRC_MAC, 0b010, 1))
-    assert switch.leaving([*passed, *reserved, *slow]) == {1: [], 2: passed, 3: []}, "the lowest group carries"
-    switch.received("host")
+    assert switch.leaving([*passed, *reserved, *slow]) == {2: passed}, "the lowest group carries"
     for port in PORTS:
-        for frame in (*passed, packet(tag=TAG), *reserved, *slow):
-            switch.wire(port).send(frame)
-        switch.until(lambda now, port=port: now["ports"][port - 1]["rx_slow"] == len(slow))
-        assert switch.received("host") == ([] if port == 1 else [*passed, packet(tag=TAG)]), "none outside trunks"
-    assert [switch.received(port) for port in PORTS] == [[], [], []], "nothing goes from port to port"
+        found = switch.exchange(*((port, frame) for frame in (*passed, packet(tag=TAG), *reserved, *slow)))
+        assert found.pop("cpu") == [to_cpu(frame, port, vlan=4094) for frame in slow]
+        assert found == ({} if port == 1 else {"host": [*passed, packet(tag=TAG)]}), "nothing outside trunks"
     ports = [{"port": port, "rx": rx, "tx": tx, "interface": f"ge{port}", "missed": 0} for port, rx, tx in (
         (1, count(0, dropped=7), count(0)), (2, count(5, 2, tags=1), count(4)), (3, count(5, 2, tags=1), count(0)))]
     trunks = [{"group": port["port"], "rx": count(5, tags=1), "tx": port["tx"]} for port in ports[1:]]
@@ -313,20 +297,20 @@ def test_traffic_stays_within_trunks_and_is_counted(switch):
         "host": {"rx": count(4, dropped=5), "tx": count(10, tags=2), "interface": "hostsw", "missed": 0},
         "ports": ports, "trunks": trunks}
     switch.ask((DESTROY, 2))
-    assert switch.leaving(passed)[3] == passed, "the next group stands in"
+    assert switch.leaving(passed) == {3: passed}, "the next group stands in"
 
 
 def test_what_the_kernel_has_left_to_do_stays_so(switch):
     switch.ask((CREATE, 1, SRC_MAC, 1, 1))
     for name in ("host", 1):
-        switch.wire(name).ins.setsockopt(SOL_PACKET, PACKET_VNET_HDR, 1)
-        switch.wire(name).ins.settimeout(SOON)
+        switch.wires[name].ins.setsockopt(SOL_PACKET, PACKET_VNET_HDR, 1)
     for layer, offset, kind, head, size in ((UDP() / bytes(20), 6, 0, 0, 0), (TCP() / bytes(4000), 16, 1, 54, 1000)):
         frame = bytes(Ether(src=HOST, dst=HOST) / IP(src="10.0.0.1", dst="10.0.0.2") / layer)
         for tag in (b"", TAG):
             header = struct.pack("=BBHHHH", 1, kind, head and head + len(tag), size, 34 + len(tag), offset)
-            switch.wire("host").ins.send(header + tagged(frame, tag))
-            received = switch.wire(1).ins.recv(1 << 16)  # the kernel keeps the tag aside
+            switch.wires["host"].ins.send(header + tagged(frame, tag))
+            switch.settled()
+            received = switch.wires[1].ins.recv(1 << 16)  # the kernel keeps the tag aside
             assert (received[:2], received[10:]) == (header[:2], frame)
             assert struct.unpack("=HHH", received[4:10]) == (size, 34, offset)
 
