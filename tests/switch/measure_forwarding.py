@@ -67,7 +67,6 @@ def switch(bench):
     bench.restart("--no-datastore")
     bench.ask((CREATE, 1, SRC_DST_IP, 0b011, 2))
     yield
-    bench.disconnect()
     bench.system.stop_switch()
 
 

@@ -59,16 +59,16 @@ class Bench:
     """A switch and the far ends of its interfaces."""
 
     def __init__(self, lab):
-        self.lab, self.system, self.wires, self.clients = lab, lab.system("one", ports=len(PORTS)), {}, {}
+        self.lab, self.system, self.wires = lab, lab.system("one", ports=len(PORTS)), {}
         self.system.add_host()
         self.ends = {"cpu": (self.system.namespace, "ethv0"), "host": (self.system.host, "host0"),
                      **{port: (lab.bench, lab.loose_cable(self.system, port)) for port in PORTS}}
 
     def restart(self, *options):
-        self.disconnect()
         self.system.stop_switch()
         self.system.start_switch(*options)
         self.plug_in(*self.ends)
+        self.daemon = self.connect()
 
     def plug_in(self, *ends):
         for end in ends:
@@ -98,23 +98,17 @@ class Bench:
     def until(self, holds):
         return eventually("the state of the switch", self.system.state, holds, SOON)
 
-    def client(self, name="daemon"):
-        """A client of the driver service, connected when it is first asked for."""
-        if name not in self.clients:
-            client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-            client.settimeout(SOON)
-            client.connect(self.system.environment["SCLIENT_SOCKET"])
-            self.clients[name] = client
-        return self.clients[name]
+    def connect(self):
+        """A client of the driver service."""
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        client.settimeout(SOON)
+        client.connect(self.system.environment["SCLIENT_SOCKET"])
+        return client
 
-    def disconnect(self):
-        while self.clients:
-            self.clients.popitem()[1].close()
-
-    def ask(self, *requests, client="daemon"):
+    def ask(self, *requests, client=None):
         """The trunks after requests."""
         for request in requests:
-            self.client(client).send(message(*request))
+            (client or self.daemon).send(message(*request))
         return {trunk.pop("group"): trunk for trunk in self.settled()["trunks"]}
 
 
@@ -206,11 +200,12 @@ def test_bad_requests_are_answered_counted_and_survived(switch):
                (7, message(PSC_SET, 1, 20)), (8, message(CREATE, 1, SRC_MAC, 0, 0)), (8, message(CREATE, 1, SRC_MAC, 8, 1)),
                (8, message(CREATE, 1, SRC_MAC, 3, 1)), (9, message(PSC_SET, 1, SRC_MAC))]
     for code, request in malformed + refused:
-        switch.client().send(request)
+        switch.daemon.send(request)
         number = int.from_bytes(request[6:8], "big") if len(request) >= 8 else 0
-        assert switch.client().recv(4096) == message(ERROR, code, number), request
+        assert switch.daemon.recv(4096) == message(ERROR, code, number), request
+    deaf = switch.connect()
     for _ in range(1000):
-        switch.client("one that reads nothing").send(b"\x00")
+        deaf.send(b"\x00")
     now = switch.until(lambda now: now["driver"]["malformed"] == len(malformed) + 1000)
     assert (now["driver"]["refused"], now["trunks"]) == (len(refused), [])
     assert list(switch.ask((CREATE, 1, SRC_MAC, 1, 1))) == [1]
@@ -218,25 +213,29 @@ def test_bad_requests_are_answered_counted_and_survived(switch):
 
 def test_a_new_daemon_has_its_time_to_ask_for_the_trunks(switch):
     def knock():  # before anything is ready
-        while "daemon" not in switch.clients:
+        while not clients:
             with contextlib.suppress(OSError):
-                switch.client().send(message(CREATE, 1, SRC_MAC, 1, 1))
+                clients.append(switch.connect())
+        clients[0].send(message(CREATE, 1, SRC_MAC, 1, 1))
+    clients = []
     switch.system.stop_switch()
     threading.Thread(target=knock).start()
     switch.system.start_switch("--stale-grace", str(GRACE))
-    switch.ask((CREATE, 2, SRC_MAC, 2, 1))
-    switch.client("one that asks for nothing")
+    switch.ask((CREATE, 2, SRC_MAC, 2, 1), client=clients[0])
+    clients.append(switch.connect())  # and asks for nothing
     time.sleep(GRACE + 0.5)
     assert switch.system.trunks() == {1: {1}, 2: {2}}
-    trunks = switch.ask((CREATE, 1, SRC_MAC, 1, 1), client="new one")  # the old one is not yet gone
+    clients.append(switch.connect())  # the first one is not yet gone
+    trunks = switch.ask((CREATE, 1, SRC_MAC, 1, 1), client=clients[-1])
     assert {group: trunk["stale"] for group, trunk in trunks.items()} == {1: False, 2: True}
     switch.until(lambda now: [trunk["group"] for trunk in now["trunks"]] == [1])
-    switch.disconnect()
-    switch.client("one that does not stay")
-    switch.disconnect()
+    for client in clients:
+        client.close()
+    switch.until(lambda now: now["driver"]["clients"] == 0)
+    switch.connect().close()
     time.sleep(GRACE + 0.5)
-    assert switch.system.trunks() == {1: {1}}
-    switch.client("the next")
+    assert switch.system.trunks() == {1: {1}}, "one that does not stay takes no trunk away"
+    clients.append(switch.connect())
     switch.until(lambda now: now["trunks"] == [])
 
 
