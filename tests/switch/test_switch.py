@@ -76,6 +76,10 @@ class Bench:
             self.wires[end] = namespace.call(lambda name=interface: conf.L2socket(name, promisc=False, nofilter=True))
             self.wires[end].ins.setblocking(False)
 
+    def await_links(self):
+        for namespace, _ in self.ends.values():
+            eventually("links", lambda space=namespace: space.ip("-br", "link"), lambda text: "DOWN" not in text, SOON)
+
     def settled(self, count=0):
         """The state when so many frames or requests have been dealt with: 64 a turn."""
         return [self.system.state() for _ in range(3 + count // 64)][-1]
@@ -120,6 +124,7 @@ def bench():
 
 @pytest.fixture
 def switch(bench):
+    bench.await_links()
     bench.restart("--vlan", "4094", "--stale-grace", str(GRACE))
     return bench
 
@@ -172,6 +177,7 @@ def test_interfaces_that_are_renamed_or_come_again_carry_frames_again(switch):
         switch.system.switch.wait_for_output(f"interface {near} is gone\n", SOON)
         switch.lab.veth(switch.system.namespace, near, *switch.ends[end])
         switch.plug_in(end)
+    switch.await_links()
     switch.until(lambda now: now["ports"][0]["carrier"])
     assert switch.exchange((1, LACPDU), ("cpu", from_cpu(LACPDU, 1)), (1, packet()), ("host", packet())) == {
         "cpu": [to_cpu(LACPDU, 1)], 1: [LACPDU, packet()], "host": [packet()]}
