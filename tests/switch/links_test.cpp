@@ -105,10 +105,9 @@ TEST(LinkPublisher, IsReadyWithEveryEntryTriedAndTriesAgain)
 
 TEST(FlowHash, OfACutPacketGoesByItsMacAddresses)
 {
-    for (const auto &type : {Bytes{0x08, 0x00, 0x45}, Bytes{0x86, 0xDD, 0x60}}) {
-        Bytes frame{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0x81, 0, 0, 5};
-        frame.insert(frame.end(), type.begin(), type.end());
-        frame.resize(type.back() == 0x45 ? 18 + 20 : 18 + 40, type.back());
+    for (Bytes frame : {Bytes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0x81, 0, 0, 5, 0x08, 0x00, 0x45},
+                        Bytes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0x81, 0, 0, 5, 0x86, 0xDD, 0x60}}) {
+        frame.resize(frame.back() == 0x45 ? 18 + 20 : 18 + 40, frame.back());
         EXPECT_NE(olt::flow_hash(0, frame), olt::flow_hash(9, frame));
         for (std::size_t size = 14; size < frame.size(); ++size) {
             const auto head = olt::Frame(frame).first(size);

@@ -10,6 +10,7 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace
@@ -113,6 +114,14 @@ TEST(Sclient, MakesGoodWhatMayBeLost)
                                       "(sclient: [^\n]* at [^\n]* is there again\n)+){3}"
                                       "(sclient: [^\n]* refused request 12 with error code 9\n){40}"));
     EXPECT_EQ(sclient_send_message(nullptr), -1);
+
+    const std::jthread another([&](const std::stop_token &stop) { // for ThreadSanitizer
+        while (!stop.stop_requested())
+            send(client, 1);
+    });
+    stop_service();
+    service.emplace(PATH, SOCK_SEQPACKET).listen();
+    EXPECT_EQ(seen().substr(0, 2), "+1");
     std::filesystem::remove(PATH + ".lock");
 }
 
