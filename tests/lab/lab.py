@@ -75,12 +75,12 @@ class Lab:
     def cable(self, left, left_port, right, right_port):
         """Connects two ports."""
         ends = (left.port_interface(left_port), right.port_interface(right_port))
-        self._veth(left.namespace, ends[0], right.namespace, ends[1])
+        self.veth(left.namespace, ends[0], right.namespace, ends[1])
 
     def loose_cable(self, system, port):
         """Plugs in a cable that ends on the bench; returns the name of that end's interface."""
         end = f"{system.name}-{port}"
-        self._veth(system.namespace, system.port_interface(port), self.bench, end)
+        self.veth(system.namespace, system.port_interface(port), self.bench, end)
         return end
 
     def patch(self, end, other):
@@ -93,7 +93,7 @@ class Lab:
             self.bench.ip("link", "set", name, "type", "bridge_slave", "group_fwd_mask", _SLOW_PROTOCOLS)
 
     @staticmethod
-    def _veth(near, near_name, far, far_name):
+    def veth(near, near_name, far, far_name):
         netns.ip("link", "add", near_name, "netns", near.name, "type", "veth", "peer", "name", far_name, "netns",
                  far.name)
         near.ip("link", "set", near_name, "up")
