@@ -203,9 +203,8 @@ void check_membership(const LacPort *port)
     const bool rests = port->mux_scheduler.active == 0;
     hold(!collects || !rests || (port->actor_oper_state & LAC_SYNCHRONIZATION) != 0,
          "a port that collects tells Synchronization", port);
-    const bool runs = port->lacp_enabled == 1 && port->port_enabled == 1;
-    hold(!runs || port->attached == 1 || (port->actor_oper_state & LAC_MUX_BITS) == 0,
-         "a running port that is not attached tells none of the mux machine's bits", port);
+    hold(port->attached == 1 || (port->actor_oper_state & LAC_MUX_BITS) == 0,
+         "a port that is not attached tells none of the mux machine's bits", port);
     hold(!rests || port->selected != LAC_UNSELECTED || port->attached == 0, "an unselected port is detached", port);
     if (lacMemberOwed(port))
         return;

@@ -78,7 +78,7 @@ TEST_F(PortTest, SwitchingOnInitialisesEveryPort)
     switch_on();
     EXPECT_EQ(lacSystem->system_state, 1U);
     EXPECT_EQ(get_lac_global_enable(), 1U);
-    const std::uint8_t states[] = {0x7D, 0x7F, 0x7C, 0x7D};
+    const std::uint8_t states[] = {0x45, 0x47, 0x44, 0x45};
     for (LacPort *record : lac_ports()) {
         SCOPED_TRACE(record->port_no);
         const bool up = record->port_no == 4; // found without LACP

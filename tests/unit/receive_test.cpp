@@ -160,7 +160,7 @@ TEST_F(ReceiveTest, InitialisingRestoresTheActorButNotKeyAndPriority)
         record.partner_admin_key = 0x4321;
         lacRxMachine(&record, Lac_init, nullptr);
         EXPECT_EQ(lac_actor_info(&record),
-                  (LacInfo{32768, OUR_MAC, 5, 6, 1, static_cast<std::uint8_t>(0x7D | timeout), {}}));
+                  (LacInfo{32768, OUR_MAC, 5, 6, 1, static_cast<std::uint8_t>(0x45 | timeout), {}}));
         EXPECT_EQ(lac_partner_info(&record), (LacInfo{0, {}, 0x4321, 0, 0, 0, {}}));
         EXPECT_EQ(record.matched, 0U);
     }

@@ -72,14 +72,15 @@ static void enter_port_disabled(LacPort *port)
         run_port_enabled(port);
 }
 
-// The key and the port priority are not administrative values: they stay as configured.
+// The key and the port priority are not administrative values: they stay as configured. The mux machine's bits of the
+// administrative state are not claimed: a partner would take the port for attached, and send into it.
 static void restore_actor(LacPort *port)
 {
     const int timeout = port->actor_oper_state & LAC_TIMEOUT;
     port->actor_system_priority = port->actor_admin_system_priority;
     port->actor_system = port->actor_admin_system;
     port->actor_port = port->actor_admin_port;
-    port->actor_oper_state = static_cast<std::uint8_t>(port->actor_admin_state | timeout);
+    port->actor_oper_state = static_cast<std::uint8_t>((port->actor_admin_state & ~LAC_MUX_BITS) | timeout);
 }
 
 static void enter_initialize(LacPort *port)
