@@ -136,8 +136,9 @@ def test_slow_protocols_frames_travel_between_ports_and_cpu(switch):
         another.send(LACPDU)
     assert switch.exchange((1, packet())) == {2: [LACPDU]}, "neither what goes out nor user traffic is for the CPU"
     switch.system.set_link(2, up=False)
-    frames = [LACPDU, to_cpu(LACPDU, 1), from_cpu(LACPDU, 1)[:19], *(from_cpu(LACPDU, n) for n in (0, 4, 256, *PORTS))]
-    assert switch.exchange(*(("cpu", frame) for frame in frames)) == {1: [LACPDU], 3: [LACPDU]}
+    frames = [LACPDU, to_cpu(LACPDU, 1), from_cpu(LACPDU, 1)[:25], *(from_cpu(LACPDU, n) for n in (0, 4, 256, 1, 2))]
+    frames.append(from_cpu(LACPDU[:14], 3))  # no shorter one has a tag and a type
+    assert switch.exchange(*(("cpu", frame) for frame in frames)) == {1: [LACPDU], 3: [LACPDU[:14]]}
     now = switch.system.state()
     assert list(now["cpu"].values()) == ["cpu0", 9, 4, 3, 3, 0], "received, sent, without tag, for no port, not sent"
     assert [list(port.values())[4:] for port in now["ports"]] == [[2, 1, 0], [0, 0, 1], [2, 1, 0]], "in, out, not sent"
