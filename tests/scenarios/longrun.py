@@ -31,7 +31,8 @@ STEPS = [  # weight, systems, word, what its values are chosen from
     (3, "left right", "move", PORTS, GROUPS), (2, "left right", "delete", GROUPS), (4, "left right", "create", GROUPS),
     (1, "left right", "edit_port", PORTS, ("short",), (7, DEFAULT)), (1, "right", "edit_mode", PORTS, ("active",)),
     (12, "left right", "link", PORTS, ("up", "up", "down")), (3, "left", "cross", PORTS, PORTS),
-    (2, "right", "stop", (1, 3, 6)), (1.5, "right", "daemon", ("SIGTERM", "SIGKILL")), (1.5, "left", "switch")]
+    (2, "right", "stop", (1, 3, 6)), (1.5, "right", "daemon", ("SIGTERM", "SIGKILL")), (1.5, "left", "switch_off"),
+    (6, "left", "switch_on")]
 SECONDS, PAUSES = (25, 50), (0, 0.1, 0.5, 2)
 LONG_TIMEOUT = 90
 WARM_UP = 4                       # quiet moments
@@ -73,6 +74,7 @@ def run(steps, options):
             steps.take(" ".join(map(str, (rng.choice(names.split()), word, *map(rng.choice, values)))))
             waited_long |= any(port.timeout != "short" for side in steps.sides.values() for port in side.ports.values())
             time.sleep(rng.choice(PAUSES))
+        steps.take("left switch_on")
         took = steps.agree(Ticks.REFORM + Ticks.of(LONG_TIMEOUT) * waited_long)
         samples.append({f"{system.name} {name}": value for system in steps.pair for name, value in usage(system).items()})
         print(f"[{time.monotonic() - started:7.1f} s] {len(steps.history)} steps, both agree after {took:.1f} s; "
