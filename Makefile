@@ -54,6 +54,7 @@ nightly: tests
 	done
 
 measure: tests
+	tests/scenarios/measure_failover.py --build=$(BUILD)
 	tests/benchmarks/measure.py --build=$(BUILD)
 
 format: test-deps

@@ -224,7 +224,6 @@ build_frr() {
     cd "$work/frr"
     export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" LDFLAGS="-L$prefix/lib -Wl,-rpath,$prefix/lib"
     export CPPFLAGS="-I$prefix/include" LD_LIBRARY_PATH="$prefix/lib"
-    ./bootstrap.sh
     local cross=()
     [ -z "$target" ] || cross_frr
     local off=() daemon
@@ -260,13 +259,21 @@ if [ ! -e "$prefix/.complete" ]; then
     fetch libyang "$LIBYANG_VERSION"
     fetch sysrepo "$SYSREPO_VERSION"
     fetch frr "$FRR_VERSION"
+    (cd "$work/frr" && ./bootstrap.sh) >"$work/bootstrap.log" 2>&1 & # one process, beside libyang's many
+    bootstrap=$!
     build_cmake libyang
+    wait $bootstrap || {
+      tail -n 30 "$work/bootstrap.log" >&2
+      die "FRR's configure script could not be made"
+    }
     # Files of the datastore belong to the daemon's group and to nobody else. Its shared memory has a folder of
     # its own: in the sticky /dev/shm one user cannot replace another one's files.
     build_cmake sysrepo -DSYSREPO_GROUP="$DAEMON_GROUP" -DSYSREPO_UMASK=00007 -DENABLE_SYSREPO_PLUGIND=OFF \
       -DINSTALL_SYSCTL_CONF=OFF -DSYSREPO_SUPERUSER_UID=0 \
-      -DREPO_PATH=/etc/sysrepo -DSHM_DIR=/dev/shm/sysrepo
-    build_frr
+      -DREPO_PATH=/etc/sysrepo -DSHM_DIR=/dev/shm/sysrepo &
+    sysrepo=$!
+    build_frr # beside it: much of it is configure's single process
+    wait $sysrepo || exit 1
     touch "$prefix/.complete"
   fi
 fi

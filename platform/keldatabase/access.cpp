@@ -46,17 +46,14 @@ bool has_room()
 // Calls a read with its time limit, and repeats one of the configuration that got no lock.
 template <typename Read> int read_patiently(sr_session_ctx_t *session, const Read &read)
 {
-    if (sr_session_get_ds(session) == SR_DS_OPERATIONAL) {
+    if (sr_session_get_ds(session) == SR_DS_OPERATIONAL)
         return read(PROVIDER_TIMEOUT_MS);
-    }
     int code = read(READ_LOCK_MS);
-    if (code != SR_ERR_TIME_OUT) {
+    if (code != SR_ERR_TIME_OUT)
         return code;
-    }
     const auto give_up = Clock::now() + READ_FOR;
-    while (code == SR_ERR_TIME_OUT && Clock::now() < give_up) {
+    while (code == SR_ERR_TIME_OUT && Clock::now() < give_up)
         code = read(READ_LOCK_MS);
-    }
     return code;
 }
 
@@ -99,14 +96,12 @@ Path group_list_path(int group, const char *list, const char *entry)
 Leaf::Leaf(KelDb *db, const Path &path)
 {
     sr_session_ctx_t *session = session_of(db);
-    if (session == nullptr) {
+    if (session == nullptr)
         return;
-    }
     sr_data_t *raw = nullptr;
     const auto read = [&](std::uint32_t limit) { return sr_get_node(session, path.text(), limit, &raw); };
-    if (read_patiently(session, read) != SR_ERR_OK) {
+    if (read_patiently(session, read) != SR_ERR_OK)
         return;
-    }
     data_.reset(raw);
     text_ = lyd_get_value(data_->tree);
 }
@@ -114,9 +109,8 @@ Leaf::Leaf(KelDb *db, const Path &path)
 Values::Values(KelDb *db, const Path &path)
 {
     sr_session_ctx_t *session = session_of(db);
-    if (session == nullptr) {
+    if (session == nullptr)
         return;
-    }
     const auto read = [&](std::uint32_t limit) {
         return sr_get_items(session, path.text(), limit, 0, &values_, &count_);
     };
@@ -126,9 +120,8 @@ Values::Values(KelDb *db, const Path &path)
 std::optional<std::uint32_t> read_number(KelDb *db, const Path &path)
 {
     const Leaf leaf(db, path);
-    if (!leaf) {
+    if (!leaf)
         return std::nullopt;
-    }
     std::uint32_t number = 0;
     const char *end = leaf.text() + std::strlen(leaf.text());
     const auto parsed = std::from_chars(leaf.text(), end, number);
@@ -142,13 +135,11 @@ bool exists(KelDb *db, const Path &path)
 
 int copy_text(const Leaf &leaf, char *text, std::uint32_t *size)
 {
-    if (!leaf || text == nullptr || size == nullptr) {
+    if (!leaf || text == nullptr || size == nullptr)
         return FAILED;
-    }
     const std::size_t needed = std::strlen(leaf.text()) + 1;
-    if (needed > *size) {
+    if (needed > *size)
         return FAILED;
-    }
     std::memcpy(text, leaf.text(), needed);
     *size = static_cast<std::uint32_t>(needed);
     return 0;
@@ -156,9 +147,8 @@ int copy_text(const Leaf &leaf, char *text, std::uint32_t *size)
 
 Transaction::~Transaction()
 {
-    if (session_ != nullptr && sr_has_changes(session_) != 0) {
+    if (session_ != nullptr && sr_has_changes(session_) != 0)
         sr_discard_changes(session_);
-    }
 }
 
 Transaction &Transaction::stage_set(const Path &path, const char *value, sr_edit_options_t options)
@@ -181,9 +171,8 @@ Transaction &Transaction::stage_removal(const Path &path, sr_edit_options_t opti
 
 bool Transaction::worth_another_try(int code) const
 {
-    if (code == SR_ERR_LOCKED) {
+    if (code == SR_ERR_LOCKED)
         return true;
-    }
     return code == SR_ERR_TIME_OUT && std::strstr(last_error(session_, code), HANDLER_MARK) == nullptr;
 }
 
@@ -194,9 +183,8 @@ int Transaction::apply_once()
 
 int Transaction::apply_within(std::chrono::milliseconds patience)
 {
-    if (session_ == nullptr) {
+    if (session_ == nullptr)
         return FAILED;
-    }
     const auto give_up = Clock::now() + patience;
     if (result_ == 0) {
         result_ = apply_once();

@@ -79,13 +79,11 @@ int copy_text(const Leaf &leaf, char *text, std::uint32_t *size);
 
 template <typename Number> int copy_number(KelDb *db, const Path &path, Number *value, std::uint32_t *size)
 {
-    if (value == nullptr || size == nullptr || *size < sizeof *value) {
+    if (value == nullptr || size == nullptr || *size < sizeof *value)
         return FAILED;
-    }
     const std::optional<std::uint32_t> number = read_number(db, path);
-    if (!number) {
+    if (!number)
         return FAILED;
-    }
     *value = static_cast<Number>(*number);
     *size = sizeof *value;
     return 0;

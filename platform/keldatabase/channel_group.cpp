@@ -66,9 +66,8 @@ bool has_ports(KelDb *db, int group)
 {
     const kel::Values members(db, kel::group_path(group, "member-port"));
     const kel::Values groups(db, kel::Path(ALL_TRUNK_GROUPS));
-    if (!members || !groups || !members.all().empty()) {
+    if (!members || !groups || !members.all().empty())
         return true;
-    }
     return std::ranges::any_of(groups.all(),
                                [group](const sr_val_t &value) { return value.data.uint8_val == group; });
 }
@@ -77,26 +76,23 @@ bool has_ports(KelDb *db, int group)
 // type. The operator's load-balance choice does not depend on the ports and is written again.
 int drop_unused_group(KelDb *db, int group)
 {
-    if (!kel::exists(db, kel::group_path(group, "lacp-type")) || has_ports(db, group)) {
+    if (!kel::exists(db, kel::group_path(group, "lacp-type")) || has_ports(db, group))
         return 0;
-    }
     const kel::Path choice_path = kel::group_path(group, "load-balance");
     const OptionalText choice = read_text(db, choice_path);
     const int code = Transaction(db).remove(kel::group_path(group, "")).apply();
-    if (code != 0 || !choice) {
+    if (code != 0 || !choice)
         return code;
-    }
     return Transaction(db).set(choice_path, choice->c_str()).apply();
 }
 
 int write_mode(KelDb *db, Port port, const OptionalText &mode)
 {
     Transaction transaction(db);
-    if (mode) {
+    if (mode)
         transaction.set_within(mode_path(port), mode->c_str());
-    } else {
+    else
         transaction.remove(mode_path(port));
-    }
     return transaction.apply();
 }
 
@@ -104,9 +100,8 @@ int write_membership(KelDb *db, Port port, int group, std::string_view mode)
 {
     Transaction transaction(db);
     transaction.set_within(port_group_path(port), std::to_string(group).c_str());
-    if (mode == "on") {
+    if (mode == "on")
         transaction.set(member_path(port, group), nullptr);
-    }
     return transaction.apply();
 }
 
@@ -114,13 +109,11 @@ int write_mode_and_membership(KelDb *db, Port port, int group, const std::string
 {
     const OptionalText old_mode = read_text(db, mode_path(port));
     int code = write_mode(db, port, mode);
-    if (code != 0) {
+    if (code != 0)
         return code;
-    }
     code = write_membership(db, port, group, mode);
-    if (code != 0) {
+    if (code != 0)
         write_mode(db, port, old_mode);
-    }
     return code;
 }
 
@@ -129,15 +122,12 @@ int join(KelDb *db, Port port, int group, const std::string &mode)
     const kel::Path type_path = kel::group_path(group, "lacp-type");
     const bool new_group = !kel::exists(db, type_path);
     int code = 0;
-    if (new_group) {
+    if (new_group)
         code = Transaction(db).set(type_path, type_for(mode)).apply();
-    }
-    if (code == 0) {
+    if (code == 0)
         code = write_mode_and_membership(db, port, group, mode);
-    }
-    if (code != 0 && new_group) {
+    if (code != 0 && new_group)
         drop_unused_group(db, group);
-    }
     return code;
 }
 
@@ -150,14 +140,12 @@ int leave_manual(KelDb *db, Port port, int group)
 int leave_dynamic(KelDb *db, Port port, int group)
 {
     const int code = Transaction(db).set_within(port_group_path(port), "0").apply();
-    if (code != 0) {
+    if (code != 0)
         return code;
-    }
     const kel::Path member = member_path(port, group);
     const auto give_up = Clock::now() + DETACH_WAIT;
-    while (kel::exists(db, member) && Clock::now() < give_up) {
+    while (kel::exists(db, member) && Clock::now() < give_up)
         std::this_thread::sleep_for(DETACH_POLL);
-    }
     return kel::exists(db, member) ? Transaction(db).remove(member).apply() : 0;
 }
 
@@ -166,9 +154,8 @@ int leave(KelDb *db, Port port, int group)
 {
     const OptionalText type = read_text(db, kel::group_path(group, "lacp-type"));
     int code = type == "manual" ? leave_manual(db, port, group) : leave_dynamic(db, port, group);
-    if (code == 0) {
+    if (code == 0)
         code = write_mode(db, port, std::nullopt);
-    }
     return code == 0 ? drop_unused_group(db, group) : code;
 }
 
@@ -177,34 +164,27 @@ int move(KelDb *db, Port port, int from, int to, const std::string &mode)
     const OptionalText old_type = read_text(db, kel::group_path(from, "lacp-type"));
     const OptionalText old_mode = read_text(db, mode_path(port));
     int code = leave(db, port, from);
-    if (code == 0) {
+    if (code == 0)
         code = join(db, port, to, mode);
-    }
-    if (code != 0 && group_of(db, port) != from) {
+    if (code != 0 && group_of(db, port) != from)
         join(db, port, from, old_mode.value_or(old_type == "manual" ? "on" : "active"));
-    }
     return code;
 }
 
 // Why the port cannot join, found before anything is written; empty when it can.
 std::string reason_against(KelDb *db, Port port, int group, std::string_view mode)
 {
-    if (mode != "on" && mode != "active" && mode != "passive") {
+    if (mode != "on" && mode != "active" && mode != "passive")
         return "the mode is none of on, active and passive";
-    }
-    if (group < FIRST_GROUP || group > LAST_GROUP) {
+    if (group < FIRST_GROUP || group > LAST_GROUP)
         return "there is no such group";
-    }
-    if (kel::session_of(db) == nullptr) {
+    if (kel::session_of(db) == nullptr)
         return "the datastore is not connected";
-    }
-    if (!kel::exists(db, kel::interface_path(port.slot, port.number, "name"))) {
+    if (!kel::exists(db, kel::interface_path(port.slot, port.number, "name")))
         return "the port has no interface entry";
-    }
     const OptionalText type = read_text(db, kel::group_path(group, "lacp-type"));
-    if (type && *type != type_for(mode)) {
+    if (type && *type != type_for(mode))
         return "the group is " + *type;
-    }
     return {};
 }
 
@@ -221,9 +201,8 @@ try {
         return kel::FAILED;
     }
     const int current = group_of(db, port);
-    if (current != 0 && current != group) {
+    if (current != 0 && current != group)
         return move(db, port, current, group, wanted);
-    }
     return join(db, port, group, wanted);
 } catch (const std::exception &error) {
     kel::complain("port %d/%u does not join channel group %d: %s", slot, port_number, group, error.what());

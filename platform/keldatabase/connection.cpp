@@ -28,9 +28,8 @@ FileDescriptor &FileDescriptor::operator=(FileDescriptor &&other) noexcept
 
 FileDescriptor::~FileDescriptor()
 {
-    if (valid()) {
+    if (valid())
         close(descriptor_);
-    }
 }
 
 void complain(const char *format, ...)
@@ -51,14 +50,12 @@ sr_session_ctx_t *session_of(KelDb *db)
 const char *last_error(sr_session_ctx_t *session, int code)
 {
     // Codes of handlers are negative; sysrepo hands them on without a text.
-    if (code < 0) {
+    if (code < 0)
         return "its handler refused the change";
-    }
     const sr_error_info_t *info = nullptr;
     if (sr_session_get_error(session, &info) == SR_ERR_OK && info != nullptr && info->err_count > 0 &&
-        info->err[0].message != nullptr) {
+        info->err[0].message != nullptr)
         return info->err[0].message;
-    }
     return sr_strerror(code);
 }
 
@@ -87,9 +84,8 @@ bool repository_usable(const char *path)
 bool has_module(sr_conn_ctx_t *connection, const char *module)
 {
     const ly_ctx *context = sr_acquire_context(connection);
-    if (context == nullptr) {
+    if (context == nullptr)
         return false;
-    }
     const bool found = ly_ctx_get_module_implemented(context, module) != nullptr;
     sr_release_context(connection);
     return found;
@@ -117,9 +113,8 @@ bool module_usable(sr_conn_ctx_t *connection, const char *module)
 std::unique_ptr<KelDb::Connection> KelDb::Connection::open()
 {
     const char *repository = sr_get_repo_path();
-    if (!kel::repository_usable(repository)) {
+    if (!kel::repository_usable(repository))
         return nullptr;
-    }
     sr_conn_ctx_t *raw = nullptr;
     const int code = sr_connect(SR_CONN_CACHE_RUNNING, &raw);
     kel::ConnectionPtr connection(raw);
@@ -128,11 +123,9 @@ std::unique_ptr<KelDb::Connection> KelDb::Connection::open()
                       kel::ACCESS_ADVICE);
         return nullptr;
     }
-    for (const char *module : kel::REQUIRED_MODULES) {
-        if (!kel::module_usable(connection.get(), module)) {
+    for (const char *module : kel::REQUIRED_MODULES)
+        if (!kel::module_usable(connection.get(), module))
             return nullptr;
-        }
-    }
     auto opened = std::make_unique<Connection>();
     opened->connection_ = std::move(connection);
     return opened;
@@ -145,9 +138,8 @@ try {
     kel::SessionPtr &session = sessions_[std::this_thread::get_id()];
     if (!session) {
         sr_session_ctx_t *raw = nullptr;
-        if (sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK) {
+        if (sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK)
             return nullptr;
-        }
         session.reset(raw);
     }
     return session.get();
@@ -157,9 +149,8 @@ try {
 
 int database_init(KelDb *db)
 try {
-    if (db == nullptr) {
+    if (db == nullptr)
         return kel::FAILED;
-    }
     db->connection = KelDb::Connection::open().release();
     return db->connection != nullptr ? 0 : kel::FAILED;
 } catch (const std::exception &error) {
@@ -169,7 +160,6 @@ try {
 
 void database_close(KelDb *db)
 {
-    if (db != nullptr) {
+    if (db != nullptr)
         const std::unique_ptr<KelDb::Connection> closed(std::exchange(db->connection, nullptr));
-    }
 }

@@ -39,9 +39,8 @@ std::uint32_t bit_of(sr_log_level_t level)
 
 void print_sysrepo_message(sr_log_level_t level, const char *message)
 {
-    if ((db_debug_get() & bit_of(level)) != 0) {
+    if ((db_debug_get() & bit_of(level)) != 0)
         std::fprintf(stderr, "sysrepo: %s\n", message);
-    }
 }
 
 } // namespace
@@ -68,12 +67,10 @@ int kel_db_session_close(KelDbSession *session)
 
 int db_connect_init_with_vty(KelDbSession *session, KelDb *db)
 try {
-    if (session == nullptr || db == nullptr || db->connection == nullptr) {
+    if (session == nullptr || db == nullptr || db->connection == nullptr)
         return kel::FAILED;
-    }
-    if (session->db == nullptr) {
+    if (session->db == nullptr)
         session->db = std::make_unique<KelDb>(*db).release();
-    }
     return 0;
 } catch (const std::exception &) {
     return kel::FAILED;
@@ -81,9 +78,8 @@ try {
 
 int db_disconnect_free_with_vty(KelDbSession *session, KelDb *)
 {
-    if (session == nullptr) {
+    if (session == nullptr)
         return kel::FAILED;
-    }
     const std::unique_ptr<KelDb> handle(session->db);
     session->db = nullptr;
     return 0;

@@ -27,9 +27,8 @@ std::chrono::seconds inventory_wait()
 {
     const char *text = std::getenv(KEL_DB_INVENTORY_WAIT_ENV);
     unsigned seconds = 0;
-    if (text == nullptr) {
+    if (text == nullptr)
         return DEFAULT_INVENTORY_WAIT;
-    }
     const char *end = text + std::strlen(text);
     const auto parsed = std::from_chars(text, end, seconds);
     if (parsed.ec != std::errc() || parsed.ptr != end || text == end) {
@@ -44,9 +43,8 @@ void add_port(DevPortInfo &info, const char *name)
 {
     unsigned slot = 0;
     unsigned port = 0;
-    if (std::sscanf(name, "gigabitethernet %u/%u", &slot, &port) != 2) {
+    if (std::sscanf(name, "gigabitethernet %u/%u", &slot, &port) != 2)
         return;
-    }
     info.first_port = info.port_count == 0 ? port : std::min(info.first_port, port);
     info.last_port = std::max(info.last_port, port);
     ++info.port_count;
@@ -56,18 +54,16 @@ DevPortInfo read_inventory(KelDb *db)
 {
     DevPortInfo info{};
     const kel::Values names(db, kel::Path(ALL_NAMES));
-    for (const sr_val_t &name : names.all()) {
+    for (const sr_val_t &name : names.all())
         add_port(info, name.data.string_val);
-    }
     return info;
 }
 
 DevPortInfo wait_for_first_entry(KelDb *db)
 {
     DevPortInfo info = read_inventory(db);
-    if (info.port_count != 0) {
+    if (info.port_count != 0)
         return info;
-    }
     const std::chrono::seconds wait = inventory_wait();
     if (wait.count() > 0) {
         kel::complain("the datastore has no uplink interfaces yet; waiting up to %d seconds for the switch",
@@ -87,9 +83,8 @@ DevPortInfo wait_until_settled(KelDb *db, DevPortInfo info)
     while (Clock::now() - changed < INVENTORY_SETTLED) {
         std::this_thread::sleep_for(INVENTORY_POLL);
         const DevPortInfo now = read_inventory(db);
-        if (now.port_count != info.port_count) {
+        if (now.port_count != info.port_count)
             changed = Clock::now();
-        }
         info = now;
     }
     return info;
@@ -104,9 +99,8 @@ const char *status_text(bool link_up)
 
 int database_dev_get_port_info(KelDb *db, DevPortInfo *info)
 {
-    if (info == nullptr) {
+    if (info == nullptr)
         return kel::FAILED;
-    }
     *info = {};
     if (kel::session_of(db) == nullptr) {
         kel::complain("the uplink interfaces are not known: the datastore is not connected");

@@ -26,9 +26,8 @@ class NumberText
 std::size_t size_of_texts(const kel::Values &values)
 {
     std::size_t size = 0;
-    for (const sr_val_t &value : values.all()) {
+    for (const sr_val_t &value : values.all())
         size += sizeof(char *) + std::strlen(value.data.string_val) + 1;
-    }
     return size;
 }
 
@@ -36,9 +35,8 @@ std::size_t size_of_texts(const kel::Values &values)
 char **pack_texts(const kel::Values &values)
 {
     auto **texts = static_cast<char **>(std::malloc(size_of_texts(values)));
-    if (texts == nullptr) {
+    if (texts == nullptr)
         return nullptr;
-    }
     char *next = reinterpret_cast<char *>(texts + values.all().size());
     char **entry = texts;
     for (const sr_val_t &value : values.all()) {
@@ -52,22 +50,18 @@ char **pack_texts(const kel::Values &values)
 
 int read_port_list(int group, KelDb *db, const char *list, char ***texts, std::uint32_t *count)
 {
-    if (texts == nullptr || count == nullptr) {
+    if (texts == nullptr || count == nullptr)
         return kel::FAILED;
-    }
     *texts = nullptr;
     *count = 0;
     const kel::Values values(db, kel::group_path(group, list));
-    if (!values) {
+    if (!values)
         return kel::FAILED;
-    }
-    if (values.all().empty()) {
+    if (values.all().empty())
         return 0;
-    }
     *texts = pack_texts(values);
-    if (*texts == nullptr) {
+    if (*texts == nullptr)
         return kel::FAILED;
-    }
     *count = static_cast<std::uint32_t>(values.all().size());
     return 0;
 }

@@ -21,9 +21,8 @@ void share_with_repository_group(int descriptor)
 {
     struct stat repository {
     };
-    if (stat(sr_get_repo_path(), &repository) == 0 && fchown(descriptor, -1, repository.st_gid) == 0) {
+    if (stat(sr_get_repo_path(), &repository) == 0 && fchown(descriptor, -1, repository.st_gid) == 0)
         fchmod(descriptor, LOCK_FILE_MODE);
-    }
 }
 
 std::string owner_of_lock(int descriptor)
@@ -37,9 +36,8 @@ void write_owner(int descriptor)
 {
     const std::string owner = std::to_string(getpid());
     if (ftruncate(descriptor, 0) != 0 ||
-        pwrite(descriptor, owner.data(), owner.size(), 0) != static_cast<ssize_t>(owner.size())) {
+        pwrite(descriptor, owner.data(), owner.size(), 0) != static_cast<ssize_t>(owner.size()))
         kel::complain("the process number cannot be noted in the datastore's lock file (%s)", std::strerror(errno));
-    }
 }
 
 std::string lock_path(const char *module)
@@ -87,26 +85,22 @@ int KelDb::Connection::subscribe_entry(const char *module, const DbXpathCb &entr
         code = sr_module_change_subscribe(session, module, entry.xpath, hand_over, const_cast<DbXpathCb *>(&entry), 0,
                                           SR_SUBSCR_DEFAULT, &raw);
     }
-    if (code == SR_ERR_OK && entry.oper_get != nullptr) {
+    if (code == SR_ERR_OK && entry.oper_get != nullptr)
         code = sr_oper_get_subscribe(session, module, entry.xpath, entry.oper_get, nullptr, SR_SUBSCR_DEFAULT, &raw);
-    }
     subscription_.reset(raw);
-    if (code != SR_ERR_OK) {
+    if (code != SR_ERR_OK)
         kel::complain("%s cannot be subscribed to (%s)", entry.xpath, kel::last_error(session, code));
-    }
     return code;
 }
 
 int KelDb::Connection::subscribe(const DbModuleCbs *const *tables)
 {
-    if (subscription_ || *tables == nullptr) {
+    if (subscription_ || *tables == nullptr)
         return subscription_ ? kel::FAILED : 0;
-    }
     subscriber_lock_ = lock_subscriber((*tables)->module);
     sr_session_ctx_t *raw = nullptr;
-    if (!subscriber_lock_.valid() || sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK) {
+    if (!subscriber_lock_.valid() || sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK)
         return kel::FAILED;
-    }
     subscriber_session_.reset(raw);
     for (; *tables != nullptr; ++tables) {
         for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry) {

@@ -5,21 +5,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdio>
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
-#include <list>
 #include <memory>
-#include <mutex>
 #include <net/if.h>
 #include <new>
 #include <pthread.h>
 #include <string>
 #include <unistd.h>
-#include <utility>
 
 namespace
 {
@@ -72,19 +68,6 @@ struct SystemThread {
 namespace
 {
 
-using ThreadPtr = std::unique_ptr<SystemThread>;
-
-// Bodies use their record as long as they run and nobody waits for them, so a record lives as long as the process;
-// the list itself is never destroyed because a thread may still run while the process exits.
-void keep(ThreadPtr thread)
-{
-    static std::mutex lock;
-    alignas(std::list<ThreadPtr>) static std::byte storage[sizeof(std::list<ThreadPtr>)];
-    static auto *const threads = std::construct_at(reinterpret_cast<std::list<ThreadPtr> *>(storage));
-    const std::lock_guard guard(lock);
-    threads->push_back(std::move(thread));
-}
-
 void *run_body(void *record)
 {
     auto *thread = static_cast<SystemThread *>(record);
@@ -131,9 +114,7 @@ try {
         return nullptr;
     auto thread = std::make_unique<SystemThread>(SystemThread{label, name, body, argument});
     thread->name.resize(std::min(thread->name.size(), THREAD_NAME_LENGTH));
-    SystemThread *record = thread.get();
-    keep(std::move(thread));
-    return record;
+    return thread.release(); // the body uses it as long as it runs, which is as long as the process
 } catch (const std::bad_alloc &) {
     return nullptr;
 }

@@ -7,6 +7,7 @@
 #include "channel_group_member.h"
 #include "fake_driver.h"
 #include "fake_system.h"
+#include "lac_dispatch.h"
 #include "lac_port.h"
 #include "lacp_database.h"
 #include "lacp_sclient.h"
@@ -39,6 +40,7 @@ void start_daemon()
         must(db_olt_ifm_add_interface(0, port, &g_lacpd_db, true));
     intf = {1, PORTS};
     lacp_sclient_init(nullptr, 0, nullptr);
+    lac_set_dispatcher(lacDispatch);
     channel_group_daemon_init();
     must(lacp_database_subs(&g_lacpd_db));
     must(db_add_channel_group(&g_lacpd_db, 0, PORTS, DYNAMIC_GROUP, "active"));

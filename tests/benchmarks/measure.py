@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Every figure of docs/performance.md, measured again, as one table.
+"""Every figure of docs/performance.md, measured again, as one table; Failover by tests/scenarios/measure_failover.py.
 
     tests/benchmarks/measure.py [--build=DIR] [--cuts=N] [--idle=SECONDS] [--urgent]        as root
 

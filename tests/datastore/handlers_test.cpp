@@ -5,6 +5,7 @@
 #include "channel_group_member.h"
 #include "fake_driver.h"
 #include "fake_system.h"
+#include "lac_dispatch.h"
 #include "lac_port.h"
 #include "lac_task.h"
 #include "lacp_database.h"
@@ -79,6 +80,7 @@ class HandlersTest : public DatastoreTest
         ASSERT_EQ(database_init(&g_lacpd_db), 0);
         intf = {1, PORTS};
         lacp_sclient_init(nullptr, 0, nullptr);
+        lac_set_dispatcher(lacDispatch);
         channel_group_daemon_init();
         ASSERT_EQ(lacp_database_subs(&g_lacpd_db), 0);
     }

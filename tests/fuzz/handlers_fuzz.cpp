@@ -6,10 +6,12 @@
 #include "fake_datastore.h"
 #include "fake_driver.h"
 #include "fake_system.h"
+#include "lac_dispatch.h"
 #include "lac_memory.h"
 #include "lac_pdu.h"
 #include "lac_port.h"
 #include "lac_task.h"
+#include "lac_wire.h"
 #include "lacp_database_cb.h"
 #include "lacp_sclient.h"
 

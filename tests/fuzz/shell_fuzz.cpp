@@ -2,6 +2,7 @@
 #include "input.h"
 
 #include "channel_group.h"
+#include "channel_group_member.h"
 #include "fake_datastore.h"
 #include "lacp_cli.h"
 #include "trunk_table.h"

@@ -29,7 +29,13 @@ def _side(fields, side):
 
 
 class OpenVSwitch(Station):
-    """make() provides namespace and database; start() runs the programs; then bonds are made of cabled ports."""
+    """make() provides namespace and database; start() runs the programs; then bonds are made of cabled ports.
+
+    Its habits: a changed setting is told at once and makes all ports of the bond expire until they hear the other side.
+    Synchronization, Collecting and Distributing are told together and do not wait for the other side's Synchronization;
+    a port is enabled with the latter. LACPDUs come every second or every 30, the timeout is three times that; one that
+    is due in 30 seconds does not come earlier when the other side turns to the short timeout. A port without a bond, or
+    the last one in a bond, says that it is Individual."""
 
     def __init__(self, *arguments):
         super().__init__(*arguments)
@@ -81,9 +87,9 @@ class OpenVSwitch(Station):
         """Settings are columns, `lacp=active other_config:lacp-time=fast`. Without a key of its own a bond takes the
         number of one of its ports for key; a key set on any port is that of the whole bond."""
         names = " ".join(map(self.port_interface, ports))
-        self.configure(f"add-bond {BRIDGE} {bond} {names} -- set port {bond} bond_mode=balance-slb {settings}" + "".join(
-            f" -- set interface {self.port_interface(port)} other_config:lacp-port-id={port}"
-            f" other_config:lacp-aggregation-key={ports[0]}" for port in ports))
+        numbers = "".join(f" -- set interface {self.port_interface(port)} other_config:lacp-port-id={port}"
+                          f" other_config:lacp-aggregation-key={ports[0]}" for port in ports)
+        self.configure(f"add-bond {BRIDGE} {bond} {names} -- set port {bond} bond_mode=balance-slb {settings}{numbers}")
 
     def members(self):
         """Ports that speak LACP; none while it is paused."""

@@ -1,332 +1,354 @@
-"""The software switch as a program: frames, carriers, driver requests, a second one, its end."""
+"""The software switch as a program, without a daemon: frames, interfaces, requests, traffic, beginning and end."""
 
+import contextlib
 import os
 import signal
 import socket
-import stat
+import struct
+import subprocess
+import sys
+import threading
 import time
+from pathlib import Path
 
 import pytest
+from scapy.all import ARP, IP, TCP, UDP, Ether, IPv6, conf
 
-from switchbench import CREATE, DESTROY, PSC_SET, SOON, message
+TESTS = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(TESTS))
 
-SLOW = bytes.fromhex("0180c2000002")
-SOURCE = bytes.fromhex("020000000a01")
-UNICAST = bytes.fromhex("020000000b01")
-PDU = b"\x88\x09" + bytes(range(110))
-SRC_MAC, SRC_DST_MAC = 9, 19
-GRACE = 1
+from lab import Capture, Lab, Programs, eventually  # noqa: E402 (needs the path above)
 
-
-def to_cpu(port, vlan=1):
-    return b"\x90\x82" + bytes(4) + port.to_bytes(2, "big") + bytes(4) + b"\x81\x00" + vlan.to_bytes(2, "big")
-
-
-def from_cpu(port):
-    return b"\x90\x89" + bytes(4) + port.to_bytes(2, "little") + bytes(4)
-
-
-# ---- frames
-
-@pytest.mark.parametrize("port", [1, 3])
-def test_a_slow_protocols_frame_reaches_the_cpu_in_both_tags(switch, port):
-    cpu, far = switch.wire("ethv0"), switch.wire(f"far{port}")
-    far.send(SLOW + SOURCE + PDU)
-    frame = cpu.receive()
-    assert frame == SLOW + SOURCE + to_cpu(port) + PDU
-    assert (frame[:12] + frame[24:])[18:] == PDU[2:], "the PDU is at byte 18 without the switch tag"
-    assert switch.port(port)["rx_slow"] == 1
-    assert switch.state()["cpu"]["sent"] == 1
+BUILD = os.environ.get("LACPD_BUILD_DIR", TESTS.parent / "build")
+PORTS = (1, 2, 3)
+CREATE, DESTROY, PSC_SET, ERROR = 10, 11, 12, 255
+SRC_IP, SRC_MAC, SRC_DST_IP, SRC_DST_MAC = 0, 9, 18, 19
+SLOW, HOST = "01:80:c2:00:00:02", "02:00:00:00:00:01"
+TAG, SERVICE_TAG = b"\x81\x00\x60\x05", b"\x88\xa8\x00\x05"
+LACPDU = bytes(Ether(dst=SLOW, src=HOST, type=0x8809) / bytes(range(110)))
+SOON, GRACE = 5.0, 1
+SOL_PACKET, PACKET_VNET_HDR = 263, 15
+conf.bufsize = 4 << 20  # the system's limit
 
 
-def test_address_or_type_make_a_slow_protocols_frame(switch):
-    cpu, far = switch.wire("ethv0"), switch.wire("far1")
-    for frame in (UNICAST + SOURCE + PDU, SLOW + SOURCE + b"\x08\x00" + bytes(60)):
-        far.send(frame)
-        assert cpu.receive() == frame[:12] + to_cpu(1) + frame[12:]
-    far.send(UNICAST + SOURCE + b"\x08\x00" + bytes(60))
-    assert cpu.receive(within=0.5) is None, "user traffic is not the CPU's"
-    assert switch.port(1)["rx_slow"] == 2
+def message(number, *fields, version=1, kind=2, excess=0):
+    return struct.pack(f"!HBBHH{len(fields)}I", 8 + 4 * len(fields) + excess, version, kind, 0, number, *fields)
 
 
-def test_a_vlan_tag_on_the_cable_stays_in_the_frame(switch):
-    cpu, far = switch.wire("ethv0"), switch.wire("far1")
-    tagged = SLOW + SOURCE + b"\x81\x00\x60\x05" + PDU
-    far.send(tagged)
-    assert cpu.receive() == SLOW + SOURCE + to_cpu(1) + tagged[12:]
+def tagged(frame, tag):
+    return frame[:12] + tag + frame[12:]
 
 
-def test_the_vlan_towards_the_cpu_can_be_chosen(bench):
-    bench.start("--vlan", "4094")
-    cpu, far = bench.wire("ethv0"), bench.wire("far2")
-    far.send(SLOW + SOURCE + PDU)
-    assert cpu.receive() == SLOW + SOURCE + to_cpu(2, vlan=4094) + PDU
+def to_cpu(frame, port, vlan=1):
+    return tagged(frame, bytes.fromhex(f"9082 00000000 {port:04x} 00000000 8100 {vlan:04x}"))
 
 
-@pytest.mark.parametrize("port", [1, 3])
-def test_a_frame_from_the_cpu_leaves_its_port_without_a_tag(switch, port):
-    cpu = switch.wire("ethv0")
-    fars = {number: switch.wire(f"far{number}") for number in (1, 2, 3)}
-    cpu.send(SLOW + SOURCE + from_cpu(port) + PDU)
-    assert fars.pop(port).receive() == SLOW + SOURCE + PDU
-    assert all(other.receive(within=0.2) is None for other in fars.values())
-    assert switch.port(port)["tx_slow"] == 1
+def from_cpu(frame, port):
+    return tagged(frame, bytes.fromhex(f"9089 00000000 {port % 256:02x} {port // 256:02x} 00000000"))
 
 
-def test_what_the_cpu_may_not_send_is_dropped_and_counted(switch):
-    cpu = switch.wire("ethv0")
-    fars = [switch.wire(f"far{number}") for number in (1, 2, 3)]
-    cpu.send(SLOW + SOURCE + PDU)                                # no tag
-    cpu.send(SLOW + SOURCE + to_cpu(1) + PDU)                    # the other direction's tag
-    cpu.send(SLOW + SOURCE + b"\x90\x89" + bytes(5))             # too short for a tag
-    cpu.send(SLOW + SOURCE + from_cpu(0) + PDU)
-    cpu.send(SLOW + SOURCE + from_cpu(4) + PDU)
-    cpu.send(SLOW + SOURCE + b"\x90\x89" + bytes(4) + b"\x00\x01" + bytes(4) + PDU)  # 256, not 1
-    switch.await_state("frames from the CPU", lambda: switch.state()["cpu"]["received"], 6)
-    assert switch.state()["cpu"]["bad_tag"] == 3
-    assert switch.state()["cpu"]["unknown_port"] == 3
-    assert all(far.receive(within=0.2) is None for far in fars)
+def packet(kind=IP, tag=b"", dst=None, smac=1, dmac=2, sip=3, dip=4, load=5):
+    """A frame whose addresses differ from another's in the numbers given."""
+    net = IPv6(src=f"fd00:{sip}::", dst=f"fd00::{dip}") if kind is IPv6 else IP(src=f"10.0.0.{sip}", dst=f"10.0.0.{dip}")
+    rest = ARP(psrc=net.src, pdst=net.dst) if kind is ARP else net / UDP()
+    ether = Ether(src=f"02:00:00:00:00:{smac:02x}", dst=dst or f"02:00:00:00:00:{dmac:02x}")
+    return tagged(bytes(ether / rest / bytes([load])), tag)
 
 
-def test_what_a_port_cannot_send_is_counted(switch):
-    switch.namespace.ip("link", "set", "ge1", "down")
-    switch.wire("ethv0").send(SLOW + SOURCE + from_cpu(1) + PDU)
-    switch.await_state("dropped frames", lambda: switch.port(1)["dropped"], 1)
-    assert switch.port(1)["tx_slow"] == 0
+class Bench:
+    """A switch and the far ends of its interfaces."""
+
+    def __init__(self, lab):
+        self.lab, self.system, self.wires = lab, lab.system("one", ports=len(PORTS)), {}
+        self.system.add_host()
+        self.ends = {"cpu": (self.system.namespace, "ethv0"), "host": (self.system.host, "host0"),
+                     **{port: (lab.bench, lab.loose_cable(self.system, port)) for port in PORTS}}
+
+    def restart(self, *options):
+        self.system.stop_switch()
+        self.system.start_switch(*options)
+        self.plug_in(*self.ends)
+        self.daemon = self.connect()
+
+    def plug_in(self, *ends):
+        for end in ends:
+            namespace, interface = self.ends[end]
+            self.wires[end] = namespace.call(lambda name=interface: conf.L2socket(name, promisc=False, nofilter=True))
+            self.wires[end].ins.setblocking(False)
+
+    def await_links(self):
+        for namespace, _ in self.ends.values():
+            eventually("links", lambda space=namespace: space.ip("-br", "link"), lambda text: "DOWN" not in text, SOON)
+
+    def settled(self, count=0):
+        """The state when so many frames or requests have been dealt with: 64 a turn."""
+        return [self.system.state() for _ in range(3 + count // 64)][-1]
+
+    def exchange(self, *sends):
+        """Sends frames into ends; what has come out of each end since the last time."""
+        for end, frame in sends:
+            self.wires[end].send(frame)
+        self.settled(len(sends))
+        found = {}
+        for end, wire in self.wires.items():
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    found.setdefault(end, []).extend(filter(None, [wire.recv_raw()[1]]))
+        return {end: frames for end, frames in found.items() if frames}
+
+    def leaving(self, frames):
+        return self.exchange(*(("host", frame) for frame in frames))
+
+    def until(self, holds):
+        return eventually("the state of the switch", self.system.state, holds, SOON)
+
+    def connect(self):
+        """A client of the driver service."""
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        client.settimeout(SOON)
+        client.connect(self.system.environment["SCLIENT_SOCKET"])
+        return client
+
+    def ask(self, *requests, client=None):
+        """The trunks after requests."""
+        for request in requests:
+            (client or self.daemon).send(message(*request))
+        return {trunk.pop("group"): trunk for trunk in self.settled()["trunks"]}
 
 
-def test_frames_that_leave_by_another_program_are_not_taken_for_received_ones(switch):
-    cpu, near = switch.wire("ethv0"), switch.wire("ge1")
-    near.send(SLOW + SOURCE + PDU)
-    assert cpu.receive(within=0.5) is None
-    assert switch.port(1)["rx_slow"] == 0
+@pytest.fixture(scope="module")
+def bench():
+    with Lab(Programs(BUILD)) as lab:
+        yield Bench(lab)
 
 
-# ---- carriers
-
-def test_carriers_are_followed(switch):
-    for far_state, carrier in (("down", False), ("up", True)):
-        switch.namespace.ip("link", "set", "far2", far_state)
-        switch.await_state("carrier of port 2", lambda: switch.port(2)["carrier"], carrier)
-        assert f"port 2: carrier {far_state}\n" in switch.process.output()
-    assert switch.port(1)["carrier"] is True
-    assert switch.port(2)["published"] is None, "there is no datastore"
+@pytest.fixture
+def switch(bench):
+    bench.await_links()
+    bench.restart("--vlan", "4094", "--stale-grace", str(GRACE))
+    return bench
 
 
-def test_an_interface_that_is_down_has_no_carrier_and_stays_down(bench):
-    bench.namespace.ip("link", "set", "ge3", "down")
-    bench.start()
-    assert bench.port(3)["carrier"] is False
-    assert "state DOWN" in bench.namespace.ip("link", "show", "ge3")
-    bench.namespace.ip("link", "set", "ge3", "up")
-    bench.await_state("carrier of port 3", lambda: bench.port(3)["carrier"], True)
-    cpu, far = bench.wire("ethv0"), bench.wire("far3")
-    far.send(SLOW + SOURCE + PDU)
-    assert cpu.receive() == SLOW + SOURCE + to_cpu(3) + PDU
+def test_slow_protocols_frames_travel_between_ports_and_cpu(switch):
+    for port, frame in ((1, LACPDU), (3, tagged(LACPDU, TAG)), (3, packet(dst=SLOW)), (1, bytes(12) + LACPDU[12:])):
+        assert switch.exchange((port, frame)) == {"cpu": [to_cpu(frame, port, vlan=4094)]}
+    with Capture(switch.system.namespace, "ge2") as another:
+        another.send(LACPDU)
+    assert switch.exchange((1, packet())) == {2: [LACPDU]}, "neither what goes out nor user traffic is for the CPU"
+    switch.system.set_link(2, up=False)
+    frames = [LACPDU, to_cpu(LACPDU, 1), from_cpu(LACPDU, 1)[:19], *(from_cpu(LACPDU, n) for n in (0, 4, 256, *PORTS))]
+    assert switch.exchange(*(("cpu", frame) for frame in frames)) == {1: [LACPDU], 3: [LACPDU]}
+    now = switch.system.state()
+    assert list(now["cpu"].values()) == ["cpu0", 9, 4, 3, 3, 0], "received, sent, without tag, for no port, not sent"
+    assert [list(port.values())[4:] for port in now["ports"]] == [[2, 1, 0], [0, 0, 1], [2, 1, 0]], "in, out, not sent"
+    switch.system.set_link(2, up=True)
+    switch.system.switch.send_signal(signal.SIGSTOP)
+    for frame in [packet() + bytes(900)] * 1000 + [LACPDU]:
+        switch.wires[1].send(frame)
+    switch.system.switch.send_signal(signal.SIGCONT)
+    assert switch.exchange() == {"cpu": [to_cpu(LACPDU, 1, vlan=4094)]}, "there is room beside user traffic"
 
 
-def test_an_interface_may_go_and_come_again(switch):
-    switch.namespace.ip("link", "del", "ge1")
-    switch.await_state("carrier of port 1", lambda: switch.port(1)["carrier"], False)
-    switch.pair("ge1", "far1")
-    switch.await_state("carrier of port 1", lambda: switch.port(1)["carrier"], True)
-    cpu, far = switch.wire("ethv0"), switch.wire("far1")
-    far.send(SLOW + SOURCE + PDU)
-    assert cpu.receive() == SLOW + SOURCE + to_cpu(1) + PDU
-    cpu.send(SLOW + SOURCE + from_cpu(1) + PDU)
-    assert far.receive() == SLOW + SOURCE + PDU
+def test_link_status_follows_the_carriers(switch):
+    def statuses():
+        return [switch.system.datastore.link_status(port) for port in PORTS]
+    switch.system.set_link(3, up=False)
+    switch.restart()
+    assert statuses() == ["up", "up", "down"], "when it is ready"
+    assert "state DOWN" in switch.system.namespace.ip("link", "show", "ge3"), "as the operator left it"
+    switch.system.datastore.edit("olt-ifm", '<up-link-ports><interface nc:operation="delete"><name>gigabitethernet 0/2'
+                                            "</name></interface></up-link-ports>")
+    for port, word in ((1, "down"), (3, "up"), (1, "up"), (2, "down"), (2, "up")):
+        switch.system.set_link(port, up=word == "up")
+        switch.system.switch.wait_for_output(f"port {port}: carrier {word}\n", SOON)
+        switch.until(lambda now, port=port, word=word: now["ports"][port - 1]["published"] == word)
+    assert statuses() == ["up", "up", "up"], "the removed entry is made again"
+    assert switch.system.state()["datastore"] == {"written": 8, "failed": 1}
 
 
-def test_a_renamed_interface_is_no_longer_the_ports(switch):
-    switch.namespace.ip("link", "set", "ge1", "down")
-    switch.namespace.ip("link", "set", "ge1", "name", "other")
-    switch.namespace.ip("link", "set", "other", "up")
-    time.sleep(0.5)
-    assert switch.port(1)["carrier"] is False
+def test_interfaces_that_are_renamed_or_come_again_carry_frames_again(switch):
+    switch.restart()
+    switch.ask((CREATE, 1, SRC_MAC, 1, 1))
+    for old, new, carrier in (("ge1", "other", False), ("other", "ge1", True)):
+        switch.system.namespace.ip("link", "set", old, "name", new)
+        switch.until(lambda now, carrier=carrier: now["ports"][0]["carrier"] is carrier)
+    for near, end in (("ge1", 1), ("hostsw", "host"), ("cpu0", "cpu")):
+        switch.system.namespace.ip("link", "del", near)
+        switch.system.switch.wait_for_output(f"interface {near} is gone\n", SOON)
+        switch.lab.veth(switch.system.namespace, near, *switch.ends[end])
+        switch.plug_in(end)
+    switch.await_links()
+    switch.until(lambda now: now["ports"][0]["carrier"])
+    assert switch.exchange((1, LACPDU), ("cpu", from_cpu(LACPDU, 1)), (1, packet()), ("host", packet())) == {
+        "cpu": [to_cpu(LACPDU, 1)], 1: [LACPDU, packet()], "host": [packet()]}
 
-
-# ---- driver service
 
 def test_requests_make_change_and_remove_trunks(switch):
-    driver = switch.driver()
-    driver.request(CREATE, 1, SRC_MAC, 0b011, 2)
-    switch.await_count("creates", 1)
-    assert switch.trunks() == {1: {"group": 1, "criterion": "src-mac", "code": 9, "members": [1, 2], "stale": False}}
-    driver.request(CREATE, 1, SRC_MAC, 0b100, 1)
-    driver.request(PSC_SET, 1, SRC_DST_MAC)
-    switch.await_count("psc_sets", 1)
-    assert switch.trunks()[1]["members"] == [3]
-    assert switch.trunks()[1]["criterion"] == "src-dst-mac"
-    driver.request(CREATE, 2, SRC_MAC, 0b110, 2)
-    switch.await_count("creates", 3)
-    assert {group: trunk["members"] for group, trunk in switch.trunks().items()} == {2: [2, 3]}, "the last one asked"
-    assert switch.state()["driver"]["moved_ports"] == 1
-    driver.request(DESTROY, 2)
-    switch.await_count("destroys", 1)
-    assert switch.trunks() == {}
-    lines = switch.process.output().splitlines()
-    assert [line for line in lines if line.startswith("trunk")] == [
-        "trunk 1: members 1,2 src-mac", "trunk 1: members 3 src-mac", "trunk 1: members 3 src-dst-mac",
-        "trunk 1: removed", "trunk 2: members 2,3 src-mac", "trunk 2: removed"]
+    trunks = switch.ask((CREATE, 1, SRC_MAC, 0b011, 2), (CREATE, 1, SRC_MAC, 0b111, 3), (PSC_SET, 1, SRC_DST_MAC),
+                        (CREATE, 2, SRC_MAC, 0b110, 2), (DESTROY, 3))
+    assert trunks == {1: {"criterion": "src-dst-mac", "code": 19, "members": [1], "stale": False},
+                      2: {"criterion": "src-mac", "code": 9, "members": [2, 3], "stale": False}}
+    assert list(switch.ask((CREATE, 4, SRC_DST_IP, 0b001, 1), (DESTROY, 2))) == [4], "a trunk without members is none"
+    assert list(switch.system.state()["driver"].values()) == [1, 4, 2, 1, 0, 0, 3]
+    assert [line for line in switch.system.switch.output().splitlines() if line.startswith("trunk")] == [
+        "trunk 1: members 1,2 src-mac", "trunk 1: members 1,2,3 src-mac", "trunk 1: members 1,2,3 src-dst-mac",
+        "trunk 1: members 1 src-dst-mac", "trunk 2: members 2,3 src-mac", "trunk 1: removed",
+        "trunk 4: members 1 src-dst-ip", "trunk 2: removed"]
 
 
-GOOD = message(CREATE, 1, SRC_MAC, 1, 1)
-MALFORMED = {
-    "one byte": b"\x00",
-    "length too large": message(CREATE, 1, SRC_MAC, 1, 1, length=25),
-    "kind": message(CREATE, 1, SRC_MAC, 1, 1, kind=3),
-    "body too long": message(DESTROY, 1, 1),
-    "larger than any message": GOOD + bytes(60000),
-    "random": os.urandom(7),
-}
-
-
-def test_malformed_messages_are_answered_counted_and_survived(switch):
-    driver = switch.driver()
-    for number, (name, data) in enumerate(MALFORMED.items(), start=1):
-        driver.send(data)
-        assert 1 <= driver.error()[0] <= 5, name
-        assert switch.state()["driver"]["malformed"] == number, name
-    driver.send(b"")
-    assert driver.error() == (1, 0)
-    driver.send(GOOD)
-    switch.await_count("creates", 1)
-    assert switch.state()["driver"]["refused"] == 0
-
-
-def test_requests_for_what_cannot_be_are_refused(switch):
-    driver = switch.driver()
-    refused = [(6, (CREATE, 5, SRC_MAC, 1, 1)), (7, (CREATE, 1, 2, 1, 1)), (8, (CREATE, 1, SRC_MAC, 0b1000, 1)),
-               (9, (PSC_SET, 1, SRC_MAC))]
-    for code, request in refused:
-        driver.request(*request)
-        assert driver.error() == (code, request[0]), request
-    assert switch.state()["driver"]["refused"] == len(refused)
-    assert switch.trunks() == {}
-
-
-def test_a_client_that_reads_nothing_stops_nobody(switch):
-    deaf = switch.driver()
-    for _ in range(5000):
+def test_bad_requests_are_answered_counted_and_survived(switch):
+    good = message(CREATE, 1, SRC_MAC, 1, 1)
+    malformed = [(1, message(CREATE, 1, excess=1)), (1, message(CREATE, 1, excess=-1)), (1, good[:7]), (1, b""),
+                 (1, good + bytes(60000)), (2, message(CREATE, 1, version=0)), (3, message(CREATE, 1, kind=3)),
+                 (4, message(13, 1)), (5, message(CREATE)), (5, message(CREATE, 1, SRC_MAC, 1, 1, 0)),
+                 (5, message(DESTROY, 1, 1)), (5, message(PSC_SET, 1))]
+    refused = [(6, message(CREATE, 0, SRC_MAC, 1, 1)), (6, message(DESTROY, 5)), (7, message(CREATE, 1, 2, 1, 1)),
+               (7, message(PSC_SET, 1, 20)), (8, message(CREATE, 1, SRC_MAC, 0, 0)), (8, message(CREATE, 1, SRC_MAC, 8, 1)),
+               (8, message(CREATE, 1, SRC_MAC, 3, 1)), (9, message(PSC_SET, 1, SRC_MAC))]
+    for code, request in malformed + refused:
+        switch.daemon.send(request)
+        number = int.from_bytes(request[6:8], "big") if len(request) >= 8 else 0
+        assert switch.daemon.recv(4096) == message(ERROR, code, number), request
+    deaf = switch.connect()
+    for _ in range(1000):
         deaf.send(b"\x00")
-    driver = switch.driver()
-    driver.send(GOOD)
-    switch.await_count("creates", 1)
-    switch.await_count("malformed", 5000)
+    now = switch.until(lambda now: now["driver"]["malformed"] == len(malformed) + 1000)
+    assert (now["driver"]["refused"], now["trunks"]) == (len(refused), [])
+    assert list(switch.ask((CREATE, 1, SRC_MAC, 1, 1))) == [1]
 
 
-def test_trunks_outlive_their_daemon_until_the_next_one_has_had_its_time(bench):
-    bench.start("--stale-grace", str(GRACE))
-    first = bench.driver()
-    first.request(CREATE, 1, SRC_MAC, 1, 1)
-    first.request(CREATE, 2, SRC_MAC, 2, 1)
-    bench.await_count("creates", 2)
-    first.close()
-    bench.await_count("clients", 0)
+def test_a_new_daemon_has_its_time_to_ask_for_the_trunks(switch):
+    def knock():  # before anything is ready
+        while not clients:
+            with contextlib.suppress(OSError):
+                clients.append(switch.connect())
+        clients[0].send(message(CREATE, 1, SRC_MAC, 1, 1))
+    clients = []
+    switch.system.stop_switch()
+    threading.Thread(target=knock).start()
+    switch.system.start_switch("--stale-grace", str(GRACE))
+    switch.ask((CREATE, 2, SRC_MAC, 2, 1), client=clients[0])
+    clients.append(switch.connect())  # and asks for nothing
     time.sleep(GRACE + 0.5)
-    assert not any(trunk["stale"] for trunk in bench.trunks().values()) and len(bench.trunks()) == 2
-    second = bench.driver()
-    bench.await_count("clients", 1)
-    assert all(trunk["stale"] for trunk in bench.trunks().values())
-    second.request(CREATE, 1, SRC_MAC, 1, 1)
-    bench.await_state("trunks", lambda: set(bench.trunks()), {1})
-    assert bench.trunks()[1]["stale"] is False
-
-
-def test_a_daemon_that_does_not_stay_takes_no_trunk_away(bench):
-    bench.start("--stale-grace", str(GRACE))
-    first = bench.driver()
-    first.request(CREATE, 1, SRC_MAC, 1, 1)
-    bench.await_count("creates", 1)
-    first.close()
-    bench.await_count("clients", 0)
-    bench.driver().close()
-    time.sleep(GRACE + 0.5)
-    assert set(bench.trunks()) == {1}
-
-
-def test_a_second_connection_beside_the_daemon_changes_nothing(bench):
-    bench.start("--stale-grace", str(GRACE))
-    bench.driver().request(CREATE, 1, SRC_MAC, 1, 1)
-    bench.await_count("creates", 1)
-    bench.driver()
-    time.sleep(GRACE + 0.5)
-    assert bench.trunks()[1]["stale"] is False
-
-
-# ---- the program
-
-def test_a_second_switch_is_refused(switch):
-    second = switch.run()
-    assert second.returncode == 1
-    assert second.stderr == (f"olt-switch: socket {switch.driver_socket} is served by another switch; stop that one, "
-                             "or name another path\n")
-    driver = switch.driver()
-    driver.send(GOOD)
-    switch.await_count("creates", 1)
-
-
-def test_sockets_of_a_killed_switch_are_taken_over(switch):
-    switch.process.send_signal(signal.SIGKILL)
-    switch.process.wait(SOON)
-    assert switch.driver_socket.exists() and switch.state_socket.exists()
-    switch.start()
-    assert switch.trunks() == {}
-
-
-def test_a_file_that_is_no_socket_is_left_alone(bench):
-    bench.state_socket.parent.mkdir()
-    bench.state_socket.write_text("precious")
-    result = bench.run()
-    assert result.returncode == 1
-    assert str(bench.state_socket) in result.stderr and "remove it" in result.stderr
-    assert bench.state_socket.read_text() == "precious"
-
-
-def test_sockets_are_closed_to_others(switch):
-    for path in (switch.driver_socket, switch.state_socket):
-        assert stat.S_IMODE(path.stat().st_mode) == 0o660
-        assert path.group() == "daemon"
-    assert stat.S_IMODE(switch.driver_socket.parent.stat().st_mode) == 0o755
-
-
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_a_signal_ends_it_cleanly(switch, number):
-    switch.process.send_signal(number)
-    assert switch.process.wait(SOON) == 0
-    assert not switch.driver_socket.exists() and not switch.state_socket.exists()
-
-
-def test_a_missing_interface_is_named(bench):
-    result = bench.run(ports=(1, 7))
-    assert result.returncode == 1
-    assert result.stderr == "olt-switch: there is no interface ge7; create it first, or name another one\n"
-    assert result.stdout == ""
-
-
-@pytest.mark.parametrize("options, words", [
-    (("--bogus",), "--bogus"), (("--vlan", "4095"), "--vlan"), (("--vlan", "0"), "--vlan"),
-    (("--port", "9=ge1"), "9=ge1"), (("--port", "1=ge2"), "twice"), (("--port", "x"), "N=IFACE"),
-    (("--port", "4=ge1"), "twice"), (("--stale-grace", "-1"), "--stale-grace")])
-def test_bad_options_get_one_sentence(bench, options, words):
-    result = bench.run(*options)
-    assert result.returncode == 1
-    assert result.stderr.startswith("olt-switch: ") and result.stderr.count("\n") == 1
-    assert words in result.stderr
-
-
-@pytest.mark.parametrize("path", ["/" + "x" * 120, "/proc/nowhere/x.sock"])
-def test_a_socket_that_cannot_be_made_is_named(bench, path):
-    bench.driver_socket = path
-    result = bench.run()
-    assert result.returncode == 1
-    assert result.stderr.startswith(f"olt-switch: socket {path} cannot be ") and result.stderr.count("\n") == 1
-
-
-def test_a_state_that_nobody_reads_stops_nobody(switch):
-    idle = [socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) for _ in range(8)]
-    for client in idle:
-        client.connect(str(switch.state_socket))
-    assert len(switch.state()["ports"]) == 3
-    for client in idle:
+    assert switch.system.trunks() == {1: {1}, 2: {2}}
+    clients.append(switch.connect())  # the first one is not yet gone
+    trunks = switch.ask((CREATE, 1, SRC_MAC, 1, 1), client=clients[-1])
+    assert {group: trunk["stale"] for group, trunk in trunks.items()} == {1: False, 2: True}
+    switch.until(lambda now: [trunk["group"] for trunk in now["trunks"]] == [1])
+    for client in clients:
         client.close()
+    switch.until(lambda now: now["driver"]["clients"] == 0)
+    switch.connect().close()
+    time.sleep(GRACE + 0.5)
+    assert switch.system.trunks() == {1: {1}}, "one that does not stay takes no trunk away"
+    clients.append(switch.connect())
+    switch.until(lambda now: now["trunks"] == [])
+
+
+CRITERIA = {0: ({"sip"}, {"smac"}), 1: ({"dip"}, {"dmac"}), 9: ({"smac"}, {"smac"}), 10: ({"dmac"}, {"dmac"}),
+            18: ({"sip", "dip"}, {"smac", "dmac"}), 19: ({"smac", "dmac"}, {"smac", "dmac"})}  # of IP, of other packets
+
+
+def test_the_criterion_says_what_makes_a_flow(switch):
+    switch.ask((CREATE, 1, SRC_MAC, 0b111, 3))
+    sent = {(kind, tag, field): [packet(kind, tag, **{field: 10 + value}) for value in range(8)]
+            for kind in (IP, IPv6, ARP) for tag in (b"", TAG, SERVICE_TAG, SERVICE_TAG + TAG)
+            for field in ("smac", "dmac", "sip", "dip", "load")}
+    for code, (of_ip, of_others) in CRITERIA.items():
+        switch.ask((PSC_SET, 1, code))
+        out = switch.leaving(sum(sent.values(), []))
+        where = {frame: port for port, frames in out.items() for frame in frames}
+        for (kind, tag, field), frames in sent.items():
+            ports = [where[frame] for frame in frames]
+            significant = of_others if kind is ARP or tag == SERVICE_TAG + TAG else of_ip
+            assert (len(set(ports)) > 1) == (field in significant), (code, kind, tag, field)
+            if tag in (TAG, SERVICE_TAG):
+                assert ports == [where[frame] for frame in sent[kind, b"", field]], "a tag makes no other flow"
+        for port, frames in out.items():
+            assert frames == [frame for frame in sum(sent.values(), []) if where[frame] == port], "once and in order"
+
+
+def test_only_flows_of_a_lost_member_move(switch):
+    sent = [packet(sip=value) for value in range(10, 74)]
+    switch.ask((CREATE, 1, SRC_IP, 0b111, 3))
+    before = switch.leaving(sent)
+    switch.system.set_link(2, up=False)
+    assert switch.leaving(sent) == {1: before[1], 3: before[3]}, "what a member cannot send is dropped alone"
+    assert switch.system.state()["traffic"]["trunks"][0]["tx"]["dropped"] == len(before[2]) > len(sent) / 6
+    switch.system.set_link(2, up=True)
+    switch.ask((CREATE, 1, SRC_IP, 0b101, 2))
+    after = switch.leaving(sent)
+    assert set(before[1]) < set(after[1]) and set(before[3]) < set(after[3])
+    assert sorted(after[1] + after[3]) == sorted(sent)
+
+
+def test_traffic_stays_within_trunks_and_is_counted(switch):
+    def count(frames, dropped=0, tags=0):
+        return {"frames": frames, "bytes": frames * len(packet()) + tags * len(TAG), "dropped": dropped}
+    passed = [packet(dst=address) for address in (HOST, "ff:ff:ff:ff:ff:ff", "01:80:c2:00:00:10", "01:80:c2:00:01:00")]
+    reserved = [packet(dst=address) for address in ("01:80:c2:00:00:00", "01:80:c2:00:00:0f")]
+    slow = [LACPDU, bytes(12) + LACPDU[12:]]
+    assert switch.leaving(passed[:1]) == {}, "no trunk"
+    switch.ask((CREATE, 3, SRC_MAC, 0b100, 1), (CREATE, 2, SRC_MAC, 0b010, 1))
+    assert switch.leaving([*passed, *reserved, *slow]) == {2: passed}, "the lowest group carries"
+    for port in PORTS:
+        found = switch.exchange(*((port, frame) for frame in (*passed, packet(tag=TAG), *reserved, *slow)))
+        assert found.pop("cpu") == [to_cpu(frame, port, vlan=4094) for frame in slow]
+        assert found == ({} if port == 1 else {"host": [*passed, packet(tag=TAG)]}), "nothing outside trunks"
+    ports = [{"port": port, "rx": rx, "tx": tx, "interface": f"ge{port}", "missed": 0} for port, rx, tx in (
+        (1, count(0, dropped=7), count(0)), (2, count(5, 2, tags=1), count(4)), (3, count(5, 2, tags=1), count(0)))]
+    trunks = [{"group": port["port"], "rx": count(5, tags=1), "tx": port["tx"]} for port in ports[1:]]
+    assert switch.system.state()["traffic"] == {
+        "host": {"rx": count(4, dropped=5), "tx": count(10, tags=2), "interface": "hostsw", "missed": 0},
+        "ports": ports, "trunks": trunks}
+    switch.ask((DESTROY, 2))
+    assert switch.leaving(passed) == {3: passed}, "the next group stands in"
+
+
+def test_what_the_kernel_has_left_to_do_stays_so(switch):
+    switch.ask((CREATE, 1, SRC_MAC, 1, 1))
+    for name in ("host", 1):
+        switch.wires[name].ins.setsockopt(SOL_PACKET, PACKET_VNET_HDR, 1)
+    for layer, offset, kind, head, size in ((UDP() / bytes(20), 6, 0, 0, 0), (TCP() / bytes(4000), 16, 1, 54, 1000)):
+        frame = bytes(Ether(src=HOST, dst=HOST) / IP(src="10.0.0.1", dst="10.0.0.2") / layer)
+        for tag in (b"", TAG):
+            header = struct.pack("=BBHHHH", 1, kind, head and head + len(tag), size, 34 + len(tag), offset)
+            switch.wires["host"].ins.send(header + tagged(frame, tag))
+            switch.settled()
+            received = switch.wires[1].ins.recv(1 << 16)  # the kernel keeps the tag aside
+            assert (received[:2], received[10:]) == (header[:2], frame)
+            assert struct.unpack("=HHH", received[4:10]) == (size, 34, offset)
+
+
+def test_what_cannot_be_is_refused_with_one_sentence(switch):
+    folder, taken = switch.system.directory, switch.system.environment["SCLIENT_SOCKET"]
+    (folder / "precious").write_text("kept")
+    for path, options, words in (
+            (taken, "", f"socket {taken} is served by another switch; stop that one, or name another path"),
+            (folder / "precious", "", "cannot be created: a file that is no socket is there; remove it, or name another"),
+            ("/" + "x" * 120, "", "cannot be used; choose a path of 1 to 107 characters"),
+            ("/proc/nowhere/x", "", "socket /proc/nowhere/x cannot be created"),
+            ("", "--bogus", "--bogus"), ("", "--vlan 4095", "--vlan"), ("", "--vlan 0", "--vlan"),
+            ("", "--stale-grace -1", "--stale-grace"), ("", "--port x", "N=IFACE"), ("", "--port 9=ge9", "9=ge9"),
+            ("", "--port 0=ge9", "0=ge9"), ("", "--port 4=", "4="), ("", "--port 1=ge9", "port 1 is given twice"),
+            ("", "--port 4=ge1", "interface ge1 is given twice"), ("", "--host cpu0", "interface cpu0 is given twice"),
+            ("", "--host none", "no interface none"),
+            ("", "--port 7=ge7", "there is no interface ge7; create it first, or name another one"),
+            ("", "", "the datastore cannot be used; install its modules first, or give --no-datastore")):
+        environment = {"SCLIENT_SOCKET": str(path or folder / "d"), "SYSREPO_REPOSITORY_PATH": str(folder / "none"),
+                       "SYSREPO_SHM_DIR": str(folder / "none"), "SYSREPO_SHM_PREFIX": "none"}
+        result = subprocess.run([*switch.system.namespace.enter(), switch.system.programs.switch, "--cpu", "cpu0", "--port",
+                                 "1=ge1", "--state-socket", folder / "s", *options.split()], capture_output=True, text=True,
+                                check=False, timeout=SOON, env=environment)
+        said = [line for line in result.stderr.splitlines() if line.startswith("olt-switch: ")]
+        assert (result.returncode, result.stdout, len(said)) == (1, "", 1) and words in said[0], result
+    assert (folder / "precious").read_text() == "kept"
+
+
+def test_its_sockets_are_for_group_daemon_and_go_with_it(switch):
+    sockets = [Path(switch.system.environment["SCLIENT_SOCKET"]), switch.system.directory / "state.sock"]
+    for number, status in ((signal.SIGKILL, -signal.SIGKILL), (signal.SIGINT, 0), (signal.SIGTERM, 0)):
+        assert [(path.group(), path.stat().st_mode & 0o777) for path in sockets] == [("daemon", 0o660)] * 2
+        assert switch.system.switch.stop(number) == status
+        assert [path.exists() for path in sockets] == [status != 0] * 2
+        switch.restart()

@@ -231,6 +231,8 @@ EngineTest::EngineTest(std::uint32_t first_port, std::uint32_t last_port)
     lacp_set_pkt_debug(LACP_PKT_RX, 0);
     lacp_set_pkt_debug(LACP_PKT_TX, 0);
     lacp_sclient_init(nullptr, 0, nullptr);
+    lacp_sclient_on_reconnect(lacp_trunk_resync);
+    lac_set_dispatcher(lacDispatch);
     build_engine();
     sem_post(&lac_task_sem); // as the dispatcher does when it runs
 

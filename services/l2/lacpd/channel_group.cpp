@@ -1,10 +1,7 @@
 #include "channel_group.h"
 
-#include "channel_group_member.h"
 #include "lac_memory.h"
 #include "lacp_sclient.h"
-
-#include "keldatabase/keldatabase.h"
 
 #include <algorithm>
 #include <array>
@@ -16,8 +13,6 @@ int CHANNEL_GROUP_MAX_NUM = 4;
 
 namespace
 {
-
-constexpr std::size_t LINK_STATUS_SIZE = 8;
 
 constexpr std::array<const char *, 6> LOAD_BALANCE_NAMES = {"src-mac", "dst-mac", "src-dst-mac",
                                                             "src-ip",  "dst-ip",  "src-dst-ip"};
@@ -88,12 +83,11 @@ int update_list(int group, Field list, Field count, std::uint32_t port, int oper
 
 } // namespace
 
-int channel_group_daemon_init()
+void channel_group_table_init()
 {
     groups = lac_new_records<ChannelGroup>(MTYPE_LACP_CLI, static_cast<std::size_t>(CHANNEL_GROUP_MAX_NUM) + 1);
     for (int group = 1; group <= CHANNEL_GROUP_MAX_NUM; ++group)
         reset_channel_group(group);
-    return dynamic_channel_init();
 }
 
 int set_channel_group_type(int group, std::uint32_t type)
@@ -221,16 +215,4 @@ int reset_channel_group(int group)
     record->load_balance = LOAD_BALANCE_SRC_MAC;
     record->id = static_cast<std::uint32_t>(group);
     return LAC_OK;
-}
-
-int get_channel_group_port_link_status(int, std::uint32_t port, std::uint32_t *status)
-{
-    if (status == nullptr)
-        return LAC_NO_OBJECT;
-    char text[LINK_STATUS_SIZE] = {};
-    std::uint32_t size = sizeof(text);
-    const int result = db_olt_ifm_get_interface_basic_link_status(LAC_SLOT, port, &g_lacpd_db, text, &size);
-    if (result == LAC_OK)
-        *status = strcmp(text, "up") == 0;
-    return result;
 }

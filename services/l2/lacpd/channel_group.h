@@ -44,8 +44,8 @@ static_assert(sizeof(ChannelGroup) == 40);
 
 extern int CHANNEL_GROUP_MAX_NUM;
 
-// Builds the table and starts the protocol side; the result of dynamic_channel_init.
-int channel_group_daemon_init();
+// Start-up.
+void channel_group_table_init();
 
 int set_channel_group_type(int group, std::uint32_t type); // LAC_REFUSED when the group has one
 int get_channel_group_type(int group, std::uint32_t *type);
@@ -68,6 +68,3 @@ int get_channel_group_agg_no(int group, std::uint32_t *number);
 int set_channel_group_master_port(int group, std::uint32_t port);
 // Back to the unconfigured state; the switch is not touched.
 int reset_channel_group(int group);
-
-// Asks the datastore for a port's link: 1 up, 0 down. The first argument is ignored.
-int get_channel_group_port_link_status(int slot, std::uint32_t port, std::uint32_t *status);

@@ -2,17 +2,24 @@
 
 #include "channel_group.h"
 #include "lac_port.h"
+#include "lac_store.h"
 #include "lac_task.h"
-#include "lac_timer.h"
 #include "lacp_sclient.h"
 
-#include "keldatabase/keldatabase.h"
+#include "frr/frr.hpp"
+#include "sclient/sclient.h"
 
 #include <cstdio>
-
-constexpr std::size_t SYSTEM_ID_SIZE = 32;
+#include <memory>
+#include <type_traits>
 
 // ---- protocol start -------------------------------------------------------------------------------------------
+
+int channel_group_daemon_init()
+{
+    channel_group_table_init();
+    return dynamic_channel_init();
+}
 
 int dynamic_channel_init()
 {
@@ -29,7 +36,6 @@ int dynamic_channel_init()
     }
     lac_LacInit();
     lac_TaskInit();
-    lac_TimerInit();
     lacpCtrl.started = 1;
     return 1;
 }
@@ -41,11 +47,6 @@ void start_lacp_once_cfg()
     lacpDrvCtrlInit();
     set_lac_global_enable(1);
     lacpCtrl.once_cfg_done = 1;
-}
-
-std::uint32_t get_lacp_if_startup()
-{
-    return lacpCtrl.started;
 }
 
 // ---- membership -----------------------------------------------------------------------------------------------
@@ -176,17 +177,16 @@ int deal_dynamic_channel_updown_port(int, int, std::uint32_t port_no, std::uint3
 // ---- attributes -----------------------------------------------------------------------------------------------
 
 // Sends an attribute of an existing port to the dispatcher; `missing` when no port has the number.
-static int send_attribute(const char *sender, LacQueueCode code, std::uint32_t port_no, std::uint64_t value,
-                          int missing)
+template <typename Value>
+static int send_attribute(const char *sender, LacAttribute<Value> attribute, std::uint32_t port_no,
+                          std::type_identity_t<Value> value, int missing = LAC_FAILED)
 {
-    if (lacNoToPort(port_no) == nullptr)
-        return missing;
-    return lacWaitAndSend(sender, code, value, port_no);
+    return lacNoToPort(port_no) == nullptr ? missing : lacWaitAndSend(sender, attribute.code, value, port_no);
 }
 
-static LacPort *port_when_sent(const char *sender, LacQueueCode code, std::uint32_t port_no, std::uint64_t value)
+static LacPort *port_when_sent(int result, std::uint32_t port_no)
 {
-    return send_attribute(sender, code, port_no, value, LAC_FAILED) == LAC_OK ? lacNoToPort(port_no) : nullptr;
+    return result == LAC_OK ? lacNoToPort(port_no) : nullptr;
 }
 
 int update_lacp_select_port(int port, std::uint32_t group)
@@ -196,13 +196,7 @@ int update_lacp_select_port(int port, std::uint32_t group)
 
 LacPort *set_lacp_channel_group_id(std::uint32_t port, std::uint32_t group)
 {
-    return port_when_sent("set_lacp_channel_group_id", LAC_Q_PORT_GROUP, port, group);
-}
-
-int get_lacp_channel_group_id(std::uint32_t port_no)
-{
-    const LacPort *port = lacNoToPort(port_no);
-    return port == nullptr ? LAC_FAILED : static_cast<int>(port->channel_group_id.get());
+    return port_when_sent(send_attribute("set_lacp_channel_group_id", LAC_PORT_GROUP, port, group), port);
 }
 
 int get_lacp_port_individual(std::uint32_t port_no)
@@ -219,27 +213,27 @@ int get_lacp_port_state(std::uint32_t port_no)
 
 LacPort *set_lacp_port_oper_key(std::uint32_t port, std::uint16_t key)
 {
-    return port_when_sent("set_lacp_port_oper_key", LAC_Q_PORT_KEY, port, key);
+    return port_when_sent(send_attribute("set_lacp_port_oper_key", LAC_PORT_KEY, port, key), port);
 }
 
 int set_lacp_port_priority(int, std::uint32_t port, std::uint16_t priority)
 {
-    return send_attribute("set_lacp_port_priority", LAC_Q_PORT_PRIORITY, port, priority, LAC_NO_OBJECT);
+    return send_attribute("set_lacp_port_priority", LAC_PORT_PRIORITY, port, priority, LAC_NO_OBJECT);
 }
 
 int set_lacp_port_mode(int, std::uint32_t port, std::uint8_t mode)
 {
-    return send_attribute("set_lacp_port_mode", LAC_Q_PORT_MODE, port, mode, LAC_FAILED);
+    return send_attribute("set_lacp_port_mode", LAC_PORT_MODE, port, mode);
 }
 
 int set_lacp_port_timeout(int, std::uint32_t port, std::uint32_t timeout)
 {
-    return send_attribute("set_lacp_port_timeout", LAC_Q_PORT_TIMEOUT, port, timeout, LAC_OK);
+    return send_attribute("set_lacp_port_timeout", LAC_PORT_TIMEOUT, port, timeout, LAC_OK);
 }
 
 int set_lacp_port_state(std::uint32_t port, std::uint32_t state)
 {
-    return send_attribute("set_lacp_port_state", LAC_Q_PORT_STATE, port, state, LAC_FAILED);
+    return send_attribute("set_lacp_port_state", LAC_PORT_STATE, port, state);
 }
 
 int set_lacp_port_enable(int port)
@@ -261,9 +255,40 @@ int set_lacp_system_mac(const Mac &mac)
     return lacWaitAndSend("set_lacp_system_mac", LAC_Q_SYSTEM_ID, PublishedMac::pack(mac), 0);
 }
 
-int set_lacp_system_id(const Mac &mac)
+// ---- after a loss of the driver service --------------------------------------------------------------------------
+
+namespace
 {
-    char text[SYSTEM_ID_SIZE] = {};
-    snprintf(text, sizeof(text), "%02x%02x.%02x%02x.%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return db_olt_lacp_set_global_configuration_system_id(&g_lacpd_db, text, sizeof(text), 1);
+
+struct Trunk {
+    std::uint32_t load_balance = 0;
+    std::uint32_t members = 0;
+
+    bool operator==(const Trunk &) const = default;
+};
+
+Trunk trunk_of(int group)
+{
+    Trunk trunk;
+    get_channel_group_load_balance(group, &trunk.load_balance);
+    get_channel_group_uplink_port_list(group, &trunk.members);
+    return trunk;
+}
+
+} // namespace
+
+// The datastore's thread may change the table and send meanwhile. It changes before it sends, so looking again after
+// each send until nothing has changed leaves the service with what the table holds.
+void lacp_trunk_resync(sclient *client)
+{
+    const std::unique_ptr<stream, decltype(&stream_free)> out(stream_new(SCLIENT_MAX_MESSAGE), stream_free);
+    for (int group = 1; group <= CHANNEL_GROUP_MAX_NUM; ++group) {
+        Trunk sent;
+        do {
+            sent = trunk_of(group);
+            if (lacp_trunk_send(client, out.get(), static_cast<std::uint32_t>(group), sent.load_balance,
+                                sent.members) != LAC_OK)
+                return; // lost again: the next connection starts over
+        } while (trunk_of(group) != sent);
+    }
 }

@@ -7,13 +7,16 @@
 
 #include "lacp.h"
 
+struct sclient;
+
 // ---- protocol start -------------------------------------------------------------------------------------------
 
-// Prepares control record, records, queue and threads; always 1.
+// Builds the table and starts the protocol side; the result of dynamic_channel_init. Start-up.
+int channel_group_daemon_init();
+// Prepares control record, records, queue and threads; always 1. Start-up.
 int dynamic_channel_init();
 // Switches LACP on at the first call (takes a second); later calls do nothing.
 void start_lacp_once_cfg();
-std::uint32_t get_lacp_if_startup();
 
 // ---- membership and links -------------------------------------------------------------------------------------
 
@@ -32,8 +35,7 @@ int update_lacp_select_port(int port, std::uint32_t group);
 // ---- port and system attributes -------------------------------------------------------------------------------
 
 LacPort *set_lacp_channel_group_id(std::uint32_t port, std::uint32_t group); // null: no such port, or not queued
-int get_lacp_channel_group_id(std::uint32_t port);                           // -1: no such port
-int get_lacp_port_individual(std::uint32_t port);
+int get_lacp_port_individual(std::uint32_t port);                            // -1: no such port
 int get_lacp_port_state(std::uint32_t port);
 LacPort *set_lacp_port_oper_key(std::uint32_t port, std::uint16_t key);
 int set_lacp_port_priority(int slot, std::uint32_t port, std::uint16_t priority);
@@ -44,5 +46,8 @@ int set_lacp_port_enable(int port);
 int set_lacp_system_priority(std::uint16_t priority);
 // Replaces the address that LACPDUs carry as Actor_System.
 int set_lacp_system_mac(const Mac &mac);
-// Writes the system identifier to the datastore.
-int set_lacp_system_id(const Mac &mac);
+
+// ---- the driver service comes back ----------------------------------------------------------------------------
+
+// Sends every group's trunk as the table has it now. Event loop's thread.
+void lacp_trunk_resync(sclient *client);

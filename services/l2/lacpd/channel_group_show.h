@@ -1,4 +1,4 @@
-// Displays of the channel-group table and of the ports' membership. They only read.
+// Displays of the channel-group table and of the ports' membership. Main thread. They only read.
 #pragma once
 
 #include <cstdint>

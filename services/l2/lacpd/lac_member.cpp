@@ -47,12 +47,6 @@ int remove(const LacPort *port, std::uint32_t group)
     return result;
 }
 
-bool is_due(const LacPort *port, bool retry)
-{
-    const std::uint32_t wanted = lacMemberWanted(port);
-    return !is_certain(port, wanted) && (retry || wanted != port->member_wanted);
-}
-
 // One settling of all ports. The first write that finds the datastore busy ends it: the others would too.
 class Round
 {
@@ -97,9 +91,9 @@ class Round
 
 std::uint32_t lacMemberWanted(const LacPort *port)
 {
-    const bool collects = port->attached == 1 && port->coll_dist == 1 && port->selected == LAC_SELECTED;
     const bool agreed = (port->heard_state & port->told_state & LAC_SYNCHRONIZATION) != 0;
-    return collects && agreed && port->individual == 0 ? port->attached_group : 0;
+    const bool collects = port->attached == 1 && port->coll_dist == 1 && port->selected == LAC_SELECTED;
+    return agreed && collects && port->individual == 0 ? port->attached_group : 0;
 }
 
 bool lacMemberOwed(const LacPort *port)
@@ -113,8 +107,10 @@ std::uint32_t lacSettleMembers(bool retry)
 {
     std::uint32_t due = 0;
     for (LacPort *port : lac_ports()) {
-        due |= is_due(port, retry) ? lac_port_bit(port) : 0;
-        port->member_wanted = lacMemberWanted(port);
+        const std::uint32_t wanted = lacMemberWanted(port);
+        if (!is_certain(port, wanted) && (retry || wanted != port->member_wanted))
+            due |= lac_port_bit(port);
+        port->member_wanted = wanted;
     }
     if (due == 0)
         return 0;

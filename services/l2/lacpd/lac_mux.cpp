@@ -95,11 +95,10 @@ std::uint32_t lacGetMuxMachineState(std::uint32_t port_no)
 namespace
 {
 
-struct MuxRun {
-    LacPort *port;
-    int port_no;
-    int agg_no;
-};
+int aggregator_of(const LacPort *port)
+{
+    return port->aggregator->port_no;
+}
 
 bool is_synchronized(const LacPort *port)
 {
@@ -113,11 +112,10 @@ bool may_collect(const LacPort *port)
     return is_synchronized(port) || (port->individual == 1 && port->rxm == LAC_RX_DEFAULTED);
 }
 
-void enter_detached(const MuxRun &run)
+void enter_detached(LacPort *port)
 {
-    LacPort *port = run.port;
-    lac_trace(LAC_DBG_MUX, "[%d mux DETACHE]\r\n", run.port_no);
-    Detach_Mux_From_Aggregator(port->port_no, run.agg_no);
+    lac_trace(LAC_DBG_MUX, "[%d mux DETACHE]\r\n", port->port_no);
+    Detach_Mux_From_Aggregator(port->port_no, aggregator_of(port));
     port->ready_n = 0;
     lac_clear_actor_state(port, LAC_MUX_BITS);
     Disable_Collecting_Distributing(port, port->aggregator);
@@ -128,22 +126,21 @@ void enter_detached(const MuxRun &run)
     port->muxm = LAC_MUX_DETACHED;
 }
 
-bool evaluate_detached(const MuxRun &run)
+bool evaluate_detached(LacPort *port)
 {
-    LacPort *port = run.port;
-    lac_trace(LAC_DBG_MUX, "[%d mux DETACHED port->selected  %d]\r\n", run.port_no, port->selected.get());
+    lac_trace(LAC_DBG_MUX, "[%d mux DETACHED port->selected  %d]\r\n", port->port_no, port->selected.get());
     if (port->selected != LAC_SELECTED && port->selected != LAC_STANDBY)
         return false;
     port->muxm = LAC_MUX_ENTER_WAITING;
     return true;
 }
 
-void enter_waiting(const MuxRun &run)
+void enter_waiting(LacPort *port)
 {
-    lac_trace(LAC_DBG_MUX, "[%d mux WAIT]\r\n", run.port_no);
-    if (run.port->wait_while_timer.active == 0 && !run.port->in_place)
-        Start_wait_while_timer(run.port);
-    run.port->muxm = LAC_MUX_WAITING;
+    lac_trace(LAC_DBG_MUX, "[%d mux WAIT]\r\n", port->port_no);
+    if (port->wait_while_timer.active == 0 && !port->in_place)
+        Start_wait_while_timer(port);
+    port->muxm = LAC_MUX_WAITING;
 }
 
 // Ready: some selected port of the group has waited long enough.
@@ -166,11 +163,10 @@ void wait_on(LacPort *port)
     port->waits_selected = selected;
 }
 
-bool evaluate_waiting(const MuxRun &run)
+bool evaluate_waiting(LacPort *port)
 {
-    LacPort *port = run.port;
     port->ready = port->in_place ? 1 : group_is_ready(port);
-    lac_trace(LAC_DBG_MUX, "[%d mux WAITING selected %d Ready %d]\r\n", run.port_no, port->selected.get(),
+    lac_trace(LAC_DBG_MUX, "[%d mux WAITING selected %d Ready %d]\r\n", port->port_no, port->selected.get(),
               port->ready.get());
     if (port->selected == LAC_UNSELECTED) {
         port->muxm = LAC_MUX_ENTER_DETACHED;
@@ -184,11 +180,10 @@ bool evaluate_waiting(const MuxRun &run)
     return false;
 }
 
-void enter_attached(const MuxRun &run)
+void enter_attached(LacPort *port)
 {
-    LacPort *port = run.port;
-    lac_trace(LAC_DBG_MUX, "[%d mux ATTACHE]\r\n", run.port_no);
-    Attach_Mux_To_Aggregator(port->port_no, run.agg_no);
+    lac_trace(LAC_DBG_MUX, "[%d mux ATTACHE]\r\n", port->port_no);
+    Attach_Mux_To_Aggregator(port->port_no, aggregator_of(port));
     Disable_Collecting_Distributing(port, port->aggregator);
     port->stats->attach_count += 1;
     lac_set_actor_state(port, LAC_SYNCHRONIZATION);
@@ -202,11 +197,10 @@ void enter_attached(const MuxRun &run)
     port->muxm = LAC_MUX_ATTACHED;
 }
 
-bool evaluate_attached(const MuxRun &run)
+bool evaluate_attached(LacPort *port)
 {
-    LacPort *port = run.port;
-    lac_trace(LAC_DBG_MUX, "[%d mux ATTACHED selected %d synchronization %d]\r\n", run.port_no, port->selected.get(),
-              is_synchronized(port));
+    lac_trace(LAC_DBG_MUX, "[%d mux ATTACHED selected %d synchronization %d]\r\n", port->port_no,
+              port->selected.get(), is_synchronized(port));
     lac_set_actor_state(port, LAC_SYNCHRONIZATION);
     if (port->selected == LAC_UNSELECTED || port->selected == LAC_STANDBY) {
         port->muxm = LAC_MUX_ENTER_DETACHED;
@@ -219,10 +213,9 @@ bool evaluate_attached(const MuxRun &run)
     return false;
 }
 
-void enter_collecting_distributing(const MuxRun &run)
+void enter_collecting_distributing(LacPort *port)
 {
-    LacPort *port = run.port;
-    lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d]\r\n", run.port_no, port->muxm.get());
+    lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d]\r\n", port->port_no, port->muxm.get());
     lac_set_actor_state(port, LAC_DISTRIBUTING);
     Enable_Collecting_Distributing(port);
     lac_set_actor_state(port, LAC_COLLECTING);
@@ -230,10 +223,9 @@ void enter_collecting_distributing(const MuxRun &run)
     port->muxm = LAC_MUX_COLLECTING_DISTRIBUTING;
 }
 
-bool evaluate_collecting_distributing(const MuxRun &run)
+bool evaluate_collecting_distributing(LacPort *port)
 {
-    LacPort *port = run.port;
-    lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d selected %d synchronization %d]\r\n", run.port_no,
+    lac_trace(LAC_DBG_MUX, "[%d:mux Col-Dist Event %d selected %d synchronization %d]\r\n", port->port_no,
               port->muxm.get(), port->selected.get(), is_synchronized(port));
     if (port->selected != LAC_UNSELECTED && port->selected != LAC_STANDBY && may_collect(port))
         return false;
@@ -242,33 +234,33 @@ bool evaluate_collecting_distributing(const MuxRun &run)
 }
 
 // Runs the block that muxm names; true while there is another one to run.
-bool step(const MuxRun &run)
+bool step(LacPort *port)
 {
-    switch (run.port->muxm) {
+    switch (port->muxm) {
     case LAC_MUX_ENTER_DETACHED:
-        enter_detached(run);
+        enter_detached(port);
         return true;
     case LAC_MUX_ENTER_WAITING:
-        enter_waiting(run);
+        enter_waiting(port);
         return true;
     case LAC_MUX_ENTER_ATTACHED:
-        enter_attached(run);
+        enter_attached(port);
         return true;
     case LAC_MUX_ENTER_COLLECTING:
     case LAC_MUX_ENTER_DISTRIBUTING:
     case LAC_MUX_ENTER_COLLECTING_DISTRIBUTING:
-        enter_collecting_distributing(run);
+        enter_collecting_distributing(port);
         return true;
     case LAC_MUX_DETACHED:
-        return evaluate_detached(run);
+        return evaluate_detached(port);
     case LAC_MUX_WAITING:
-        return evaluate_waiting(run);
+        return evaluate_waiting(port);
     case LAC_MUX_ATTACHED:
-        return evaluate_attached(run);
+        return evaluate_attached(port);
     case LAC_MUX_COLLECTING:
     case LAC_MUX_DISTRIBUTING:
     case LAC_MUX_COLLECTING_DISTRIBUTING:
-        return evaluate_collecting_distributing(run);
+        return evaluate_collecting_distributing(port);
     default:
         return false;
     }
@@ -278,11 +270,14 @@ bool step(const MuxRun &run)
 
 void lacMuxMachine(LacPort *port)
 {
-    const LacPort *aggregator = port->aggregator;
-    const MuxRun run{port, port->port_no, aggregator->port_no};
-    lac_trace(LAC_DBG_MUX, "\r\n lacMuxMachine port %d port->muxm %d\r\n", run.port_no, port->muxm.get());
-    while (step(run))
+    lac_trace(LAC_DBG_MUX, "\r\n lacMuxMachine port %d port->muxm %d\r\n", port->port_no, port->muxm.get());
+    while (step(port))
         ;
+}
+
+void lacRestartMux(LacPort *port)
+{
+    port->muxm = LAC_MUX_ENTER_DETACHED;
 }
 
 void lacMuxMachineInitPort(LacPort *port)

@@ -1,10 +1,13 @@
-// Mux machine (coupled control, IEEE Std 802.3 43.4.15) and attachment to aggregators.
+// Mux machine (coupled control, IEEE Std 802.3 43.4.15) and attachment to aggregators. Dispatcher, but for the state,
+// which any thread may ask for.
 #pragma once
 
 #include "lacp.h"
 
 void lacMuxMachine(LacPort *port);
 void lacMuxMachineInitPort(LacPort *port);
+// The next run begins with the entry of DETACHED.
+void lacRestartMux(LacPort *port);
 // Sets the mask of the port's aggregator to the port's own bit.
 void lacInitPortMask(LacPort *port);
 // State 0 to 6 of an existing port.

@@ -6,6 +6,7 @@
 #include "lac_rx.h"
 #include "lac_task.h"
 #include "lac_tx.h"
+#include "lac_wire.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,68 +18,7 @@ constexpr std::size_t MARKER_TLV_TYPE_OFFSET = 2;
 constexpr std::size_t MARKER_TLV_LENGTH_OFFSET = 3;
 constexpr std::uint64_t FLOOD_REPORT_MS = 10000;
 
-std::uint16_t get16(const std::uint8_t *bytes)
-{
-    return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
-}
-
-void put16(std::uint8_t *bytes, std::uint16_t value)
-{
-    bytes[0] = static_cast<std::uint8_t>(value >> 8);
-    bytes[1] = static_cast<std::uint8_t>(value);
-}
-
 } // namespace
-
-void LacpMacHeaderSet(const LacPort *port, std::uint8_t *frame)
-{
-    std::copy(LAC_SLOW_PROTOCOLS_ADDRESS.begin(), LAC_SLOW_PROTOCOLS_ADDRESS.end(), frame);
-    std::copy(port->port_mac.begin(), port->port_mac.end(), frame + 6);
-    put16(frame + 12, LAC_SLOW_PROTOCOLS_ETHERTYPE);
-}
-
-void lacEncodeInfo(const LacInfo &info, std::uint8_t *bytes)
-{
-    put16(bytes, info.system_priority);
-    std::copy(info.system.begin(), info.system.end(), bytes + 2);
-    put16(bytes + 8, info.key);
-    put16(bytes + 10, info.port_priority);
-    put16(bytes + 12, info.port);
-    bytes[14] = info.state;
-    std::copy(info.reserved.begin(), info.reserved.end(), bytes + 15);
-}
-
-LacInfo lacDecodeInfo(const std::uint8_t *bytes)
-{
-    LacInfo info;
-    info.system_priority = get16(bytes);
-    std::copy_n(bytes + 2, info.system.size(), info.system.begin());
-    info.key = get16(bytes + 8);
-    info.port_priority = get16(bytes + 10);
-    info.port = get16(bytes + 12);
-    info.state = bytes[14];
-    std::copy_n(bytes + 15, info.reserved.size(), info.reserved.begin());
-    return info;
-}
-
-LacPdu lacDecodePdu(const std::uint8_t *bytes)
-{
-    LacPdu pdu{};
-    pdu.subtype = bytes[0];
-    pdu.version = bytes[1];
-    pdu.actor_tlv_type = bytes[2];
-    pdu.actor_tlv_length = bytes[3];
-    pdu.actor = lacDecodeInfo(bytes + offsetof(LacPdu, actor));
-    pdu.partner_tlv_type = bytes[22];
-    pdu.partner_tlv_length = bytes[23];
-    pdu.partner = lacDecodeInfo(bytes + offsetof(LacPdu, partner));
-    pdu.collector_tlv_type = bytes[42];
-    pdu.collector_tlv_length = bytes[43];
-    pdu.collector_max_delay = get16(bytes + offsetof(LacPdu, collector_max_delay));
-    pdu.terminator_tlv_type = bytes[58];
-    pdu.terminator_tlv_length = bytes[59];
-    return pdu;
-}
 
 // One line now and then, not one a lost frame.
 static void tell_of_flood(std::uint32_t port_no)
@@ -97,7 +37,8 @@ int lacp_bpdu_deal(std::uint32_t port_no, std::uint32_t, const std::uint8_t *fra
     if (enabled != 1)
         return static_cast<int>(enabled);
     const std::size_t received = length > 0 ? static_cast<std::size_t>(length) : 0;
-    if (Lac_Queue.hasEnough(port_no, received > LAC_RX_PDU_OFFSET ? frame[LAC_RX_PDU_OFFSET] : std::uint8_t{0})) {
+    if (Lac_Queue.holdsAllowanceOf(port_no,
+                                   received > LAC_RX_PDU_OFFSET ? frame[LAC_RX_PDU_OFFSET] : std::uint8_t{0})) {
         tell_of_flood(port_no);
         return LAC_FAILED;
     }
@@ -105,6 +46,13 @@ int lacp_bpdu_deal(std::uint32_t port_no, std::uint32_t, const std::uint8_t *fra
     if (received > LAC_RX_PDU_OFFSET)
         std::copy_n(frame + LAC_RX_PDU_OFFSET, std::min(received - LAC_RX_PDU_OFFSET, LAC_PDU_SIZE), copy);
     return lacWaitAndSend("lacp_bpdu_deal", LAC_Q_PDU, reinterpret_cast<std::uint64_t>(copy), port_no);
+}
+
+int lacp_bpdu_recv(std::uint32_t port_no, std::uint32_t, std::uint32_t, const std::uint8_t *frame, int length)
+{
+    if (std::equal(LAC_SLOW_PROTOCOLS_ADDRESS.begin(), LAC_SLOW_PROTOCOLS_ADDRESS.end(), frame))
+        lacp_bpdu_deal(port_no, 0, frame, length);
+    return 0;
 }
 
 static void lac_marker_responder(LacPort *port, const std::uint8_t *bytes)

@@ -1,24 +1,14 @@
-// System and port records, port initialisation and port events.
+// System and port records. What is written here is written by the dispatcher once it runs.
 #pragma once
 
 #include "lacp.h"
 
-enum LacSwitch : std::uint32_t { LAC_SET_ON = 1, LAC_SET_OFF = 2 };
-
 // Creates the system record, the ports and their counters once.
 void lac_LacInit();
-// The record of a port number, or null.
+// The record of a port number, or null. Any thread.
 LacPort *lacNoToPort(std::uint32_t port_no);
-
-int lacInitPort(LacPort *port);
-int lac_set(std::uint32_t on_or_off);
-void lacSystemStateSet(std::uint32_t value);
-void lacSetPort(LacPort *port, std::uint32_t event);
-int lacEnablePort(LacPort *port);
-int lacDisablePort(LacPort *port);
-void lacSetPortLacpState(std::uint32_t port_no, std::uint32_t state);
-void lacLinkUp(std::uint32_t port_no);
-void lacLinkDown(std::uint32_t port_no);
+int get_lacp_channel_group_id(std::uint32_t port_no); // -1: no such port. Any thread.
+std::uint32_t get_lacp_if_startup();
 
 std::uint32_t lacIsLinkUp(const LacPort *port);         // one datastore read
 std::uint32_t lacIsPortFullDuplex(const LacPort *port); // every port counts as full duplex
@@ -31,6 +21,12 @@ LacInfo lac_actor_info(const LacPort *port);
 LacInfo lac_partner_info(const LacPort *port);
 LacInfo lac_partner_admin_info(const LacPort *port);
 void lac_set_partner_info(LacPort *port, const LacInfo &info);
+
+// What is configured for the port.
+inline LacPortCfg &lac_port_cfg(const LacPort *port)
+{
+    return lacPortCfg[(port->port_no - 1) % LAC_MAX_PORTS];
+}
 
 // The port in a port mask.
 inline std::uint32_t lac_port_bit(const LacPort *port)
@@ -79,11 +75,3 @@ inline LacPortRange lac_ports()
 {
     return {};
 }
-
-// What the configuration messages do on the dispatcher thread. Unknown port numbers do nothing.
-void lacApplyPortTimeout(std::uint32_t port_no, std::uint32_t timeout);
-void lacApplyPortMode(std::uint32_t port_no, std::uint32_t mode);
-void lacApplyPortPriority(std::uint32_t port_no, std::uint16_t priority);
-void lacApplyPortKey(std::uint32_t port_no, std::uint16_t key);
-void lacApplyPortGroup(std::uint32_t port_no, std::uint32_t group);
-void lacApplySystemPriority(std::uint16_t priority);

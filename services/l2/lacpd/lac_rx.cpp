@@ -46,7 +46,8 @@ static void enter_lacp_disabled(LacPort *port)
     record_change(port);
 }
 
-static void enter_port_enabled(LacPort *port)
+// Not a state: PORT_DISABLED with a link, and the event, go on to one of two.
+static void run_port_enabled(LacPort *port)
 {
     lac_trace(LAC_DBG_RX, "[port %d rx Lac_port_enabled %d\r\n", port->port_no, port->lacp_enabled.get());
     port->port_enabled = 1;
@@ -68,7 +69,7 @@ static void enter_port_disabled(LacPort *port)
     port->matched = 0;
     record_change(port);
     if (link == 1)
-        enter_port_enabled(port);
+        run_port_enabled(port);
 }
 
 // The key and the port priority are not administrative values: they stay as configured. The mux machine's bits of the
@@ -258,7 +259,7 @@ void lacRxMachine(LacPort *port, std::uint32_t event, const LacPdu *pdu)
         enter_port_disabled(port);
         break;
     case Lac_port_enabled:
-        enter_port_enabled(port);
+        run_port_enabled(port);
         break;
     case Lac_current_while_timer_expired:
         current_while_expired(port);

@@ -1,4 +1,4 @@
-// Receive machine, IEEE Std 802.3 43.4.12.
+// Receive machine, IEEE Std 802.3 43.4.12. Dispatcher.
 #pragma once
 
 #include "lacp.h"

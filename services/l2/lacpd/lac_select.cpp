@@ -1,11 +1,9 @@
 #include "lac_select.h"
 
 #include "channel_group.h"
-#include "channel_group_member.h"
 #include "lac_mux.h"
 #include "lac_port.h"
-
-#include "keldatabase/keldatabase.h"
+#include "lac_store.h"
 
 #include <bit>
 #include <cstdio>
@@ -198,13 +196,13 @@ static void join(LacPort *port, LacPort *best, bool serves)
 {
     const bool waited = has_waited(port);
     if (port->aggregator != best) {
-        port->muxm = LAC_MUX_ENTER_DETACHED;
+        lacRestartMux(port);
         lacChangeAggregator(port, best);
     }
     lac_trace(LAC_DBG_SELECT, "%s select aggregator %d for port %d\n", "lacSelect", best->port_no, port->port_no);
     record_aggregator(port, best);
     if (port->individual == 1) {
-        port->muxm = LAC_MUX_ENTER_DETACHED;
+        lacRestartMux(port);
         port->individual = 0;
     }
     port->selected = serves ? LAC_SELECTED : LAC_STANDBY;
@@ -234,7 +232,7 @@ static void select_before_start(LacPort *port, LacPort *best)
     printf("Msg: system lacp doesn't initialized.\r\n");
     port->ready_n = 0;
     port->selected = LAC_SELECTED;
-    port->muxm = LAC_MUX_ENTER_DETACHED;
+    lacRestartMux(port);
     port->aggregator = best;
 }
 
@@ -285,16 +283,6 @@ std::uint32_t lacNumLogicalPorts()
 
 // ---- a port has left ------------------------------------------------------------------------------------------
 
-// Whether the datastore has the port in the group: its code, or 0 with the answer.
-static int configured_in(std::uint32_t port_no, std::uint32_t group, bool &answer)
-{
-    std::uint8_t configured = 0;
-    std::uint32_t size = sizeof(configured);
-    const int result = db_olt_lacp_get_trunk_channel_group(LAC_SLOT, port_no, &g_lacpd_db, &configured, &size);
-    answer = result == LAC_OK && configured == group;
-    return result;
-}
-
 int lacReselectGroup(std::uint32_t left_port_no, std::uint32_t group)
 {
     int last_failure = LAC_OK;
@@ -304,13 +292,13 @@ int lacReselectGroup(std::uint32_t left_port_no, std::uint32_t group)
         int result = get_channel_group_agg_no(static_cast<int>(group), &agg_no);
         bool in_group = false;
         if (result == LAC_OK && agg_no == 0)
-            result = configured_in(port_no, group, in_group);
+            result = lacConfiguredIn(port_no, group, in_group);
         if (result != LAC_OK)
             last_failure = result;
         LacPort *port = in_group && port_no != left_port_no ? lacNoToPort(port_no) : nullptr;
         if (port == nullptr)
             continue;
-        port->muxm = LAC_MUX_ENTER_DETACHED;
+        lacRestartMux(port);
         lacSelect(port);
         return LAC_OK;
     }

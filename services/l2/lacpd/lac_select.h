@@ -1,4 +1,4 @@
-// Selection logic, IEEE Std 802.3 43.4.14: one aggregator per channel group.
+// Selection logic, IEEE Std 802.3 43.4.14: one aggregator per channel group. Dispatcher.
 #pragma once
 
 #include "lacp.h"

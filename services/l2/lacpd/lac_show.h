@@ -1,5 +1,5 @@
-// Displays of the protocol's state. They only read the published words of the records, so a row can mix values
-// from before and after a protocol step.
+// Displays of the protocol's state. Main thread. They only read the published words of the records, so a row can mix
+// values from before and after a protocol step.
 #pragma once
 
 #include <cstdint>

@@ -1,23 +1,18 @@
 #include "lac_task.h"
 
-#include "channel_group_member.h"
-#include "lac_member.h"
 #include "lac_memory.h"
-#include "lac_pdu.h"
-#include "lac_port.h"
-#include "lac_select.h"
 #include "lac_timer.h"
 
 #include "sysutil/sysutil.h"
 
 #include <atomic>
 #include <cstdarg>
-#include <sys/prctl.h>
 #include <unistd.h>
-#include <utility>
 
 namespace
 {
+
+LacDispatcher dispatcher;
 
 // Messages that the queue keeps room for, and whether it is for the calling thread.
 std::atomic<std::size_t> room_taken;
@@ -81,7 +76,7 @@ static bool is_port(std::uint64_t number)
     return number >= 1 && number <= LAC_MAX_PORTS;
 }
 
-bool LacQueue::hasEnough(std::uint64_t port, std::uint8_t subtype) noexcept
+bool LacQueue::holdsAllowanceOf(std::uint64_t port, std::uint8_t subtype) noexcept
 {
     const bool is_lacpdu = subtype == LAC_SUBTYPE_LACP;
     const auto same = [port, is_lacpdu](const LacQueueMsg &message) {
@@ -211,146 +206,10 @@ void set_lac_global_enable(std::uint32_t value)
     sleep(SWITCH_SECONDS);
 }
 
-// ---- dispatching ----------------------------------------------------------------------------------------------
-
-static void switch_on()
-{
-    if (get_lac_global_enable() == 1)
-        return;
-    lacSystemStateSet(1);
-    lacDrvCtrl->lac_enable = 1;
-    lac_set(LAC_SET_ON);
-    lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue lacState is ON\n\r", "lacRecvTask");
-}
-
-static void switch_off()
-{
-    if (get_lac_global_enable() != 1)
-        return;
-    lac_set(LAC_SET_OFF);
-    lacDrvCtrl->lac_enable = 0;
-    lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue lacState is OFF\n\r", "lacRecvTask");
-}
-
-static void dispatch_pdu(LacQueueMsg &message)
-{
-    lac_trace(LAC_DBG_PDU, "\r\n %s lac queue receive port %ld code %08lx\n\r", "lacRecvTask",
-              static_cast<long>(message.port), message.code);
-    auto *bytes = reinterpret_cast<std::uint8_t *>(message.payload);
-    LacPort *port = lacNoToPort(static_cast<std::uint32_t>(message.port));
-    if (get_lac_global_enable() == 1 && port != nullptr && port->lacp_enabled != 0)
-        lacClassifyPdu(port, bytes);
-    qfree(MTYPE_LACP_PDU, bytes);
-    message.payload = 0;
-}
-
-// Per-port codes that only count while LACP is on.
-static void dispatch_port_event(const LacQueueMsg &message)
-{
-    const bool on = get_lac_global_enable() == 1;
-    const auto port_no = static_cast<std::uint32_t>(message.port);
-    switch (message.code) {
-    case LAC_Q_LINK_UP:
-        lac_trace(LAC_DBG_PORT, "\nLACP Link Up port:%d\r\n", port_no);
-        if (on)
-            lacLinkUp(port_no);
-        break;
-    case LAC_Q_LINK_DOWN:
-        lac_trace(LAC_DBG_PORT, "\nLACP Link Down port:%d\r\n", port_no);
-        if (on)
-            lacLinkDown(port_no);
-        break;
-    case LAC_Q_PORT_ENABLE:
-        lac_trace(LAC_DBG_PORT, "\n cli set port:%d lacp enable\r\n", port_no);
-        if (on)
-            lacSetPortLacpState(port_no, 1);
-        break;
-    }
-}
-
-static void dispatch_attribute(const LacQueueMsg &message)
-{
-    const auto port_no = static_cast<std::uint32_t>(message.port);
-    const auto value = static_cast<std::uint32_t>(message.payload);
-    switch (message.code) {
-    case LAC_Q_PORT_STATE:
-        lacSetPortLacpState(port_no, value);
-        break;
-    case LAC_Q_PORT_TIMEOUT:
-        lacApplyPortTimeout(port_no, value);
-        break;
-    case LAC_Q_PORT_MODE:
-        lacApplyPortMode(port_no, value);
-        break;
-    case LAC_Q_PORT_PRIORITY:
-        lacApplyPortPriority(port_no, static_cast<std::uint16_t>(value));
-        break;
-    case LAC_Q_PORT_KEY:
-        lacApplyPortKey(port_no, static_cast<std::uint16_t>(value));
-        break;
-    case LAC_Q_PORT_GROUP:
-        lacApplyPortGroup(port_no, value);
-        break;
-    case LAC_Q_PORT_RESELECT:
-        lacReselectGroup(port_no, value);
-        break;
-    case LAC_Q_SYSTEM_PRIORITY:
-        lacApplySystemPriority(static_cast<std::uint16_t>(value));
-        break;
-    case LAC_Q_SYSTEM_ID:
-        lacSystem->system_mac = PublishedMac::unpack(message.payload);
-        break;
-    default: // codes that nobody acts on are consumed
-        break;
-    }
-}
-
-static void run_machines(LacQueueMsg &message)
-{
-    switch (message.code) {
-    case LAC_Q_LACP_ON:
-        switch_on();
-        break;
-    case LAC_Q_LACP_OFF:
-        switch_off();
-        break;
-    case LAC_Q_LINK_UP:
-    case LAC_Q_LINK_DOWN:
-    case LAC_Q_PORT_ENABLE:
-        dispatch_port_event(message);
-        break;
-    case LAC_Q_PDU:
-        dispatch_pdu(message);
-        break;
-    case LAC_Q_TICK:
-        if (get_lac_global_enable() == 1)
-            LacTick();
-        break;
-    default:
-        dispatch_attribute(message);
-        break;
-    }
-}
-
-static void settle_members(bool retry)
-{
-    while (const std::uint32_t barred = lacSettleMembers(std::exchange(retry, false)))
-        for (LacPort *port : lac_ports())
-            if ((barred & lac_port_bit(port)) != 0)
-                lacSelect(port);
-}
-
-void lacDispatch(LacQueueMsg &message)
-{
-    run_machines(message);
-    settle_members(message.code == LAC_Q_TICK);
-}
-
 // ---- threads --------------------------------------------------------------------------------------------------
 
 static void *lacRecvTask(SystemThread *)
 {
-    prctl(PR_SET_NAME, "lacpRecv");
     lac_trace(LAC_DBG_LOCK, "\n lacRecvTask post task semaphore\r");
     sem_post(&lac_task_sem);
     for (;;) {
@@ -360,7 +219,7 @@ static void *lacRecvTask(SystemThread *)
         lac_trace(LAC_DBG_QUEUE, "\r\n %s lac queue receive status %lx code %lx\n\r", "lacRecvTask",
                   received ? sizeof(message) - sizeof(message.type) : ~0UL, received ? message.code : 0UL);
         if (received)
-            lacDispatch(message);
+            dispatcher(message);
     }
 }
 
@@ -393,7 +252,6 @@ static void *lacTimerTask(SystemThread *)
         wait_for_send_lock();
         lacQSend(LAC_Q_LACP_ON, 0, 0);
     }
-    prctl(PR_SET_NAME, "lacpTimer");
     for (std::uint32_t failures = 0;;) {
         sleep(TICK_SECONDS);
         lacSendTick(failures);
@@ -404,6 +262,11 @@ static bool start_thread(SystemThread *&thread, const char *name, SystemThreadBo
 {
     thread = system_pthread_create(name, name, body, 0, nullptr);
     return thread != nullptr && system_pthread_run(thread, 0, nullptr) == 0;
+}
+
+void lac_set_dispatcher(LacDispatcher function)
+{
+    dispatcher = function;
 }
 
 int lac_TaskInit()

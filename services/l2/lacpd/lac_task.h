@@ -7,7 +7,7 @@
 #include <mutex>
 #include <semaphore.h>
 
-// Message codes. The values from 16 on change a configured attribute; they carry the value in the payload word.
+// Message codes. Those from 16 on change what is configured; they carry the value in the payload word.
 enum LacQueueCode : std::uint64_t {
     LAC_Q_LACP_ON = 1,
     LAC_Q_LACP_OFF = 2,
@@ -26,6 +26,18 @@ enum LacQueueCode : std::uint64_t {
     LAC_Q_PDU = 0xFBFBFBFB,
     LAC_Q_TICK = 0xFCFCFCFC,
 };
+
+// A configured attribute of a port on its way to its record: the code of its message and the width of its value.
+template <typename Value> struct LacAttribute {
+    using Type = Value;
+    LacQueueCode code;
+};
+inline constexpr LacAttribute<std::uint32_t> LAC_PORT_STATE{LAC_Q_PORT_STATE};     // 1 LACP on, else off
+inline constexpr LacAttribute<std::uint32_t> LAC_PORT_TIMEOUT{LAC_Q_PORT_TIMEOUT}; // 1 short, else long
+inline constexpr LacAttribute<std::uint8_t> LAC_PORT_MODE{LAC_Q_PORT_MODE};        // bit 0: active
+inline constexpr LacAttribute<std::uint16_t> LAC_PORT_PRIORITY{LAC_Q_PORT_PRIORITY};
+inline constexpr LacAttribute<std::uint16_t> LAC_PORT_KEY{LAC_Q_PORT_KEY};
+inline constexpr LacAttribute<std::uint32_t> LAC_PORT_GROUP{LAC_Q_PORT_GROUP};
 
 struct LacQueueMsg {
     std::int64_t type; // always 1
@@ -54,7 +66,7 @@ class LacQueue
     int count() noexcept;
     // Whether a tick waits; whether the queue holds a port's allowance of PDUs of this subtype.
     bool hasTick() noexcept;
-    bool hasEnough(std::uint64_t port, std::uint8_t subtype) noexcept;
+    bool holdsAllowanceOf(std::uint64_t port, std::uint8_t subtype) noexcept;
     bool push(const LacQueueMsg &message) noexcept; // false when full or not created
     bool wait(LacQueueMsg &message) noexcept;       // false when interrupted
     bool tryPop(LacQueueMsg &message) noexcept;     // false when empty
@@ -86,7 +98,11 @@ extern LacDrvCtrl *lacDrvCtrl;
 extern SystemThread *lacRecv_tid;
 extern SystemThread *lacTimer_tid;
 
-// Creates queue, send lock and both threads. 0, or -1 when the protocol cannot run.
+// Acts on one message, on the dispatcher thread. Frees a PDU and clears the message's reference to it.
+using LacDispatcher = void (*)(LacQueueMsg &message);
+// Before lac_TaskInit.
+void lac_set_dispatcher(LacDispatcher function);
+// Creates queue, send lock and both threads. 0, or -1 when the protocol cannot run. Start-up.
 int lac_TaskInit();
 void lacpDrvCtrlInit();
 
@@ -110,8 +126,6 @@ class LacQueueRoom
     bool outer_;
 };
 
-// Acts on one message (dispatcher thread). Frees a PDU and clears the message's reference to it.
-void lacDispatch(LacQueueMsg &message);
 // Sends one tick and counts lost ones (timer thread). While one still waits no other is sent: after a stall of the
 // dispatcher the protocol's time goes on from where it stood, instead of running through what was missed at once.
 void lacSendTick(std::uint32_t &failures);

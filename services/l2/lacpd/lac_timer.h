@@ -1,4 +1,4 @@
-// Protocol timers and the one-second tick, IEEE Std 802.3 43.4.4.
+// Protocol timers: set up, started and stopped; lac_tick counts them. Dispatcher.
 #pragma once
 
 #include "lacp.h"
@@ -17,6 +17,3 @@ void Start_wait_while_timer(LacPort *port);
 void Start_tx_scheduler(LacPort *port);
 void Stop_tx_scheduler(LacPort *port);
 void mux_scheduler_start(LacPort *port);
-
-// One tick for all ports. Ports that run no LACP or whose link is down stand still.
-void LacTick();

@@ -1,9 +1,9 @@
 #include "lac_tx.h"
 
-#include "lac_pdu.h"
 #include "lac_port.h"
 #include "lac_task.h"
 #include "lac_timer.h"
+#include "lac_wire.h"
 #include "lacp_packet.h"
 
 #include <algorithm>
@@ -64,6 +64,14 @@ void update_Period(LacPort *port)
             return;
         }
     }
+}
+
+// A partner that has turned to the short timeout does not wait for the slow timer: it would give this port up, take
+// it back and give it up again, without end when both sides are slow.
+bool lacOutgrowsSlowPeriodic(const LacPort *port)
+{
+    return port->txm == LAC_SLOW_PERIODIC && port->periodic_timer.count != 0 &&
+           (port->partner_oper_state & LAC_TIMEOUT) != 0;
 }
 
 void periodic_machine(LacPort *port, std::uint32_t event)

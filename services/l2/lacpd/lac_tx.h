@@ -1,8 +1,10 @@
-// Periodic transmission (IEEE Std 802.3 43.4.13) and transmit machines.
+// Periodic transmission (IEEE Std 802.3 43.4.13) and transmit machines. Dispatcher.
 #pragma once
 
 #include "lacp.h"
 
+// Whether the periodic machine has to run before its timer ends. Dispatcher.
+bool lacOutgrowsSlowPeriodic(const LacPort *port);
 // One step of the periodic machine; only the tick calls it.
 void update_Period(LacPort *port);
 // Lac_init and Lac_port_disabled put the periodic machine back to NO_PERIODIC.

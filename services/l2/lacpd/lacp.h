@@ -196,14 +196,17 @@ struct LacSystem;
 
 // A port and, in the aggregator_ fields, the aggregator that its record can serve as.
 struct LacPort {
+    // Set at start-up.
     LacPort *next; // circular; the last port's next is the system's head
     LacSystem *system;
     LacPortStats *stats;
-    std::uint16_t port_no; // 1-based; the head's is 0
-    Mac port_mac;          // source address of every frame sent on the port
-    Published<std::uint32_t> channel_group_id;
-    Published<std::uint32_t> ntt;
+    std::uint16_t port_no;                     // 1-based; the head's is 0
+    Mac port_mac;                              // source address of every frame sent on the port
+    Published<std::uint32_t> channel_group_id; // lac_event, as configured; 0: none
+    Published<std::uint32_t> ntt;              // lac_tx: a LACPDU is to be sent
 
+    // What we say of ourselves. lac_event sets it as configured; lac_rx: Defaulted, Expired, and Synchronization
+    // cleared by update_Selected; lac_mux: Synchronization, Collecting, Distributing.
     Published<std::uint16_t> actor_system_priority;
     PublishedMac actor_system;
     Published<std::uint16_t> actor_oper_key;
@@ -212,6 +215,7 @@ struct LacPort {
     Published<std::uint8_t> actor_oper_state;
     std::array<std::uint8_t, 3> actor_reserved; // always zero
 
+    // lac_rx: what the partner last said of itself, or what is set for it; Synchronization as the machine judges it.
     Published<std::uint16_t> partner_system_priority;
     PublishedMac partner_system;
     Published<std::uint16_t> partner_oper_key;
@@ -220,6 +224,7 @@ struct LacPort {
     Published<std::uint8_t> partner_oper_state;
     PublishedBytes<3> partner_reserved;
 
+    // lac_event: what INITIALIZE starts from, and what is set for a partner that is not heard (zeros).
     Published<std::uint16_t> actor_admin_system_priority;
     PublishedMac actor_admin_system;
     Published<std::uint16_t> actor_admin_key;
@@ -234,45 +239,48 @@ struct LacPort {
     Published<std::uint16_t> partner_admin_port;
     Published<std::uint8_t> partner_admin_state;
 
-    Published<std::uint32_t> port_enabled; // link up and full duplex
-    Published<std::uint32_t> lacp_enabled;
-    Published<std::uint32_t> ready_n;
-    Published<std::uint32_t> ready;
-    Published<std::uint32_t> selected; // LacSelected
-    Published<std::uint32_t> port_moved;
-    Published<std::uint32_t> matched;
-    Published<std::uint32_t> attached;
-    Published<std::uint32_t> coll_dist;
-    Published<std::uint32_t> rxm;  // LacRxState
-    Published<std::uint32_t> txm;  // LacPeriodicState
-    Published<std::uint32_t> muxm; // LacMuxState
-    Published<std::uint32_t> hold_count;
+    Published<std::uint32_t> port_enabled; // lac_event, lac_rx: link up and full duplex
+    Published<std::uint32_t> lacp_enabled; // lac_event: the port is in a dynamic group
+    Published<std::uint32_t> ready_n;      // lac_tick sets it when wait_while expires, lac_mux clears it
+    Published<std::uint32_t> ready;      // lac_mux: some SELECTED port of the group has ready_n, as of its last look
+    Published<std::uint32_t> selected;   // LacSelected: lac_select; UNSELECTED also lac_rx
+    Published<std::uint32_t> port_moved; // lac_pdu: the partner was heard on another port; lac_rx clears it
+    Published<std::uint32_t> matched;    // lac_rx: the partner's view of us is right
+    Published<std::uint32_t> attached;   // lac_mux: to its aggregator
+    Published<std::uint32_t> coll_dist;  // lac_mux: collecting and distributing; 1 at creation
+    Published<std::uint32_t> rxm;        // LacRxState: lac_rx
+    Published<std::uint32_t> txm;        // LacPeriodicState: lac_tx
+    Published<std::uint32_t> muxm;       // LacMuxState: lac_mux
+    Published<std::uint32_t> hold_count; // lac_tx: LACPDUs since the last periodic one, three at most
 
+    // Started and stopped through lac_timer by the machine that owns them, counted by lac_tick.
     LacTimer current_while_timer;
     LacTimer periodic_timer;
     LacTimer wait_while_timer;
     LacTimer tx_scheduler;
     LacTimer mux_scheduler;
 
+    // The record as an aggregator.
     PublishedMac aggregator_mac;
     Published<std::uint32_t> aggregator_id; // equal to port_no
-    Published<std::uint32_t> individual;    // 1 while the port stands in an aggregator of its own
+    Published<std::uint32_t> individual;    // lac_select, lac_rx: 1 while the port stands in an aggregator of its own
     Published<std::uint16_t> aggregator_oper_key;
     Published<std::uint16_t> aggregator_admin_key;
-    PublishedMac aggregator_partner_system;
+    PublishedMac aggregator_partner_system; // lac_rx of a LACPDU, lac_mux on attaching and detaching
     Published<std::uint16_t> aggregator_partner_system_priority;
     Published<std::uint16_t> aggregator_partner_key;
-    Published<LacPort *> aggregator;
-    Published<LacPort *> next_lag_port; // chain of ports behind one aggregator
-    Published<std::uint32_t> port_mask; // collecting and distributing members, bit (port_no - 1)
+    Published<LacPort *> aggregator;    // lac_select: the port whose record serves this one
+    Published<LacPort *> next_lag_port; // chain of ports behind one aggregator; each holds only itself
+    Published<std::uint32_t> port_mask; // lac_mux: collecting and distributing members, bit (port_no - 1)
 
-    std::uint8_t heard_state; // Actor_State as the partner last sent it; 0: not heard since recordDefault
-    std::uint8_t told_state;  // Actor_State as last sent; 0: nothing sent since the link came up
-    bool in_place;            // while lac_select moves an attached member to another aggregator: it need not wait
-    bool waits_selected;      // the wait_while count runs for a SELECTED port: it is not started over
+    // What only the dispatcher reads.
+    std::uint8_t heard_state; // lac_rx: Actor_State as the partner last sent it; 0: not heard since recordDefault
+    std::uint8_t told_state;  // lac_tx: Actor_State as last sent; 0: nothing sent since the link came up
+    bool in_place;            // lac_select, while it moves an attached member to another aggregator: it need not wait
+    bool waits_selected;      // lac_mux: the wait_while count runs for a SELECTED port, and is not started over
 
     // lac_member: the groups whose member-port list is to have the port, and may have it; 0 for none.
-    std::uint32_t attached_group; // where it was attached, whatever channel_group_id says by now
+    std::uint32_t attached_group; // lac_mux: where it was attached, whatever channel_group_id says by now
     std::uint32_t member_wanted;  // as of the last attempt to write
     std::uint32_t member_written;
     std::uint32_t member_tries;  // refused so far; 0: what is written is certain

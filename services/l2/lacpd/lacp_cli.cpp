@@ -103,6 +103,12 @@ int cli_static_lacp_port_delete_fun(const cmd_element *, vty *vty, int, cmd_toke
     return CMD_SUCCESS;
 }
 
+// Of a text with its NUL.
+std::uint32_t size_of(const char *text)
+{
+    return static_cast<std::uint32_t>(strlen(text) + 1);
+}
+
 int cli_lacp_criteria_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
     const ShellSession &session = shell_session(vty);
@@ -111,7 +117,7 @@ int cli_lacp_criteria_set_fun(const cmd_element *, vty *vty, int, cmd_token *arg
     const int first = all ? 1 : static_cast<int>(number(argv[1]->arg));
     const int last = all ? CHANNEL_GROUP_MAX_NUM : first;
     for (int group = first; group <= last; ++group)
-        if (db_olt_lacp_set_group_load_balance(group, session.db, criterion, sizeof(criterion), 1) != 0)
+        if (db_olt_lacp_set_group_load_balance(group, session.db, criterion, size_of(criterion), 1) != 0)
             vty_out(vty, "LACP Msg: interface %d/%d set channel-group %d load-balance to %s failed!\n", session.slot,
                     session.port, group, criterion);
     return CMD_SUCCESS;
@@ -131,7 +137,7 @@ int cli_lacp_port_state_timeout_fun(const cmd_element *, vty *vty, int, cmd_toke
     const ShellSession &session = port_session(vty);
     const char *timeout = argv[2]->text;
     if (db_olt_lacp_set_trunk_timeout(session.slot, static_cast<std::uint32_t>(session.port), session.db, timeout,
-                                      sizeof(timeout), 1) != 0)
+                                      size_of(timeout), 1) != 0)
         vty_out(vty, "LACP Msg: interface %d/%d set timeout to %s failed!\n", session.slot, session.port, timeout);
     return CMD_SUCCESS;
 }

@@ -1,4 +1,4 @@
-// Shell nodes, configuration commands and configuration writers.
+// Shell nodes, configuration commands and configuration writers. Main thread.
 #pragma once
 
 // Installs both nodes and the daemon's commands; the channel-group table must stand.

@@ -1,4 +1,5 @@
-// Binding to the configuration datastore: connection, subscriptions, start-up clearing.
+// Binding to the configuration datastore: connection, subscriptions, start-up clearing. Start-up; the session
+// hooks on the main thread.
 #pragma once
 
 #include "lacp.h"

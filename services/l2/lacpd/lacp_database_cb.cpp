@@ -2,9 +2,8 @@
 
 #include "channel_group.h"
 #include "channel_group_member.h"
+#include "channel_group_plan.h"
 #include "lac_port.h"
-#include "lac_task.h"
-#include "lacp_sclient.h"
 
 #include <cstdio>
 #include <cstring>
@@ -103,94 +102,6 @@ int report_failure(const char *leaf, int result)
 
 // ---- channel groups -------------------------------------------------------------------------------------------
 
-// The dynamic group that a port was last sent to; the dispatcher may not have read it yet.
-std::uint32_t sent_to[LAC_MAX_PORTS];
-
-// When the mode leaf of a port last changed; 0 when it was deleted since.
-std::uint64_t mode_changed_ms[LAC_MAX_PORTS];
-
-// What another client may write in one transaction is done within this time: what a handler has seen and cannot read
-// may still be on its way into the datastore.
-constexpr std::uint64_t TRANSACTION_MS = 5000;
-
-constexpr std::size_t JOIN_MESSAGES = 4;
-constexpr std::size_t LEAVE_MESSAGES = 2;
-
-// Without the leaf a port is active, whatever it was when it was last in a group.
-int restore_mode(std::uint32_t port)
-{
-    if (lac_now_ms() - mode_changed_ms[(port - 1) % LAC_MAX_PORTS] < TRANSACTION_MS)
-        return LAC_OK;
-    char text[TYPE_TEXT_SIZE] = {};
-    std::uint32_t size = sizeof(text);
-    const bool passive =
-        db_olt_lacp_get_trunk_mode(LAC_SLOT, port, &g_lacpd_db, text, &size) == 0 && strcmp(text, "passive") == 0;
-    return set_lacp_port_mode(LAC_SLOT, port, passive ? 0 : 1);
-}
-
-// The caller has taken room for the messages of these two.
-int join_group(std::uint32_t port, std::uint32_t group)
-{
-    sent_to[(port - 1) % LAC_MAX_PORTS] = group;
-    set_lacp_channel_group_id(port, group);
-    set_lacp_port_oper_key(port, static_cast<std::uint16_t>(group));
-    restore_mode(port);
-    return set_lacp_port_enable(static_cast<int>(port));
-}
-
-void leave_group(std::uint32_t port, std::uint32_t group)
-{
-    sent_to[(port - 1) % LAC_MAX_PORTS] = 0;
-    set_lacp_port_state(port, 0);
-    update_lacp_select_port(static_cast<int>(port), group);
-}
-
-// A port whose leaf named a group that has no type yet. Another client may write both in one transaction, whose
-// modules come in any order and which no handler can read before it is committed. A wish lasts as long as a
-// transaction may, so that a refused one leaves nothing behind.
-struct Wish {
-    std::uint32_t group;
-    std::uint64_t at_ms;
-};
-Wish wishes[LAC_MAX_PORTS];
-
-bool wishes_for(std::uint32_t port, int group)
-{
-    const Wish &wish = wishes[(port - 1) % LAC_MAX_PORTS];
-    return static_cast<int>(wish.group) == group && lac_now_ms() - wish.at_ms < TRANSACTION_MS;
-}
-
-bool is_configured_for(std::uint32_t port, int group)
-{
-    std::uint8_t configured = 0;
-    std::uint32_t size = sizeof(configured);
-    return db_olt_lacp_get_trunk_channel_group(LAC_SLOT, port, &g_lacpd_db, &configured, &size) == 0 &&
-           configured == group;
-}
-
-// The other client may also have deleted the group and create it again: ports still configured for it come back.
-void join_configured_ports(int group)
-{
-    for (std::uint32_t port = intf.first_uplink_port; port != 0 && port <= intf.last_uplink_port; ++port)
-        if (wishes_for(port, group) || is_configured_for(port, group))
-            join_group(port, static_cast<std::uint32_t>(group));
-}
-
-int set_group_type(int group, std::string_view type)
-{
-    const LacQueueRoom room(LAC_MAX_PORTS * JOIN_MESSAGES);
-    if (type == "manual") {
-        set_manual_channel_group_type(group);
-    } else if (type == "dynamic") {
-        if (!room)
-            return LAC_FAILED;
-        set_dynamic_channel_group_type(group);
-        start_lacp_once_cfg();
-        join_configured_ports(group);
-    }
-    return set_channel_group_used(group, 1);
-}
-
 // A request that could not be sent reaches the driver service when it is there again. The change stands in the table
 // by then, so it is accepted: the datastore and the table must not part.
 int accept_unsent(int result, int group, std::uint32_t port, bool member)
@@ -218,32 +129,6 @@ int remove_member(int group, const sr_val_t *value)
     printf("LACP Msg: interface %d/%d is %s remove from channel-group %d!\n", name.slot, name.port,
            result == LAC_OK ? "OK" : "failed", group);
     return accept_unsent(result, group, static_cast<std::uint32_t>(name.port), false);
-}
-
-bool is_or_will_be_in(const LacPort *port, std::uint32_t group)
-{
-    return (port->lacp_enabled == 1 && port->channel_group_id == group) ||
-           sent_to[(port->port_no - 1) % LAC_MAX_PORTS] == group;
-}
-
-// The table forgets the group; its trunk goes with it, and its ports stop LACP.
-int remove_group(int group)
-{
-    const LacQueueRoom room(LAC_MAX_PORTS);
-    if (!room)
-        return LAC_FAILED;
-    std::uint32_t uplinks = 0;
-    if (get_channel_group_uplink_port_count(group, &uplinks) == LAC_OK && uplinks > 0)
-        lacp_trunk_destory(static_cast<std::uint32_t>(group));
-    for (const LacPort *port : lac_ports()) {
-        if (!is_or_will_be_in(port, static_cast<std::uint32_t>(group)))
-            continue;
-        sent_to[(port->port_no - 1) % LAC_MAX_PORTS] = 0;
-        set_lacp_port_state(port->port_no, 0);
-    }
-    const int result = reset_channel_group(group);
-    printf("LACP Msg: channel-group %d has been reset!\n", group);
-    return result;
 }
 
 int change_group_leaf(const ChangeWalk &walk)
@@ -294,30 +179,6 @@ int change_global_leaf(const ChangeWalk &walk)
 
 // ---- trunk settings of a port ---------------------------------------------------------------------------------
 
-std::uint32_t type_of(std::uint32_t group)
-{
-    std::uint32_t type = CHANNEL_GROUP_UNSET;
-    get_channel_group_type(static_cast<int>(group), &type);
-    return type;
-}
-
-// A port that goes straight from one dynamic group to another leaves the first one before it joins.
-int change_channel_group(std::uint32_t port, const sr_val_t *old_value, std::uint32_t group)
-{
-    const std::uint32_t old_group = old_value == nullptr ? 0 : old_value->data.uint8_val;
-    const bool leaves = old_group != 0 && old_group != group && type_of(old_group) == CHANNEL_GROUP_DYNAMIC;
-    const std::uint32_t type = type_of(group);
-    const bool joins = type == CHANNEL_GROUP_DYNAMIC;
-    const LacQueueRoom room((leaves ? LEAVE_MESSAGES : 0) + (joins ? JOIN_MESSAGES : 0));
-    if (!room)
-        return LAC_FAILED;
-    if (leaves)
-        leave_group(port, old_group);
-    sent_to[(port - 1) % LAC_MAX_PORTS] = 0;
-    wishes[(port - 1) % LAC_MAX_PORTS] = {type == CHANNEL_GROUP_UNSET ? group : 0, lac_now_ms()};
-    return joins ? join_group(port, group) : LAC_OK;
-}
-
 struct TrunkLeaf {
     unsigned slot = 0;
     unsigned port = 0;
@@ -331,11 +192,11 @@ struct TrunkLeaf {
 };
 
 // A deletion changes nothing in a running port; a later join must not take the leaf's last value for new.
-int forget_mode(const sr_val_t *old_value)
+int trunk_leaf_deleted(const sr_val_t *old_value)
 {
     const TrunkLeaf leaf(old_value);
     if (strcmp(leaf.name, "mode") == 0)
-        mode_changed_ms[(leaf.port - 1) % LAC_MAX_PORTS] = 0;
+        forget_mode(leaf.port);
     return LAC_OK;
 }
 
@@ -352,10 +213,10 @@ int change_trunk_leaf(const ChangeWalk &walk)
     int result = LAC_OK;
     const std::string_view name = leaf.name;
     if (name == "channel-group") {
-        result = change_channel_group(port, walk.old_value(), value->data.uint8_val);
+        const std::uint32_t old_group = walk.old_value() == nullptr ? 0 : walk.old_value()->data.uint8_val;
+        result = change_channel_group(port, old_group, value->data.uint8_val);
     } else if (name == "mode") {
-        mode_changed_ms[(port - 1) % LAC_MAX_PORTS] = lac_now_ms();
-        result = set_lacp_port_mode(slot, port, text_of(value) == "passive" ? 0 : 1);
+        result = change_mode(port, text_of(value));
     } else if (name == "priority") {
         result = set_lacp_port_priority(slot, port, value->data.uint16_val);
     } else if (name == "timeout") {
@@ -431,7 +292,7 @@ int lacp_global_configuration_cb(sr_session_ctx_t *session, std::uint32_t, const
 int lacp_interface_trunk_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
                             sr_event_t event, std::uint32_t, void *)
 {
-    return walk_changes(session, xpath, event, change_trunk_leaf, forget_mode);
+    return walk_changes(session, xpath, event, change_trunk_leaf, trunk_leaf_deleted);
 }
 
 int lacp_port_uplink_change_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,

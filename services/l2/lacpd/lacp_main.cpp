@@ -1,5 +1,6 @@
 // Start-up and frame of the link-aggregation daemon.
-#include "channel_group.h"
+#include "channel_group_member.h"
+#include "lac_dispatch.h"
 #include "lac_pdu.h"
 #include "lacp.h"
 #include "lacp_cli.h"
@@ -130,7 +131,9 @@ int main(int argc, char **argv)
     master = frr_init();
 
     lacp_sclient_init(master, 0, &lacp_privs);
+    lacp_sclient_on_reconnect(lacp_trunk_resync);
     read_inventory();
+    lac_set_dispatcher(lacDispatch);
     channel_group_daemon_init();
     shell_init(master);
     lacp_vty_init();

@@ -1,4 +1,4 @@
-// Provider of the ports' protocol state as operational data.
+// Provider of the ports' protocol state as operational data. Event thread.
 #pragma once
 
 #include "lacp.h"

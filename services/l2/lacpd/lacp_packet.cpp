@@ -1,7 +1,6 @@
 #include "lacp_packet.h"
 
 #include "lac_memory.h"
-#include "lac_pdu.h"
 #include "lacp_privileges.h"
 
 #include "sysutil/sysutil.h"
@@ -73,13 +72,6 @@ std::uint32_t lacp_get_pkt_debug(int which)
 }
 
 // ---- receiving ------------------------------------------------------------------------------------------------
-
-int lacp_bpdu_recv(std::uint32_t port_no, std::uint32_t, std::uint32_t, const std::uint8_t *frame, int length)
-{
-    if (std::equal(LAC_SLOW_PROTOCOLS_ADDRESS.begin(), LAC_SLOW_PROTOCOLS_ADDRESS.end(), frame))
-        lacp_bpdu_deal(port_no, 0, frame, length);
-    return 0;
-}
 
 void lacp_pkt_take(std::uint8_t *buffer, int length, LacpReceive receive)
 {

@@ -1,4 +1,5 @@
-// The packet socket on "ethv0": LACPDUs inside the switch tag, and the frame dump.
+// The packet socket on "ethv0": LACPDUs inside the switch tag, and the frame dump. Its own thread receives, the
+// dispatcher sends, the main thread sets the dump flags.
 #pragma once
 
 #include "lacp.h"
@@ -32,8 +33,6 @@ int lacp_rx_tx_packet_init(LacpReceive receive);
 // Sends a frame out of a port; bytes sent (length + 12) or a negative value. The first two are ignored.
 int lacp_bpdu_transmit(std::uint32_t, std::uint32_t, std::uint32_t port_no, const std::uint8_t *frame,
                        std::size_t length);
-// Hands a frame for the Slow Protocols address to the protocol; always 0.
-int lacp_bpdu_recv(std::uint32_t port_no, std::uint32_t, std::uint32_t, const std::uint8_t *frame, int length);
 
 // Takes the tag off a received frame in place and hands it on. `buffer` holds LACP_RX_BUFFER_SIZE bytes, the frame
 // is the first `length` of them.

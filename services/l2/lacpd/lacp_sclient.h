@@ -1,12 +1,14 @@
 // The daemon's client of the switch-driver service and its three requests.
 //
-// Each request returns 0 when the service's socket took it and -1 when it was not sent.
+// Requests are sent by the event thread, one at a time. Each returns 0 when the service's socket took it and -1 when
+// it was not sent.
 #pragma once
 
 #include <cstdint>
 
 struct event_loop;
 struct sclient;
+struct stream;
 struct zebra_privs_t;
 
 extern sclient *lacp_sclient; // null until lacp_sclient_init
@@ -18,5 +20,8 @@ int lacp_trunk_create(std::uint32_t group, std::uint32_t load_balance, std::uint
 int lacp_trunk_destory(std::uint32_t group);
 int lacp_trunk_psc_set(std::uint32_t group, std::uint32_t load_balance);
 
-// Sends every group's trunk as the table has it now: after the service was away (event loop's thread).
-void lacp_trunk_resync(sclient *client);
+// Sends a group's trunk, or that it has none, on a stream of the caller's own. Any thread.
+int lacp_trunk_send(sclient *client, stream *out, std::uint32_t group, std::uint32_t load_balance,
+                    std::uint32_t members);
+// What is called on the event loop's thread when the service is connected again after a loss. Start-up.
+void lacp_sclient_on_reconnect(void (*action)(sclient *client));

@@ -1,0 +1,39 @@
+#!/usr/bin/env python3
+"""Includes of the daemon go down: a file includes headers of its own layer or of one below, and no two each other."""
+
+import graphlib
+import pathlib
+import re
+import sys
+
+LAYERS = [  # from the ground up
+    "lac_word lacp",
+    "lac_memory lacp_privileges lac_store lacp_sclient lac_port lac_timer lac_wire lac_task lacp_packet channel_group",
+    "lac_member channel_group_member channel_group_plan",
+    "lac_tx lac_mux lac_rx lac_select",
+    "lac_event lac_pdu lac_tick lac_dispatch",
+    "lac_show channel_group_show lacp_operational lacp_database_cb lacp_database",
+    "lacp_cli_show lacp_cli_debug lacp_cli",
+    "lacp_main",
+]
+FLOOR = {name: number for number, names in enumerate(LAYERS) for name in names.split()}
+FOLDER = pathlib.Path(__file__).resolve().parents[1] / "services/l2/lacpd"
+
+
+def main():
+    includes, wrong = {}, []
+    for path in [*FOLDER.glob("*.cpp"), *FOLDER.glob("*.h")]:
+        names = set(re.findall(r'^#include "(\w+)\.h"', path.read_text(encoding="utf-8"), re.MULTILINE)) - {path.stem}
+        includes.setdefault(path.stem, set()).update(names)
+    wrong += [f"{name} has no layer" for name in includes if name not in FLOOR]
+    wrong += [f"{name} includes {other}, which is above it" for name, others in includes.items() for other in others
+              if FLOOR.get(other, 0) > FLOOR.get(name, 0)]
+    try:
+        graphlib.TopologicalSorter(includes).prepare()
+    except graphlib.CycleError as error:
+        wrong.append("a circle: " + " -> ".join(error.args[1]))
+    print("\n".join(wrong) or f"{len(includes)} rooms on {len(LAYERS)} layers, no include goes up")
+    return bool(wrong)
+
+
+sys.exit(main())
