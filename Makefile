@@ -1,9 +1,10 @@
 # make deps    install packages and build the libraries that Debian does not have (once, into a cache)
 # make build   the above, and the programs
 # make test    every test; installs what only tests need
+# make lab     build, then two cabled terminals to log in to, until Ctrl-C
 # make demo    build, then show two systems that aggregate their links
 # make longrun two systems under random changes for DURATION seconds (an hour)
-# make nightly the long run for ten minutes, fuzzing for FUZZ seconds a target, the tests under the sanitizers
+# make nightly the long run for ten minutes, faults that take long, fuzzing for FUZZ seconds a target, the tests under the sanitizers
 # make measure every figure of docs/performance.md again; wants a machine with nothing else to do
 # make format  check the layout of the C++ sources
 # make clean   remove the build directory
@@ -16,7 +17,7 @@ JOBS ?= $(shell nproc)
 DURATION ?= 3600
 FUZZ ?= 120
 
-.PHONY: deps test-deps build tests test demo longrun nightly measure format clean
+.PHONY: deps test-deps build tests test lab demo longrun nightly measure format clean
 
 deps:
 	scripts/deps.sh >/dev/null
@@ -35,14 +36,18 @@ tests: test-deps
 test: tests format
 	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $(JOBS)
 
+lab: build
+	python3 -m lab $(BUILD)
+
 demo: build
 	scripts/demo.py $(BUILD)
 
 longrun: build
-	tests/longrun/longrun.py --build=$(BUILD) --duration=$(DURATION) --log=$(BUILD)/longrun.log
+	tests/scenarios/longrun.py --build=$(BUILD) --duration=$(DURATION) --log=$(BUILD)/longrun.log
 
 nightly: tests
-	tests/longrun/longrun.py --build=$(BUILD) --duration=600 --log=$(BUILD)/longrun.log
+	tests/scenarios/longrun.py --build=$(BUILD) --duration=600 --log=$(BUILD)/longrun.log
+	cd tests/scenarios && LACPD_NIGHTLY=1 pytest-3 -p no:cacheprovider -m nightly --build=$(abspath $(BUILD))
 	scripts/fuzz.sh $(FUZZ)
 	for preset in asan tsan; do \
 	  cmake --preset $$preset && cmake --build --preset $$preset -j $(JOBS) && ctest --preset $$preset || exit 1; \

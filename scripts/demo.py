@@ -16,7 +16,7 @@ import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "tests"))
+sys.path.insert(0, str(ROOT))
 
 from lab import Capture, Lab, LabError, Lacpdu, Programs, Ticks  # noqa: E402 (needs the path above)
 
@@ -135,13 +135,7 @@ def address_on(source, target, port):
 
 def run(lab):
     say("starting two systems: each has a namespace, a datastore, a software switch and lacpd")
-    left, right = lab.system("left", PORTS), lab.system("right", PORTS)
-    both = (left, right)
-    for port in range(1, PORTS + 1):
-        lab.cable(left, port, right, port)
-    for system in both:
-        system.add_host()
-        system.start()
+    both = left, right = lab.pair(PORTS)
 
     with Capture(right.namespace, right.port_interface(1)) as from_left, \
             Capture(left.namespace, left.port_interface(1)) as from_right:

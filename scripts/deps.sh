@@ -31,7 +31,7 @@ PACKAGES=(
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format
-  python3-pytest python3-scapy openvswitch-switch
+  python3-pytest python3-scapy curl openvswitch-switch
 )
 CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user mmdebstrap debian-archive-keyring)
 SYSROOT_PACKAGES=(

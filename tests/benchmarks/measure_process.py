@@ -24,7 +24,7 @@ from collections import namedtuple
 from contextlib import contextmanager
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from lab import Capture, Lab, LabError, Lacpdu, Programs, Ticks, eventually  # noqa: E402 (needs the path above)
 from lab.ticks import TICK  # noqa: E402

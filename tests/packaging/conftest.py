@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 
 TESTS = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TESTS))
+sys.path.insert(0, str(TESTS.parent))
 
 from lab.netns import Namespace  # noqa: E402 (needs the path above)
 from machine import Machine  # noqa: E402

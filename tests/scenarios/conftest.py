@@ -4,43 +4,43 @@ from pathlib import Path
 
 import pytest
 
-TESTS = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TESTS))
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
 
 from lab import Lab, Programs  # noqa: E402 (needs the path above)
 
 
+def pytest_collection_modifyitems(items):
+    for item in items:
+        if item.get_closest_marker("nightly") and not os.environ.get("LACPD_NIGHTLY"):
+            item.add_marker(pytest.mark.skip(reason="takes long: make nightly runs it"))
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "nightly: takes long, runs with LACPD_NIGHTLY")
+
+
 def pytest_addoption(parser):
-    parser.addoption("--build", default=os.environ.get("LACPD_BUILD_DIR", str(TESTS.parent / "build")),
+    parser.addoption("--build", default=os.environ.get("LACPD_BUILD_DIR", str(ROOT / "build")),
                      help="build directory of the programs under test")
-
-
-@pytest.fixture(scope="session")
-def programs(pytestconfig):
-    return Programs(pytestconfig.getoption("--build"))
+    parser.addoption("--record", action="store_true", help="write what is answered into the transcripts")
 
 
 @pytest.fixture(scope="module")
-def lab(programs):
-    with Lab(programs) as bench:
+def lab(pytestconfig):
+    with Lab(Programs(pytestconfig.getoption("--build"))) as bench:
         yield bench
 
 
 @pytest.fixture(scope="module")
 def pair(lab):
-    """Two running systems with three cables between the ports of equal numbers."""
-    left, right = lab.system("left", ports=3), lab.system("right", ports=3)
-    for port in (1, 2, 3):
-        lab.cable(left, port, right, port)
-    left.start()
-    right.start()
-    return left, right
+    """Two running systems with users behind them and three cables between the ports of equal numbers."""
+    return lab.pair(3)
 
 
 @pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    report = outcome.get_result()
-    bench = item.funcargs.get("lab") if hasattr(item, "funcargs") else None
+def pytest_runtest_makereport(item):
+    report = (yield).get_result()
+    bench = getattr(item, "funcargs", {}).get("lab")
     if report.failed and bench is not None:
         report.sections.append(("logs of the systems", bench.logs()))

@@ -1,5 +1,5 @@
-// Preloaded into the daemon: moves its wall clock, and ends it at a chosen datastore call. The test writes the
-// orders into a file that both map (environment variable FAULT_ORDERS).
+// Preloaded into the daemon: moves its wall clock, and ends it at a chosen datastore call. The test writes the orders into
+// a file that both map (environment variable FAULT_ORDERS).
 #include <atomic>
 #include <csignal>
 #include <cstdint>
@@ -16,39 +16,25 @@
 namespace
 {
 
+enum Call { BEFORE_APPLY, AFTER_APPLY, IN_HANDLER, CALLS };
+
 struct Orders {
-    std::atomic<std::int64_t> shift_seconds; // of the wall clock
-    // Calls from now to the one that ends the process; 0: none.
-    std::atomic<std::int32_t> before_apply;
-    std::atomic<std::int32_t> after_apply;
-    std::atomic<std::int32_t> in_handler;
+    std::atomic<std::int64_t> shift_seconds;      // of the wall clock
+    std::atomic<std::int32_t> calls_left[CALLS];  // to the one that ends the process; 0: none
 };
-
-Orders nothing_ordered;
-
-Orders &map_orders()
-{
-    const char *path = std::getenv("FAULT_ORDERS");
-    const int fd = path != nullptr ? open(path, O_RDWR | O_CLOEXEC) : -1;
-    void *mapped = fd >= 0 ? mmap(nullptr, sizeof(Orders), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
-    return mapped != MAP_FAILED ? *static_cast<Orders *>(mapped) : nothing_ordered;
-}
 
 Orders &orders()
 {
-    static Orders &instance = map_orders();
-    return instance;
+    static void *const mapped = mmap(nullptr, sizeof(Orders), PROT_READ | PROT_WRITE, MAP_SHARED,
+                                     open(std::getenv("FAULT_ORDERS"), O_RDWR | O_CLOEXEC), 0);
+    return *static_cast<Orders *>(mapped);
 }
 
-void count_down(std::atomic<std::int32_t> &calls)
+void count_down(Call call)
 {
-    if (calls > 0 && --calls == 0)
+    std::atomic<std::int32_t> &left = orders().calls_left[call];
+    if (left > 0 && --left == 0)
         kill(getpid(), SIGKILL);
-}
-
-template <typename Function> Function *next(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
@@ -73,26 +59,24 @@ int gettimeofday(timeval *now, void *) noexcept
 
 time_t time(time_t *now) noexcept
 {
-    timespec precise;
-    clock_gettime(CLOCK_REALTIME, &precise);
-    if (now != nullptr)
-        *now = precise.tv_sec;
-    return precise.tv_sec;
+    timeval precise;
+    gettimeofday(&precise, nullptr);
+    return now != nullptr ? *now = precise.tv_sec : precise.tv_sec;
 }
 
 int sr_apply_changes(sr_session_ctx_t *session, std::uint32_t timeout_ms)
 {
-    static auto *const apply = next<decltype(sr_apply_changes)>("sr_apply_changes");
-    count_down(orders().before_apply);
+    static auto *const apply = reinterpret_cast<decltype(&sr_apply_changes)>(dlsym(RTLD_NEXT, "sr_apply_changes"));
+    count_down(BEFORE_APPLY);
     const int result = apply(session, timeout_ms);
-    count_down(orders().after_apply);
+    count_down(AFTER_APPLY);
     return result;
 }
 
 int sr_get_changes_iter(sr_session_ctx_t *session, const char *xpath, sr_change_iter_t **iterator)
 {
-    static auto *const get = next<decltype(sr_get_changes_iter)>("sr_get_changes_iter");
-    count_down(orders().in_handler);
+    static auto *const get = reinterpret_cast<decltype(&sr_get_changes_iter)>(dlsym(RTLD_NEXT, "sr_get_changes_iter"));
+    count_down(IN_HANDLER);
     return get(session, xpath, iterator);
 }
 }

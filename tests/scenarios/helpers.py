@@ -2,7 +2,6 @@
 
 import re
 import subprocess
-import time
 from collections import namedtuple
 
 from lab import eventually
@@ -36,19 +35,14 @@ def quietly(system, *commands):
     assert answer.strip() == "", f"{system.name} answered {answer!r} to {commands}"
 
 
-def machines(system):
-    """State machines by port."""
-    rows = _MACHINES.findall(system.configure("show channel-group information"))
-    return {int(port): Machines(*words, int(aggregator), forwards == "1")
-            for port, *words, aggregator, forwards in rows}
-
-
 def await_machines(system, within, **wanted):
     """Waits until ports show what is wanted of their machines: p1={"receive": "CURRENT"}, ..."""
-    def fits(seen):
-        return all(getattr(seen[int(port[1:])], field) == value
-                   for port, fields in wanted.items() for field, value in fields.items())
-    return eventually(f"{system.name}: machines show {wanted}", lambda: machines(system), fits, within)
+    def machines():
+        return {int(port): Machines(*words, int(aggregator), forwards == "1") for port, *words, aggregator, forwards
+                in _MACHINES.findall(system.configure("show channel-group information"))}
+    eventually(f"{system.name}: machines show {wanted}", machines, lambda seen: all(
+        getattr(seen[int(port[1:])], field) == value for port, fields in wanted.items()
+        for field, value in fields.items()), within)
 
 
 def neighbours(system, group):
@@ -64,10 +58,10 @@ def neighbours(system, group):
 
 def await_groups(systems, trunks, within):
     """Waits until the switch of every system has exactly these trunks, and the datastore the same members."""
-    for system in systems:
-        for group, ports in trunks.items():  # first: the switch keeps trunks of a daemon that is away
-            system.await_members(group, ports, within)
-        eventually(f"{system.name}: trunks are {trunks}", system.trunks, lambda seen: seen == trunks, within)
+    eventually(f"trunks and members {trunks}", lambda: [
+        (system.name, seen) for system in systems
+        if (seen := (system.trunks(), {group: system.datastore.members(group) for group in trunks})) != (trunks, trunks)],
+        lambda differing: not differing, within)
 
 
 def dotted(mac):
@@ -89,22 +83,12 @@ def sent(system, members):
     return {port: system.traffic(port)["tx"]["frames"] for port in members}
 
 
-def grown(system, members, action):
-    """The member whose count of sent frames grows most by an action."""
-    before = sent(system, members)
-    action()
-    after = sent(system, members)
-    return max(members, key=lambda port: after[port] - before[port])
-
-
-def member_in_use(system, members):
-    """The member over which a running flow leaves."""
-    return grown(system, members, lambda: time.sleep(0.2))
-
-
 def address_on(source, target, port, members):
     """An address of the source whose flow to the target leaves over this member."""
     for address in source.host_addresses:
-        if grown(source, members, lambda sender=address: ping(source, target.host_address, 8, sender)) == port:
+        before = sent(source, members)
+        ping(source, target.host_address, 8, address)
+        after = sent(source, members)
+        if max(members, key=lambda member: after[member] - before[member]) == port:
             return address
     raise AssertionError(f"{source.name}: no address leaves over port {port}")

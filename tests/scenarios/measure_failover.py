@@ -15,7 +15,7 @@ import threading
 import time
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from lab import Flow, Lab, Programs, Ticks  # noqa: E402 (needs the path above)
 from helpers import address_on, await_groups, join, leave, quietly  # noqa: E402

@@ -1,182 +1,272 @@
-"""Faults around a running daemon: it survives each, loses nothing that is configured and needs no restart."""
+"""Faults around a running daemon: it survives each, loses nothing that is configured and needs no restart; and a daemon
+that is killed within a command leaves a system that the next one finds in order."""
 
-import functools
-import signal
+import contextlib
+import mmap
+import os
+import struct
+import subprocess
 import time
+from pathlib import Path
 
 import pytest
+from scapy.all import Ether
+from scapy.contrib.lacp import LACP
 
-from faults import form, in_the_way, processor_seconds, report, seconds_until_formed, slow
-from helpers import join, leave, quietly
-from lab import Capture, Ticks, eventually, stays
+from helpers import await_groups, join, leave, quietly
+from lab import Capture, LabError, ShellError, Ticks, eventually, stays
+from lab.system import USER
 from lab.wire import SLOW_PROTOCOLS_ADDRESS
 
-LOST = {2: {3}}
+FORMED = {1: {1, 2}, 2: {3}}
+DAY = 24 * 3600
+
+
+class Orders:
+    """What the preloaded module does to the daemon; see fault_shim.cpp."""
+
+    _LAYOUT, _CALLS = struct.Struct("=q3i4x"), ("before_apply", "after_apply", "in_handler")
+
+    def __init__(self, system):
+        path = system.directory / "orders"
+        path.write_bytes(bytes(self._LAYOUT.size))
+        path.chmod(0o666)
+        self.environment = {"LD_PRELOAD": str(system.programs.build / "tests/scenarios/libfault_shim.so"),
+                            "FAULT_ORDERS": str(path)}
+        with open(path, "r+b") as file:
+            self._map = mmap.mmap(file.fileno(), self._LAYOUT.size)
+
+    def give(self, shift_seconds=0, **calls):
+        self._LAYOUT.pack_into(self._map, 0, shift_seconds, *(calls.get(call, 0) for call in self._CALLS))
+
+    def carried_out(self):
+        return not any(self._LAYOUT.unpack_from(self._map)[1:])
+
+
+class SmallDisk:
+    """Moves a system's files, before it starts, to a disk that can be filled; they go with the namespace of mounts."""
+
+    def __init__(self, system):
+        self.place = system.directory / "disk"
+        self.place.mkdir()
+        self._mounts = [self._mount(self.place, "-t", "tmpfs", "-o", "size=16m,mode=755", "tmpfs")]
+        for name in ("repository", "shm", "run"):  # the datastore's files, also those in memory, and the daemon's own
+            subprocess.run(["cp", "-a", system.directory / name, self.place / name], check=True)
+            self._mounts.append(self._mount(system.directory / name, "--bind", self.place / name))
+
+    @staticmethod
+    def _mount(place, *words):
+        subprocess.run(["mount", *words, place], check=True)
+        return place
+
+    @contextlib.contextmanager
+    def full(self):
+        with pytest.raises(OSError), open(self.place / "filling", "wb", buffering=0) as file:
+            while True:
+                file.write(bytes(4096))
+        yield
+        (self.place / "filling").unlink()
+
+    def remove(self):
+        for mount in reversed(self._mounts):
+            subprocess.run(["umount", "-l", mount], check=True)
 
 
 @pytest.fixture(scope="module")
-def started(pair):
-    form(pair)
-    daemons = [system.daemon.pid for system in pair]
+def bench(lab):
+    """A pair, the left one with a disk of its own and a clock that obeys."""
+    pair = left, right = lab.pair(3, start=False)
+    left.disk, left.orders = SmallDisk(left), Orders(left)
+    left.start_switch()
+    left.start_daemon(environment=left.orders.environment)
+    right.start()
+    for system in pair:
+        quietly(system, *(line for port in (1, 2) for line in join(port, 1, "active", "lacp timeout short")), *join(3, 2, "on"))
     yield pair
-    assert [system.daemon.pid for system in pair] == daemons
-    assert [system.daemon.status for system in pair] == [None, None], "no restart"
+    left.stop()
+    left.disk.remove()
+
+
+def await_formed(bench):
+    """For good: what is seen first may be from before the fault showed."""
+    await_groups(bench, FORMED, Ticks.FORM)
+    with contextlib.suppress(LabError):
+        stays("formed", lambda: [system.trunks() for system in bench], lambda seen: seen == [FORMED] * 2, 1.5)
+        return
+    await_groups(bench, FORMED, Ticks.FORM)
 
 
 @pytest.fixture
-def formed(started):
-    """Whatever the test before has left behind."""
-    for system in started:
-        for port in (1, 2, 3):
-            system.set_link(port, up=True)
-    seconds_until_formed(started)
-    return started
+def pair(bench):
+    """Formed before and after each fault, by the same daemons."""
+    await_formed(bench)
+    daemons = [system.daemon.pid for system in bench]
+    yield bench
+    await_formed(bench)
+    assert [(system.daemon.pid, system.daemon.status) for system in bench] == [(pid, None) for pid in daemons]
 
 
-# ---- the CPU interface
-
-def lose_cpu_interface(pair, lose, bring_back):
-    daemon = pair[0].daemon
-    used = processor_seconds(daemon)
-    lose()
-    seconds_until_formed(pair, Ticks.LOST_SHORT, LOST)
-    assert processor_seconds(daemon) - used < 1.0, "no thread spins while the interface is away"
-    bring_back()
-    report("ethv0 lost", seconds_until_formed(pair))
-
-
-@slow
-def test_the_cpu_interface_goes_down_and_up(formed):
-    left, _ = formed
-    lose_cpu_interface(formed, *(functools.partial(left.namespace.ip, "link", "set", "ethv0", state)
-                                 for state in ("down", "up")))
+@contextlib.contextmanager
+def in_the_way(system, *order):
+    """Another client of the system's datastore that locks, refuses or stalls."""
+    client = subprocess.Popen(["/usr/bin/python3", Path(__file__).with_name("fault_client.py"), system.programs.prefix / "lib",
+                               *map(str, order)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              env={**os.environ, **system.environment},
+                              user=USER, group=USER, extra_groups=[])  # the daemon wakes it through its files
+    try:
+        assert client.stdout.readline() == b"ready\n"
+        yield
+    finally:
+        client.communicate()
 
 
-def speak_elsewhere(system):
-    """A stranger's LACPDU for port 1, tagged as the switch does it, on another interface of the terminal."""
-    system.namespace.ip("link", "add", "lan0", "type", "veth", "peer", "name", "lan1")
-    for name in ("lan0", "lan1"):
-        system.namespace.ip("link", "set", name, "up")
-    stranger = bytes.fromhex("01010114 8000029988776655 0001 8000 0001 3d000000 0214".replace(" ", ""))
-    tag = bytes.fromhex("9082 0000 0000 0001 0000 0000 8100 0001 8809".replace(" ", ""))
-    with Capture(system.namespace, "lan1") as wire:
-        wire.send(SLOW_PROTOCOLS_ADDRESS + bytes.fromhex("029988776655") + tag + stranger.ljust(110, b"\0"))
-    trunks = system.trunks()
-    stays("nobody else speaks", system.trunks, lambda seen: seen == trunks and seen[1] == {1, 2}, Ticks.FAST_PERIOD)
+def processor_seconds(process):
+    fields = Path(f"/proc/{process.pid}/stat").read_text("ascii").rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def test_the_cpu_interface_is_made_again(formed):
-    left, _ = formed
-    lose_cpu_interface(formed, left.remove_cpu_interface, left.add_cpu_interface)
-    speak_elsewhere(left)
-    assert left.daemon.output().count("LACP Msg: interface ethv0 has now index ") == 1
-
-
-# ---- the driver service
-
-def change_memberships(system):
-    """Joins, leaves, and ends as it began except for port 2, which has moved into the manual group."""
-    quietly(system, *leave(3, 2), *join(3, 3, "on"), *leave(3, 3), *join(3, 2, "on"), *leave(2, 1), *join(2, 2, "on"))
-
-
-def driver_service_away(pair, seconds):
+@pytest.mark.parametrize("again", [pytest.param(False, marks=pytest.mark.nightly), True], ids=["down", "made again"])
+def test_the_cpu_interface_is_lost(pair, again):
     left, _ = pair
-    left.stop_switch()
-    until = time.monotonic() + seconds
-    change_memberships(left)
-    left.set_link(3, up=False)
-    time.sleep(max(until - time.monotonic(), 0))
-    left.start_switch()
-    left.await_trunk(2, {2}, Ticks.LINK)
-    left.await_trunk(1, {1}, Ticks.FORM)
-    left.set_link(3, up=True)
-    left.await_trunk(2, {2, 3}, Ticks.LINK)
-    quietly(left, *leave(2, 2), *join(2, 1, "active", "lacp timeout short"))
-    report(f"driver service away for {seconds} s", seconds_until_formed(pair))
+    used, down = processor_seconds(left.daemon), ("link", "set", "ethv0")
+    left.remove_cpu_interface() if again else left.namespace.ip(*down, "down")
+    await_groups(pair, {2: {3}}, Ticks.LOST_SHORT)
+    assert processor_seconds(left.daemon) - used < 1.0, "no thread spins while the interface is away"
+    left.add_cpu_interface() if again else left.namespace.ip(*down, "up")
+    await_groups(pair, FORMED, Ticks.FORM)
+    assert left.daemon.output().count("LACP Msg: interface ethv0 has now index ") == again
 
 
-def test_memberships_change_while_the_driver_service_is_away(formed):
-    driver_service_away(formed, 0)
+def test_a_stranger_speaks_on_another_interface(pair):
+    left, _ = pair
+    left.namespace.ip("link", "add", "lan0", "up", "type", "veth", "peer", "name", "lan1")
+    left.namespace.ip("link", "set", "lan1", "up")
+    tagged = bytes.fromhex("9082 00000000 0001 00000000 8100 0001 8809 01") + bytes(
+        LACP(actor_system_priority=32768, actor_system="02:99:88:77:66:55", actor_key=1, actor_state=0x3d))
+    with Capture(left.namespace, "lan1") as wire:
+        wire.send(SLOW_PROTOCOLS_ADDRESS + bytes.fromhex("029988776655") + tagged)
+    stays("nobody else speaks", left.trunks, lambda seen: seen == FORMED, Ticks.FAST_PERIOD)
 
 
-@slow
-def test_the_driver_service_is_away_for_a_minute(formed):
-    driver_service_away(formed, 60)
-
-
-# ---- the datastore
-
-def test_a_locked_datastore_refuses_commands_and_delays_members(formed):
-    left, right = formed
+def test_a_locked_datastore_refuses_commands_and_delays_members(pair):
+    left, right = pair
     with in_the_way(left, "lock"):
         right.set_link(2, up=False)
-        stays("left: members stay while the lock holds", lambda: left.datastore.members(1), lambda m: m == {1, 2}, 2)
+        stays("members while the lock holds", lambda: left.datastore.members(1), lambda members: members == {1, 2}, 2)
         right.set_link(2, up=True)
         right.set_link(1, up=False)  # its removal and its return are refused in turn
-        started = time.monotonic()
-        assert "failed" in left.configure(*join(3, 3, "on")).lower()
-        refused = time.monotonic() - started
+        assert "failed" in left.configure(*join(3, 3, "on"))
     right.set_link(1, up=True)
-    report(f"datastore locked (a command was refused after {refused:.1f} s)", seconds_until_formed(formed))
 
 
-@slow
-@pytest.mark.parametrize("count", [1, 3])
-def test_refused_member_writes_are_made_up_for(formed, count):
-    left, right = formed
-    with in_the_way(left, "refuse", count):
+def test_refused_member_writes_are_made_up_for(pair):
+    left, right = pair
+    with in_the_way(left, "refuse", 3):
         right.set_link(1, up=False)
-        left.await_members(1, {2}, Ticks.of(count))
+        left.await_members(1, {2}, Ticks.of(3))
         right.set_link(1, up=True)
-    report(f"member writes refused {count} times", seconds_until_formed(formed))
-
-
-def test_a_refused_attachment_is_made_up_for(formed):
-    left, right = formed
-    right.set_link(2, up=False)  # port 1 stays, and with it the aggregator
-    left.await_members(1, {1}, Ticks.LINK)
+        await_groups(pair, FORMED, Ticks.FORM)
+    right.set_link(2, up=False)
+    await_groups(pair, {1: {1}, 2: {3}}, Ticks.LINK)
     with in_the_way(left, "refuse", 3):
         right.set_link(2, up=True)
-        eventually("left: attached and refused", left.daemon.output,
+        eventually("attached and refused", left.daemon.output,
                    lambda text: "add interface to lacp-group database failed!" in text, Ticks.FORM)
         assert left.trunks()[1] == {1} == left.datastore.members(1), "the trunk is what the datastore holds"
         # Each time the port stands by for twice as long, and waits three ticks to be attached again.
-        report("attachment refused 3 times", seconds_until_formed(formed, Ticks.of(2 + 4 + 8 + 3 * 5)))
+        await_groups(pair, FORMED, Ticks.of(2 + 4 + 8 + 3 * 5))
 
 
-# ---- a stalled dispatcher, a stopped daemon
-
-def stall_dispatcher(pair, seconds):
+@pytest.mark.parametrize("seconds", [5, pytest.param(20, marks=pytest.mark.nightly)], ids=["", "beyond its time-out"])
+def test_the_dispatcher_waits_for_the_datastore(pair, seconds):
     left, right = pair
     with in_the_way(left, "stall", seconds):
         right.set_link(1, up=False)
         time.sleep(seconds)
         right.set_link(1, up=True)
-    report(f"dispatcher waits {seconds} s for the datastore", seconds_until_formed(pair, 2 * seconds + Ticks.FORM))
+    await_groups(pair, FORMED, 2 * seconds + Ticks.FORM)
 
 
-def test_the_dispatcher_waits_for_the_datastore(formed):
-    stall_dispatcher(formed, 5)
-
-
-@slow
-def test_the_dispatcher_waits_for_the_datastore_beyond_the_time_out(formed):
-    stall_dispatcher(formed, 30)
-
-
-def stop_daemon(pair, seconds):
+@pytest.mark.parametrize("days", [400, *(pytest.param(days, marks=pytest.mark.nightly) for days in (-400, 1 / 24))])
+def test_the_wall_clock_jumps(pair, days):
+    """There and back by twice as much."""
     left, right = pair
-    left.daemon.send_signal(signal.SIGSTOP)
-    right.await_trunk(1, set(), Ticks.LOST_SHORT)
-    time.sleep(max(seconds - Ticks.LOST_SHORT, 0))
-    left.daemon.send_signal(signal.SIGCONT)
-    report(f"daemon stopped for {seconds} s", seconds_until_formed(pair))
+    left.orders.give(shift_seconds=int(days * DAY))
+    stays("formed", lambda: [system.trunks() for system in pair], lambda seen: seen == [FORMED] * 2, Ticks.LOST_SHORT / 2)
+    right.set_link(2, up=False)
+    left.await_trunk(1, {1}, Ticks.LINK)
+    left.orders.give(shift_seconds=-int(days * DAY))
+    right.set_link(2, up=True)
+    await_groups(pair, FORMED, Ticks.FORM)
+    quietly(left, *leave(3, 2), *join(3, 2, "on"))
+    left.orders.give()
 
 
-def test_the_daemon_is_stopped_for_a_while(formed):
-    stop_daemon(formed, 10)
+def test_a_full_disk_refuses_and_loses_nothing(pair):
+    left, right = pair
+    with left.shell() as shell:
+        assert "Configuration saved" in shell.run("write memory")
+        saved, configured = left.configuration_file.read_text("utf-8"), left.configured()
+        with left.disk.full():
+            for _ in range(2):  # the second would take the place of the backup as well
+                answer = shell.run("write memory")
+                assert "No space left on device" in answer and "Configuration saved" not in answer
+            assert left.configuration_file.read_text("utf-8") == saved
+            assert "failed" in left.configure(*join(3, 3, "on"))
+            assert left.configured() == configured
+            right.set_link(2, up=False)
+            stays("the daemon runs", lambda: left.daemon.status, lambda status: status is None, Ticks.LOST_SHORT / 2)
+        left.await_trunk(1, {1}, Ticks.FORM)
+        right.set_link(2, up=True)
+        await_groups(pair, FORMED, Ticks.FORM)
+        quietly(left, *join(3, 3, "on"))
+        assert "Configuration saved" in shell.run("write memory")
+        assert "channel-group 3 mode on" in left.configuration_file.read_text("utf-8")
+    quietly(left, *join(3, 2, "on"))
 
 
-@slow
-def test_the_daemon_is_stopped_for_a_hundred_seconds(formed):
-    stop_daemon(formed, 100)
+# ---- killed within a command
+
+COMMANDS = {  # what goes before, the command, the trunks it leads to, what undoes it
+    "join a manual group": ([], join(1, 1, "on"), {1: {1}}, leave(1, 1)),
+    "join a dynamic group": ([], join(1, 1, "active"), {}, leave(1, 1)),
+    "leave a manual group": (join(1, 1, "on"), leave(1, 1), {}, []),
+    "leave a dynamic group": (join(1, 1, "active"), leave(1, 1), {}, []),
+    "move to another group": (join(1, 1, "on"), join(1, 2, "on"), {2: {1}}, leave(1, 2)),
+}
+
+
+@pytest.fixture(scope="module")
+def alone(lab):
+    system = lab.system("alone", ports=1)
+    lab.loose_cable(system, 1)
+    system.start_switch()
+    system.orders = Orders(system)
+    system.start_daemon(environment=system.orders.environment)
+    return system
+
+
+CASES = [(name, field) for name in COMMANDS for field in ("before_apply", "after_apply", "in_handler")]
+QUICK = [("join a dynamic group", "in_handler"), *((name, "after_apply") for name in COMMANDS)]
+
+
+@pytest.mark.parametrize("name, field", [case if case in QUICK else pytest.param(*case, marks=pytest.mark.nightly) for case in CASES])
+def test_a_daemon_killed_within_a_command(alone, name, field):
+    before, command, trunks, undo = COMMANDS[name]
+    for call in range(1, 13):
+        assert (alone.configured(), alone.datastore.groups()) == ([], {}), "start-up clears what the killed one left"
+        quietly(alone, *before)
+        alone.orders.give(**{field: call})
+        with contextlib.suppress(ShellError, OSError, LabError):
+            alone.configure(*command)
+        done = alone.orders.carried_out()
+        alone.orders.give()
+        if done:
+            assert alone.daemon.wait(within=5) == -9
+            alone.start_daemon(environment=alone.orders.environment)
+            quietly(alone, *before, *command)
+        eventually(f"trunks at call {call}", alone.trunks, lambda seen: seen == trunks, Ticks.LINK)
+        quietly(alone, *undo)
+        if not done:
+            break
+    assert not done and call > 1, "each call once"

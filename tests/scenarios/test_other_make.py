@@ -13,6 +13,7 @@ from helpers import dotted, enter, neighbours, quietly
 from lab.ticks import TICK
 from lab.waiting import POLL
 from lab.wire import COLLECTING, DEFAULTED, DISTRIBUTING, SYNCHRONIZATION
+from ovs import OpenVSwitch
 
 IN_USE = SYNCHRONIZATION | COLLECTING | DISTRIBUTING
 # In ticks of ours. The partner tells and answers at once, and its Synchronization does not wait for ours.
@@ -29,7 +30,7 @@ Row = namedtuple("Row", "bonds ticks change used kept", defaults=[None, None])
 
 @pytest.fixture(scope="module")
 def groups(lab):
-    partner, made = lab.open_vswitch("partner"), {}
+    partner, made = lab.add(OpenVSwitch, "partner"), {}
     for place, (name, ports, size) in enumerate(
             (("one", 8, 2), ("two", 8, 2), ("three", 8, 2), ("four", 8, 8), ("five", 4, 4))):
         system = lab.system(name, ports)

@@ -8,40 +8,11 @@ PROMPT = re.compile(r"(?:^|\n)(?P<prompt>[\w-]+(?:\([\w/-]+\))?[>#] )$")
 PASSWORD_PROMPT = re.compile(r"Password: $")
 LOGIN_ANSWER = re.compile(f"{PROMPT.pattern}|{PASSWORD_PROMPT.pattern}")
 TIMEOUT = 20.0
-
-_IAC = 255
-_SUBNEGOTIATION, _SUBNEGOTIATION_END = 250, 240
-_OPTIONS = range(251, 255)
+_TELNET = re.compile(rb"\xff(?:[\xfb-\xfe].|\xfa.*?\xff\xf0|[^\xfa-\xfe])|\r", re.DOTALL)
 
 
 class ShellError(AssertionError):
     pass
-
-
-def _without_telnet(data):
-    """The text in `data`, and the rest that ends within a telnet command."""
-    text = bytearray()
-    at = 0
-    while at < len(data):
-        if data[at] != _IAC:
-            text.append(data[at])
-            at += 1
-            continue
-        if at + 1 >= len(data):
-            break
-        command = data[at + 1]
-        if command in _OPTIONS:
-            if at + 2 >= len(data):
-                break
-            at += 3
-        elif command == _SUBNEGOTIATION:
-            end = data.find(bytes([_IAC, _SUBNEGOTIATION_END]), at)
-            if end < 0:
-                break
-            at = end + 2
-        else:
-            at += 2
-    return bytes(text), data[at:]
 
 
 class Shell:
@@ -49,7 +20,6 @@ class Shell:
 
     def __init__(self, namespace, port, password, enable=True):
         self.prompt = ""
-        self._rest = b""
         self._socket = namespace.call(lambda: socket.create_connection(("127.0.0.1", port), TIMEOUT))
         try:
             self._read_until(PASSWORD_PROMPT)
@@ -77,10 +47,18 @@ class Shell:
         _, _, output = text.partition("\n")  # the echo of what was typed
         return output[:output.rfind(self.prompt)]
 
+    def help(self, line):
+        """What a question mark behind the line shows; the line is then wiped out."""
+        self._socket.sendall(line.encode() + b"?")
+        again = self.prompt + line
+        text = self._read_until(re.compile(f"\n(?P<prompt>{re.escape(self.prompt)}){re.escape(line)}$"))
+        self._socket.sendall(b"\x15\n")
+        self._read_until(PROMPT)
+        return text.partition("\n")[2][:-len(again)]
+
     def configure(self, *commands):
         """Types lines in the configuration node; returns all that was said."""
-        output = [self.run(command) for command in ("configure terminal", *commands, "end")]
-        return "".join(output)
+        return "".join([self.run(command) for command in ("configure terminal", *commands, "end")])
 
     def close(self):
         self._socket.close()
@@ -89,19 +67,18 @@ class Shell:
         self._socket.sendall(line.encode() + b"\n")
 
     def _read_until(self, pattern):
-        text = ""
-        deadline = time.monotonic() + TIMEOUT
+        data, deadline = b"", time.monotonic() + TIMEOUT
         while True:
+            text = _TELNET.sub(b"", data).decode("utf-8", "replace")
             match = pattern.search(text)
             if match:
                 self.prompt = match.groupdict().get("prompt") or ""
                 return text
             self._socket.settimeout(max(deadline - time.monotonic(), 0.01))
             try:
-                data = self._socket.recv(4096)
+                more = self._socket.recv(4096)
             except TimeoutError:
                 raise ShellError(f"no prompt within {TIMEOUT} s; so far: {text!r}") from None
-            if not data:
+            if not more:
                 raise ShellError(f"the shell closed the session; so far: {text!r}")
-            plain, self._rest = _without_telnet(self._rest + data)
-            text += plain.decode("utf-8", "replace").replace("\r", "")
+            data += more

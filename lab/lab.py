@@ -7,28 +7,23 @@ from pathlib import Path
 
 from lab import netns
 from lab.netns import Namespace
-from lab.ovs import OpenVSwitch
 from lab.system import System
 from lab.waiting import LabError
 
 _PREFIX = "lacpd-lab"
-_PLACE = "/dev/shm"
+_PLACE = Path("/dev/shm")
 _SLOW_PROTOCOLS = 1 << 2  # a bridge forwards these only when told to
-
-
-def _is_running(process):
-    return Path(f"/proc/{process}").exists()
 
 
 def _sweep():
     """Removes what labs left behind that were killed."""
-    for name in netns.names():
-        owner = name.removeprefix(f"{_PREFIX}-").partition("-")[0]
-        if name.startswith(f"{_PREFIX}-") and not _is_running(owner):
-            netns.remove(name)
-    for directory in Path(_PLACE).glob(f"{_PREFIX}-*"):
-        if not _is_running(directory.name.removeprefix(f"{_PREFIX}-").partition("-")[0]):
-            shutil.rmtree(directory, ignore_errors=True)
+    def left_behind(name):
+        return name.startswith(f"{_PREFIX}-") and not Path(f"/proc/{name.split('-')[2]}").exists()
+
+    for name in filter(left_behind, netns.names()):
+        netns.remove(name)
+    for name in filter(left_behind, os.listdir(_PLACE)):
+        shutil.rmtree(_PLACE / name, ignore_errors=True)
 
 
 class Lab:
@@ -38,8 +33,7 @@ class Lab:
         _sweep()
         self.programs = programs
         self.systems = []
-        self._names = f"{_PREFIX}-{os.getpid()}"
-        self.directory = Path(tempfile.mkdtemp(prefix=f"{self._names}-", dir=_PLACE))
+        self.directory = Path(tempfile.mkdtemp(prefix=f"{_PREFIX}-{os.getpid()}-", dir=_PLACE))
         self.directory.chmod(0o755)
         self._bench = None
         self._patches = 0
@@ -51,31 +45,36 @@ class Lab:
         self.close()
 
     def system(self, name, ports):
-        number = len(self.systems) + 1
-        return self._add(System(name, number, ports, self.directory / name, self._namespace(name), self.programs))
+        return self.add(System, name, len(self.systems) + 1, ports, self.programs)
 
-    def open_vswitch(self, name):
-        return self._add(OpenVSwitch(name, self.directory / name, self._namespace(name)))
+    def pair(self, ports, start=True):
+        """Two running systems, left and right, with users behind them and cables between ports of equal numbers."""
+        systems = self.system("left", ports), self.system("right", ports)
+        for port in range(1, ports + 1):
+            self.cable(systems[0], port, systems[1], port)
+        for system in systems:
+            system.add_host()
+            if start:
+                system.start()
+        return systems
 
-    def _add(self, system):
-        self.systems.append(system)  # first, so that a half-made one is removed as well
-        system.make()
-        return system
-
-    def _namespace(self, name):
-        return f"{self._names}-{self.directory.name.rpartition('-')[2]}-{name}"
+    def add(self, kind, name, *arguments):
+        """Puts a station on the bench."""
+        station = kind(name, self.directory / name, f"{self.directory.name}-{name}", *arguments)
+        self.systems.append(station)  # first, so that a half-made one is removed as well
+        station.make()
+        return station
 
     @property
     def bench(self):
         """A namespace for the loose ends of cables."""
         if self._bench is None:
-            self._bench = Namespace(self._namespace("bench"))
+            self._bench = Namespace(f"{self.directory.name}-bench")
         return self._bench
 
     def cable(self, left, left_port, right, right_port):
         """Connects two ports."""
-        ends = (left.port_interface(left_port), right.port_interface(right_port))
-        self.veth(left.namespace, ends[0], right.namespace, ends[1])
+        self.veth(left.namespace, left.port_interface(left_port), right.namespace, right.port_interface(right_port))
 
     def loose_cable(self, system, port):
         """Plugs in a cable that ends on the bench; returns the name of that end's interface."""

@@ -1,10 +1,11 @@
 """Network namespaces by name."""
 
+import contextlib
 import ctypes
 import os
 import signal
 import subprocess
-import threading
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -36,23 +37,14 @@ class Namespace:
 
     def call(self, function):
         """Runs a function on a thread inside the namespace. Sockets made there stay there."""
-        outcome = {}
-
         def body():
-            try:
-                with open(_NETNS_DIR / self.name, "rb") as handle:
-                    if _libc.setns(handle.fileno(), _CLONE_NEWNET) != 0:
-                        raise OSError(ctypes.get_errno(), f"cannot enter namespace {self.name}")
-                outcome["value"] = function()
-            except Exception as error:  # handed to the caller below
-                outcome["error"] = error
+            with open(_NETNS_DIR / self.name, "rb") as handle:
+                if _libc.setns(handle.fileno(), _CLONE_NEWNET) != 0:
+                    raise OSError(ctypes.get_errno(), f"cannot enter namespace {self.name}")
+            return function()
 
-        thread = threading.Thread(target=body)
-        thread.start()
-        thread.join()
-        if "error" in outcome:
-            raise outcome["error"]
-        return outcome["value"]
+        with ThreadPoolExecutor(1) as thread:
+            return thread.submit(body).result()
 
     def remove(self):
         remove(self.name)
@@ -64,11 +56,8 @@ def names():
 
 def remove(name):
     """Ends what still runs inside, then removes the namespace and its interfaces."""
-    if name not in names():
-        return
-    for process in ip("netns", "pids", name).split():
-        try:
-            os.kill(int(process), signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-    ip("netns", "del", name)
+    if name in names():
+        for process in ip("netns", "pids", name).split():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(int(process), signal.SIGKILL)
+        ip("netns", "del", name)

@@ -1,13 +1,10 @@
 """What stands on the bench: ports and programs in a network namespace, files in a directory."""
 
-import os
 import re
 import shutil
-from pathlib import Path
 
 from lab.netns import Namespace
 from lab.process import Process, tail
-from lab.waiting import LabError, eventually
 
 START_TIME = 20.0
 SANITIZER_REPORT = re.compile(r"^.*(ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:)",
@@ -18,7 +15,7 @@ SANITIZER_REPORT_SIZE = 6000
 class Station:
     def __init__(self, name, directory, namespace_name):
         self.name = name
-        self.directory = Path(directory)
+        self.directory = directory
         self.namespace = None
         self._namespace_name = namespace_name
 
@@ -45,27 +42,16 @@ class Station:
 
     @staticmethod
     def _await(process, what, read, accept):
-        def running(value):
-            if process.status is not None:
-                raise LabError(f"{process.name} ended with status {process.status}:\n{tail(process.log)}")
-            return accept(value)
-        eventually(f"{process.name} {what}", read, running, START_TIME)
+        process.await_that(what, read, accept, START_TIME)
 
     def sanitizer_reports(self):
         """What programs that were built with a sanitizer have found."""
-        parts = []
-        for path in sorted(self.directory.glob("*.out")):
-            text = path.read_text(encoding="utf-8", errors="replace")
-            found = SANITIZER_REPORT.search(text)
-            if found:
-                parts.append(f"---- {self.name}: {path.name}\n{text[found.start():][:SANITIZER_REPORT_SIZE]}")
-        return "\n".join(parts)
+        texts = {path.name: path.read_text(encoding="utf-8", errors="replace")
+                 for path in sorted(self.directory.glob("*.out"))}
+        return "\n".join(f"---- {self.name}: {name}\n{text[found.start():][:SANITIZER_REPORT_SIZE]}"
+                         for name, text in texts.items() if (found := SANITIZER_REPORT.search(text)))
 
     def logs(self):
         """Tails of everything that was written, for a failure."""
-        parts = []
-        for path in sorted([*self.directory.glob("*.out"), *self.directory.glob("*/*.log")]):
-            text = tail(path)
-            if text:
-                parts.append(f"---- {self.name}: {os.path.basename(path)}\n{text.rstrip()}")
-        return "\n".join(parts)
+        return "\n".join(f"---- {self.name}: {path.name}\n{text.rstrip()}" for path in sorted(
+            [*self.directory.glob("*.out"), *self.directory.glob("*/*.log")]) if (text := tail(path)))

@@ -8,7 +8,6 @@ from collections import namedtuple
 
 RATE = 1000            # packets a second
 SETTLE = 0.5           # the last packets are on their way
-_PORT = 5001           # for TCP; each flow has one of its own
 _BUFFER = 4 << 20
 _SO_RCVBUFFORCE, _SO_TIMESTAMPNS = 33, 35
 _NUMBER = struct.Struct("!I")
@@ -24,29 +23,22 @@ class Flow:
     Then `report` tells what became of them, by the kernel's time stamps of reception."""
 
     def __init__(self, source, target, address=None, rate=RATE):
-        self._rate = rate
         self._interval = 1 / rate
         self._sent = 0
         self._received = []  # (number, time)
         self._running = True
-        self._receiver = target.host.call(lambda: self._open_receiver(target.host_address))
+        self._receiver = target.host.call(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        self._receiver.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, _BUFFER)
+        self._receiver.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
+        self._receiver.settimeout(SETTLE)
+        self._receiver.bind((target.host_address, 0))
         self._sender = source.host.call(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
         self._sender.bind((address or source.host_address, 0))
         self._sender.setblocking(False)
         self._threads = [threading.Thread(target=self._receive), threading.Thread(target=self._send)]
         self.report = None
 
-    def _open_receiver(self, address):
-        receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        receiver.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, _BUFFER)
-        receiver.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
-        receiver.settimeout(SETTLE)
-        receiver.bind((address, 0))
-        self._target = receiver.getsockname()
-        return receiver
-
     def __enter__(self):
-        self._started = time.monotonic()
         for thread in self._threads:
             thread.start()
         return self
@@ -60,16 +52,15 @@ class Flow:
         self.report = self._count()
 
     def _send(self):
-        due = time.monotonic()
+        target, started = self._receiver.getsockname(), time.monotonic()
         while self._running:
             try:
-                self._sender.sendto(_NUMBER.pack(self._sent), self._target)
+                self._sender.sendto(_NUMBER.pack(self._sent), target)
             except OSError:
                 pass  # a full queue: lost as any other
             self._sent += 1
-            due += self._interval
-            time.sleep(max(due - time.monotonic(), 0))
-        self._ended = time.monotonic()
+            time.sleep(max(started + self._sent * self._interval - time.monotonic(), 0))
+        self._seconds = time.monotonic() - started
 
     def _receive(self):
         while True:
@@ -83,34 +74,9 @@ class Flow:
             self._received.append((_NUMBER.unpack(data)[0], seconds + nanoseconds / 1e9))
 
     def _count(self):
-        numbers = [number for number, _ in self._received]
-        times = [moment for _, moment in self._received]
+        numbers, times = zip(*self._received) if self._received else ((), ())
         gaps = [later - earlier for earlier, later in zip(times, times[1:])]
         return Report(sent=self._sent, lost=self._sent - len(set(numbers)),
                       duplicates=len(numbers) - len(set(numbers)),
                       reordered=sum(later < earlier for earlier, later in zip(numbers, numbers[1:])),
-                      outage=max(gaps, default=float("inf")), rate=self._sent / (self._ended - self._started))
-
-
-def transfer(source, target, data, within):
-    """Sends bytes over TCP; those that came."""
-    address = (target.host_address, _PORT)
-    listening = target.host.call(lambda: socket.create_server(address))
-    received = bytearray()
-
-    def take():
-        connection, _ = listening.accept()
-        connection.settimeout(within)
-        with connection:
-            while part := connection.recv(1 << 16):
-                received.extend(part)
-
-    listening.settimeout(within)
-    taker = threading.Thread(target=take)
-    taker.start()
-    sending = source.host.call(lambda: socket.create_connection(address, within))
-    with sending:
-        sending.sendall(data)
-    taker.join()
-    listening.close()
-    return bytes(received)
+                      outage=max(gaps, default=float("inf")), rate=self._sent / self._seconds)

@@ -2,6 +2,7 @@
 
 import json
 import shutil
+import signal
 import subprocess
 
 from lab.datastore import Datastore
@@ -24,7 +25,7 @@ USER = "daemon"
 class System(Station):
     """make() provides namespace, interfaces and datastore; start() runs the programs."""
 
-    def __init__(self, name, number, ports, directory, namespace_name, programs):
+    def __init__(self, name, directory, namespace_name, number, ports, programs):
         super().__init__(name, directory, namespace_name)
         self.number = number
         self.ports = ports
@@ -32,6 +33,13 @@ class System(Station):
         self.host = None  # the namespace of the user behind the switch
         self.switch = None
         self.daemon = None
+        self.host_addresses = [f"10.77.{number}.{last}" for last in range(1, HOST_ADDRESSES + 1)]
+        self.host_address = self.host_addresses[0]
+        self.run_directory = self.directory / "run"
+        self.configuration_file = self.run_directory / "lacpd.conf"
+        self.log_file = self.run_directory / "lacpd.log"  # the framework's log, not what the daemon prints
+        self.driver_socket = self.directory / "driver.sock"
+        self.state_socket = self.directory / "state.sock"
         self.mac = f"02:00:00:00:{number:02x}:00"
         self.datastore = Datastore(self.directory, programs)
 
@@ -59,33 +67,12 @@ class System(Station):
         for address in self.host_addresses:
             self.host.ip("address", "add", f"{address}/16", "dev", HOST_INTERFACE)
 
-    @property
-    def host_addresses(self):
-        return [f"10.77.{self.number}.{last}" for last in range(1, HOST_ADDRESSES + 1)]
-
-    @property
-    def host_address(self):
-        return self.host_addresses[0]
-
     def remove_cpu_interface(self):
         self.namespace.ip("link", "del", CPU_INTERFACE)
 
     @property
-    def configuration_file(self):
-        return self.run_directory / "lacpd.conf"
-
-    @property
-    def log_file(self):
-        """The framework's log, not what the daemon prints."""
-        return self.run_directory / "lacpd.log"
-
-    @property
-    def run_directory(self):
-        return self.directory / "run"
-
-    @property
     def environment(self):
-        return {**self.datastore.environment, "SCLIENT_SOCKET": str(self._driver_socket)}
+        return {**self.datastore.environment, "SCLIENT_SOCKET": str(self.driver_socket)}
 
     def _make_directories(self):
         self.directory.mkdir()
@@ -101,14 +88,6 @@ class System(Station):
         shutil.chown(self.configuration_file, USER, USER)
         self.configuration_file.chmod(0o640)
 
-    @property
-    def _driver_socket(self):
-        return self.directory / "driver.sock"
-
-    @property
-    def _state_socket(self):
-        return self.directory / "state.sock"
-
     # ---- programs
 
     def start(self):
@@ -121,8 +100,8 @@ class System(Station):
         host = ("--host", HOST_SWITCH_SIDE) if self.host else ()
         self.switch = self._run("olt-switch", [
             self.programs.switch, "--cpu", CPU_SWITCH_SIDE, *host, *ports,
-            "--driver-socket", self._driver_socket, "--state-socket", self._state_socket, *options])
-        self._await(self.switch, "answers", lambda: self._state(), lambda state: state is not None)
+            "--driver-socket", self.driver_socket, "--state-socket", self.state_socket, *options])
+        self._await(self.switch, "answers", self._show, lambda shown: shown.returncode == 0)
 
     def launch_daemon(self, *options, environment=None, name="lacpd", configuration=None, port=SHELL_PORT):
         """The daemon's process, without waiting for its shell."""
@@ -133,19 +112,26 @@ class System(Station):
 
     def start_daemon(self, *options, environment=None):
         self.daemon = self.launch_daemon(*options, environment=environment)
-        self._await(self.daemon, "listens", self.listening, lambda ports: SHELL_PORT in ports)
+        self._await(self.daemon, "listens", self.listens, bool)
 
-    def stop_daemon(self):
-        return self.daemon.stop() if self.daemon else None
+    def stop_daemon(self, number=signal.SIGTERM):
+        return self.daemon.stop(number) if self.daemon else None
 
     def stop_switch(self):
         return self.switch.stop() if self.switch else None
 
     def stop(self):
         """Ends everything, in the order of dependence."""
-        for process in (self.daemon, self.switch):
-            if process:
-                process.stop()
+        self.stop_daemon()
+        self.stop_switch()
+
+    def restart_daemon(self, number=signal.SIGTERM):
+        self.stop_daemon(number)
+        self.start_daemon()
+
+    def restart_switch(self, *options):
+        self.stop_switch()
+        self.start_switch(*options)
 
     def remove(self):
         if self.host:
@@ -171,29 +157,23 @@ class System(Station):
 
     def configured(self):
         """The daemon's own lines of the running configuration: interfaces, groups, priority."""
-        text = self.running_config()
-        kept = [line for line in text.splitlines()
+        return [line for line in self.running_config().splitlines()
                 if line.startswith(("interface ", " ", "channel-group ", "lacp "))]
-        return kept
 
-    def listening(self):
-        """TCP ports that are listened on, with their addresses."""
-        text = subprocess.run([*self.namespace.enter(), "ss", "-Hltn"], check=True, capture_output=True,
-                              text=True).stdout
-        addresses = [line.split()[3].rpartition(":") for line in text.splitlines()]
-        return {int(port): address for address, _, port in addresses}
+    def listens(self):
+        return subprocess.run([*self.namespace.enter(), "ss", "-Hltn", f"sport = {SHELL_PORT}"], check=True,
+                              capture_output=True).stdout
 
     def state(self):
         """The switch's state, as it shows it."""
-        state = self._state()
-        if state is None:
+        result = self._show()
+        if result.returncode != 0:
             raise LabError(f"the switch of {self.name} does not answer:\n{tail(self.switch.log)}")
-        return state
+        return json.loads(result.stdout)
 
-    def _state(self):
-        result = subprocess.run([self.programs.switch, "--show", "--state-socket", self._state_socket],
-                                capture_output=True, text=True, check=False)
-        return json.loads(result.stdout) if result.returncode == 0 else None
+    def _show(self):
+        return subprocess.run([self.programs.switch, "--show", "--state-socket", self.state_socket],
+                              capture_output=True, text=True, check=False)
 
     def trunks(self):
         """Member ports of the switch's trunks, by group."""

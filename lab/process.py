@@ -26,10 +26,8 @@ class Process:
             self._process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
                                              stdout=output, stderr=subprocess.STDOUT,
                                              env={**os.environ, **environment})
-
-    @property
-    def pid(self):
-        return self._process.pid
+        self.pid = self._process.pid
+        self.send_signal = self._process.send_signal
 
     @property
     def status(self):
@@ -42,16 +40,16 @@ class Process:
             file.seek(self._start)
             return file.read().decode("utf-8", "replace")
 
-    def send_signal(self, number):
-        self._process.send_signal(number)
-
     def wait_for_output(self, text, within):
-        def seen(output):
-            if text not in output and self.status is not None:
-                raise LabError(f"{self.name} ended with status {self.status} before it said {text!r}:\n"
-                               f"{tail(self.log)}")
-            return text in output
-        eventually(f"{self.name} says {text!r}", self.output, seen, within)
+        self.await_that(f"says {text!r}", self.output, lambda output: text in output, within)
+
+    def await_that(self, what, read, accept, within):
+        """Waits for a state that can come only while it runs."""
+        def running(value):
+            if not accept(value) and self.status is not None:
+                raise LabError(f"{self.name} ended with status {self.status}:\n{tail(self.log)}")
+            return accept(value)
+        eventually(f"{self.name} {what}", read, running, within)
 
     def wait(self, within):
         """The exit status."""

@@ -8,12 +8,8 @@ from collections import namedtuple
 
 Group = namedtuple("Group", "type load_balance members")
 
-_EDIT_NAMESPACE = "urn:ietf:params:xml:ns:netconf:base:1.0"
-_NAMESPACES = {"olt-lacp": "urn:olt:params:xml:ns:yang:olt-lacp", "olt-ifm": "urn:olt:params:xml:ns:yang:olt-ifm"}
-
-
-def interface_name(port):
-    return f"gigabitethernet 0/{port}"
+_URN = "urn:olt:params:xml:ns:yang:"
+_OPERATIONS = "urn:ietf:params:xml:ns:netconf:base:1.0"
 
 
 def _elements(leaves):
@@ -31,64 +27,46 @@ class Datastore:
     def install(self):
         self._run([self._programs.datastore_setup], SYSREPOCTL=str(self._programs.sysrepoctl))
 
-    def permit(self, module, mode):
-        """Sets the access mode of a module's data."""
-        self._run([self._programs.sysrepoctl, "-c", module, "-p", mode])
-
-    def read(self, module):
-        """The running data of a module as a dictionary."""
-        return json.loads(self._sysrepocfg("-X", "-f", "json", "-m", module) or "{}")
+    def read(self, module, datastore="running"):
+        """The data of a module as a dictionary."""
+        return json.loads(self._run([self._programs.sysrepocfg, "-X", "-f", "json", "-m", module, "-d", datastore])
+                          or "{}")
 
     def edit(self, module, xml):
         """Applies an edit; the elements take the module's namespace."""
         top, _, rest = xml.partition(">")
         with tempfile.NamedTemporaryFile("w", suffix=".xml") as file:
-            file.write(f'{top} xmlns="{_NAMESPACES[module]}" xmlns:nc="{_EDIT_NAMESPACE}">{rest}')
+            file.write(f'{top} xmlns="{_URN}{module}" xmlns:nc="{_OPERATIONS}">{rest}')
             file.flush()
-            self._sysrepocfg(f"--edit={file.name}", "-m", module)
+            self._run([self._programs.sysrepocfg, f"--edit={file.name}", "-m", module, "-d", "running"])
 
     def set_group(self, number, **leaves):
         """Sets leaves of a group, `lacp_type` for lacp-type; a list sets a leaf-list."""
         self.edit("olt-lacp", f"<channel-group><group><id>{number}</id>{_elements(leaves)}</group></channel-group>")
 
     def set_trunk(self, port, **leaves):
-        self.edit("olt-ifm", f"<up-link-ports><interface><name>{interface_name(port)}</name>"
-                             f'<trunk xmlns="{_NAMESPACES["olt-lacp"]}">{_elements(leaves)}</trunk>'
-                             "</interface></up-link-ports>")
-
-    def set_global(self, **leaves):
-        self.edit("olt-lacp", f"<global-configuration>{_elements(leaves)}</global-configuration>")
+        self.edit("olt-ifm", f"<up-link-ports><interface><name>gigabitethernet 0/{port}</name>"
+                             f'<trunk xmlns="{_URN}olt-lacp">{_elements(leaves)}</trunk></interface></up-link-ports>')
 
     def delete_group(self, number):
         self.edit("olt-lacp", f'<channel-group><group nc:operation="delete"><id>{number}</id></group></channel-group>')
 
     def groups(self):
-        """Group entries by number."""
+        """Group entries by number, with the ports in their member-port lists."""
         entries = self.read("olt-lacp").get("olt-lacp:channel-group", {}).get("group", [])
-        return {int(entry["id"]): Group(entry.get("lacp-type"), entry.get("load-balance"),
-                                        sorted(entry.get("member-port", []))) for entry in entries}
+        return {int(entry["id"]): Group(entry.get("lacp-type"), entry.get("load-balance"), {
+            int(name.rpartition("/")[2]) for name in entry.get("member-port", [])}) for entry in entries}
 
     def members(self, number):
-        """Ports in a group's member-port list."""
         group = self.groups().get(number)
-        return {int(name.rpartition("/")[2]) for name in group.members} if group else set()
+        return group.members if group else set()
 
     def interfaces(self):
         entries = self.read("olt-ifm").get("olt-ifm:up-link-ports", {}).get("interface", [])
         return {entry["name"]: entry for entry in entries}
 
-    def trunk(self, port):
-        """The trunk settings of a port."""
-        return self.interfaces().get(interface_name(port), {}).get("olt-lacp:trunk", {})
-
-    def link_status(self, port):
-        return self.interfaces()[interface_name(port)]["interface-basic"]["link-status"]
-
     def system_priority(self):
         return self.read("olt-lacp").get("olt-lacp:global-configuration", {}).get("system-priority")
-
-    def _sysrepocfg(self, *arguments):
-        return self._run([self._programs.sysrepocfg, *arguments, "-d", "running"])
 
     def _run(self, command, **environment):
         result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,

@@ -7,48 +7,30 @@ import struct
 import time
 from collections import namedtuple
 
-SLOW_PROTOCOLS_TYPE = 0x8809
 SLOW_PROTOCOLS_ADDRESS = bytes.fromhex("0180c2000002")
 ACTIVITY, TIMEOUT, AGGREGATION, SYNCHRONIZATION, COLLECTING, DISTRIBUTING, DEFAULTED, EXPIRED = (
     1 << bit for bit in range(8))
-_ALL_TYPES = 0x0003
-_OUTGOING = 4
+_ALL_TYPES, _OUTGOING = 0x0003, 4
 
 Frame = namedtuple("Frame", "time data")
 Info = namedtuple("Info", "system_priority system key port_priority port state")
-
 _INFO = struct.Struct("!H6sHHHB")
-_PDU = 14
 
 
 class Lacpdu:
-    """Fields of a 124-byte frame."""
+    """What a LACPDU's frame says of both sides."""
 
     def __init__(self, data):
-        self.destination, self.source = data[0:6], data[6:12]
-        self.type = int.from_bytes(data[12:14], "big")
-        pdu = data[_PDU:]
-        self.head = pdu[0:4]
-        self.actor = Info(*_INFO.unpack(pdu[4:19]))
-        self.actor_reserved = pdu[19:22]
-        self.partner_head = pdu[22:24]
-        self.partner = Info(*_INFO.unpack(pdu[24:39]))
-        self.partner_reserved = pdu[39:42]
-        self.collector = pdu[42:46]
-        self.rest = pdu[46:]
+        self.actor, self.partner = (Info(*_INFO.unpack_from(data, at)) for at in (18, 38))
 
 
 class Capture:
     """A raw socket on an interface; what the interface itself sends is left out."""
 
     def __init__(self, namespace, interface):
-        self._socket = namespace.call(lambda: self._open(interface))
-
-    @staticmethod
-    def _open(interface):
-        raw = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ALL_TYPES))
-        raw.bind((interface, _ALL_TYPES))
-        return raw
+        self._socket = namespace.call(lambda: socket.socket(socket.AF_PACKET, socket.SOCK_RAW,
+                                                            socket.htons(_ALL_TYPES)))
+        self._socket.bind((interface, _ALL_TYPES))
 
     def __enter__(self):
         return self
@@ -57,14 +39,12 @@ class Capture:
         self._socket.close()
 
     def send(self, data):
-        self._socket.send(data)
+        self._socket.send(bytes(data))
 
     def each(self, within):
         """Frames to the slow protocols' address as they come."""
         deadline = time.monotonic() + within
-        while True:
-            if not select.select([self._socket], [], [], max(deadline - time.monotonic(), 0))[0]:
-                return
+        while select.select([self._socket], [], [], max(deadline - time.monotonic(), 0))[0]:
             data, address = self._socket.recvfrom(2048)
             if address[2] != _OUTGOING and data[0:6] == SLOW_PROTOCOLS_ADDRESS:
                 yield Frame(time.monotonic(), data)

@@ -1,0 +1,25 @@
+"""Where the programs under test are."""
+
+import os
+import re
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+
+
+class Programs:
+    def __init__(self, build_dir):
+        self.build = Path(build_dir).resolve()
+        try:
+            cache = (self.build / "CMakeCache.txt").read_text(encoding="utf-8")
+        except FileNotFoundError:
+            raise FileNotFoundError(f"{self.build} is no build directory; build first") from None
+        self.prefix = Path(re.search(r"^LACPD_DEPS_PREFIX:PATH=(.*)$", cache, re.MULTILINE)[1])
+        self.lacpd = self.build / "services/l2/lacpd/lacpd"
+        self.switch = self.build / "switch/olt-switch"
+        self.sysrepocfg = self.prefix / "bin/sysrepocfg"
+        self.sysrepoctl = self.prefix / "bin/sysrepoctl"
+        self.datastore_setup = ROOT / "scripts/datastore.sh"
+        for program in vars(self).values():
+            if not os.access(program, os.X_OK):
+                raise FileNotFoundError(f"{program} is not there; build first")

@@ -1,0 +1,86 @@
+"""Transcripts: what is typed and what is answered, word for word. `pytest-3 --record` writes them anew.
+
+    left(config)# line     typed at this prompt; "2 left# " in a second session; for a "?" at its end the help is shown;
+                           "~5 left# " is typed again and again for up to five ticks, until the answer is right
+    $ words                the system's tools, in its namespace and folder; [1] is a status that is not 0
+    ! words                Python, of lab and the systems
+    ; words                a comment; the first tells how many ports the systems have"""
+
+import contextlib
+import os
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from lab import Lab, LabError, Programs, Ticks, eventually, stays
+from lab.programs import ROOT
+
+STEP = re.compile(r"^(?:(?P<kind>[;$!]) |(?:~(?P<ticks>\d+) )?(?P<who>(?:2 )?(?P<name>left|right))\S*?[>#] )(?P<line>.*)\n",
+                  re.MULTILINE)
+
+
+class Replay:
+    def __init__(self, lab, text):
+        ports = int(re.match(r"; (\d+) ports", text)[1])
+        if re.search("^right", text, re.MULTILINE):
+            self.systems = dict(zip(("left", "right"), lab.pair(ports)))
+        else:
+            self.systems = {"left": lab.system("left", ports)}
+            for port in range(1, ports + 1):
+                lab.loose_cable(self.systems["left"], port)
+            if ports:
+                self.systems["left"].start()
+        self.left, self.sessions = self.systems["left"], {}
+        self.names = {"lab": lab, "Ticks": Ticks, "eventually": eventually, "stays": stays, **self.systems}
+        programs = lab.programs
+        folders = *(path.parent for path in (programs.lacpd, programs.switch, programs.sysrepocfg)), ROOT / "scripts"
+        self.environment = {**os.environ, **self.left.environment, "ROOT": str(ROOT), "LIB": str(programs.prefix / "lib"),
+                            "PATH": ":".join([*map(str, folders), os.environ["PATH"]])}
+
+    def step(self, step, expected):
+        """A step and its answer as they come out now."""
+        answers = {";": lambda line: expected, "$": self.run, "!": self.evaluate}
+        if step["kind"]:
+            return step[0] + answers[step["kind"]](step["line"])
+        seen = []
+        with contextlib.suppress(LabError):
+            eventually("", lambda: seen.append(self.type(step)) or seen[-1],
+                       lambda text: not step["ticks"] or text == step[0] + expected, Ticks.of(int(step["ticks"] or 0)))
+        return seen[-1]
+
+    def type(self, step):
+        shell = self.sessions.get(step["who"])
+        if not shell:
+            shell = self.sessions[step["who"]] = self.systems[step["name"]].shell(enable=False)
+            shell.run("terminal length 0")
+        head = step[0][:step.start("name") - step.start()] + f"{shell.prompt}{step['line']}\n"
+        return head + (shell.help(step["line"][:-1]) if step["line"].endswith("?") else 
+                       re.sub("^! .*\n", "", shell.run(step["line"]), flags=re.MULTILINE))  # with the lab's folder
+
+    def evaluate(self, line):
+        self.sessions = {} if "_daemon(" in line else self.sessions
+        value = eval(line, self.names)
+        return "" if value in (None, "") else f"{value}\n".replace("\r", "")
+
+    def run(self, line):
+        result = subprocess.run([*self.left.namespace.enter(), "bash", "-c", line], stdin=subprocess.DEVNULL, text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, cwd=self.left.directory, check=False,
+                                env=self.environment, timeout=60)
+        return result.stdout.replace("\r", "") + f"[{result.returncode}]\n" * (result.returncode != 0)
+
+
+@pytest.mark.parametrize("path", sorted(Path(__file__).parent.glob("transcripts/*.txt")), ids=lambda path: path.stem)
+def test_transcript(pytestconfig, path):
+    text = path.read_text(encoding="utf-8")
+    steps = [*STEP.finditer(text)]
+    ends = [*(step.start() for step in steps[1:]), len(text)]
+    with Lab(Programs(pytestconfig.getoption("--build"))) as lab:
+        replay = Replay(lab, text)
+        now = "".join(replay.step(step, text[step.end():end]) for step, end in zip(steps, ends))
+        now = now.replace(str(lab.directory), "LAB")
+    if pytestconfig.getoption("--record"):
+        path.write_text(now, encoding="utf-8")
+    else:
+        assert now == text
