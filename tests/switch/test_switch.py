@@ -14,7 +14,7 @@ from pathlib import Path
 import pytest
 from scapy.all import ARP, IP, TCP, UDP, Ether, IPv6, conf
 
-TESTS = Path(__file__).resolve().parents[1]
+TESTS = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TESTS))
 
 from lab import Capture, Lab, Programs, eventually  # noqa: E402 (needs the path above)
