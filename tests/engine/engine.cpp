@@ -231,10 +231,12 @@ std::string in_hex(std::uint64_t value)
 
 } // namespace
 
-State state()
+State state(bool published)
 {
     State all;
     for_words([&](const std::string &name, const auto &field) {
+        if (published && std::is_integral_v<std::remove_cvref_t<decltype(field)>>)
+            return;
         const std::uint64_t value = number(field);
         const bool time = name.ends_with(".heard_at") || name == "sys.changed";
         all[name] = time ? value != 0 : value;

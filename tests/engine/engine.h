@@ -75,7 +75,7 @@ std::string printed_as_error(const std::function<void()> &action);
 // Every word of the records in hexadecimal, times of day as 0 or 1: "1.mux" of port 1, "g2.list" of group 2,
 // "cfg3.key", "sys.mac". A timer is active, reload and count: "15a58" runs, loads 90 and has 88 left.
 using State = std::map<std::string, std::uint64_t>;
-State state();
+State state(bool published = false);   // or only the words that any thread may read
 std::string text(const LacPort &port); // for "nothing changed", and to see what is wrong
 // Sets words; one without a port is port 1's. "link2=1" sets a link, "@LEAF=VALUE" a leaf ("@-LEAF": none),
 // "!KIND=CODE" a failure.

@@ -78,7 +78,7 @@ Change read(std::string text)
     text.erase(0, text.find_first_not_of("+-"));
     const std::size_t at = text.find('=');
     change.leaf = text.substr(0, at);
-    const std::string value = at == std::string::npos ? "#6" : text.substr(at + 1); // an entry of a list
+    const std::string value = at == std::string::npos ? "#1" : text.substr(at + 1); // an entry of a list
     const std::size_t arrow = value.find('>');
     change.operation = sign == '+' ? SR_OP_CREATED : sign == '-' ? SR_OP_DELETED : SR_OP_MODIFIED;
     if (sign != '+')
@@ -111,6 +111,7 @@ sr_val_t *allocate(const std::string &leaf, const std::optional<std::string> &va
     out->xpath = strdup(path_of(leaf).c_str());
     if (value->starts_with("#")) {
         out->type = static_cast<sr_val_type_t>(std::stoi(value->substr(1)));
+        out->data.uint64_val = 1; // no text
     } else if (leaf.ends_with("/channel-group") || leaf.ends_with("/id")) {
         out->type = SR_UINT8_T;
         out->data.uint8_val = static_cast<std::uint8_t>(std::stoi(*value));
@@ -354,6 +355,28 @@ DELETER(mode, "mode")
 DELETER(priority, "priority")
 DELETER(timeout, "timeout")
 
+// What is written is one line; it stores nothing.
+#define WRITER(arguments, function, line)                                                                            \
+    int function arguments                                                                                           \
+    {                                                                                                                \
+        return write(line);                                                                                          \
+    }
+
+WRITER((int group, KelDb *), db_olt_lacp_del_group_id, "-g" + std::to_string(group))
+WRITER((int group, KelDb *, const char *text, std::uint32_t, std::uint32_t), db_olt_lacp_set_group_load_balance,
+       name('g', group, "load-balance=") + text)
+WRITER((KelDb *, const char *text, std::uint32_t, std::uint32_t), db_olt_lacp_set_global_configuration_system_id,
+       std::string("sys/system-id=") + text)
+WRITER((KelDb *, std::uint16_t value, std::uint32_t, std::uint32_t),
+       db_olt_lacp_set_global_configuration_system_priority, "sys/system-priority=" + std::to_string(value))
+WRITER((KelDb *), db_olt_lacp_del_global_configuration_system_priority, "-sys/system-priority")
+WRITER((int, std::uint32_t port, KelDb *, const char *text, std::uint32_t, std::uint32_t),
+       db_olt_lacp_set_trunk_timeout, name('p', int(port), "timeout=") + text)
+WRITER((KelDb *, int slot, std::uint32_t port, int group, const char *mode), db_add_channel_group,
+       std::to_string(slot) + "/" + name('p', int(port), "mode=") + mode + " g" + std::to_string(group))
+WRITER((KelDb *, int slot, std::uint32_t port, int group), db_del_channel_group,
+       "-" + std::to_string(slot) + "/" + name('p', int(port), "g") + std::to_string(group))
+
 void db_free_string_array_val(char **texts, std::uint32_t count)
 {
     for (std::uint32_t i = 0; i < count; ++i)
@@ -384,48 +407,8 @@ int db_olt_lacp_del_group_member_port(int group, int, std::uint32_t port, KelDb 
     return change_member(false, group, port);
 }
 
-int db_olt_lacp_del_group_id(int group, KelDb *)
-{
-    return write("-g" + std::to_string(group));
-}
-
-int db_olt_lacp_set_group_load_balance(int group, KelDb *, const char *text, std::uint32_t, std::uint32_t)
-{
-    return write(name('g', group, "load-balance=") + text);
-}
-
-int db_olt_lacp_set_global_configuration_system_id(KelDb *, const char *text, std::uint32_t, std::uint32_t)
-{
-    return write(std::string("sys/system-id=") + text);
-}
-
-int db_olt_lacp_set_global_configuration_system_priority(KelDb *, std::uint16_t value, std::uint32_t, std::uint32_t)
-{
-    return write("sys/system-priority=" + std::to_string(value));
-}
-
-int db_olt_lacp_del_global_configuration_system_priority(KelDb *)
-{
-    return write("-sys/system-priority");
-}
-
 std::uint8_t db_olt_lacp_set_trunk_priority(int, std::uint32_t port, KelDb *, std::uint16_t value, std::uint32_t,
                                             std::uint32_t)
 {
     return std::uint8_t(write(name('p', int(port), "priority=") + std::to_string(value)));
-}
-
-int db_olt_lacp_set_trunk_timeout(int, std::uint32_t port, KelDb *, const char *text, std::uint32_t, std::uint32_t)
-{
-    return write(name('p', int(port), "timeout=") + text);
-}
-
-int db_add_channel_group(KelDb *, int slot, std::uint32_t port, int group, const char *mode)
-{
-    return write(std::to_string(slot) + "/" + name('p', int(port), "mode=") + mode + " g" + std::to_string(group));
-}
-
-int db_del_channel_group(KelDb *, int slot, std::uint32_t port, int group)
-{
-    return write("-" + std::to_string(slot) + "/" + name('p', int(port), "g") + std::to_string(group));
 }

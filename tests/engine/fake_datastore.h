@@ -39,7 +39,7 @@ struct Delivery {
 };
 
 // Runs a handler on changes that are separated by "; ": "+LEAF=VALUE" created, "-LEAF=VALUE" deleted,
-// "LEAF=OLD>NEW" modified. A value "#N" has no data and the sysrepo type N; a port's number stands for its name.
+// "LEAF=OLD>NEW" modified. A value "#N" is no text and of the sysrepo type N; a port's number stands for its name.
 Delivery deliver(sr_module_change_cb handler, sr_event_t event, const std::string &changes);
 int open_iterators(); // handed out and not yet released
 

@@ -56,6 +56,9 @@ TEST(Handlers, Walks)
         {"", "+g1/x=#0; +g1/x=#1; +g1/x=#2; +g1/x=#3; +g1/x=#4; +g1/load-balance=dst-ip", 0, 6, "g1.code=1"},
         {"", "+sys/x=#4; +sys/x=#1", 0, 2, ""},
         {"", "+p1/x=#1; +p1/x=#4", 0, 2, ""},
+        // A value of an unexpected type is an empty text.
+        {"", "+g1/load-balance=#21", -9, 1, "", "set 'load-balance' failed! ret -9\n"},
+        {"", "+p1/mode=#21", 0, 1, "q:18/1=1"},
     });
     Engine engine;
     for (const sr_module_change_cb handler :

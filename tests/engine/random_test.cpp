@@ -14,7 +14,7 @@ TEST(RandomSequences, KeepTheInvariants)
         std::string broken;
         {
             const fuzz::Quiet quiet;
-            broken = RandomSteps(input).run();
+            broken = run_random_steps(input);
         }
         ASSERT_EQ(broken, "") << "seed " << seed;
     }
