@@ -4,6 +4,7 @@
 #include "channel_group_show.h"
 #include "lac_show.h"
 #include "lacp_cli.h"
+#include "lacp_cli_debug.h"
 #include "lacp_cli_show.h"
 #include "lacp_operational.h"
 
@@ -309,6 +310,14 @@ TEST(Commands, Traces)
                   confirmation);
         EXPECT_EQ(lacDbgGet(), after) << keyword;
     }
+    char keyword[] = "nothing";
+    cmd_token token{};
+    token.text = keyword;
+    cmd_token *argv[] = {&token, &token, &token};
+    EXPECT_EQ(
+        terminal.shown([&](vty *vty) { cli_lacp_sys_debug_set_cmd.func(&cli_lacp_sys_debug_set_cmd, vty, 3, argv); }),
+        "\r\n Msg:wrong lacp debug type\r\n");
+    EXPECT_EQ(lacDbgGet(), 0x2400U);
     const std::tuple<const char *, const char *, const char *> packets[] = {
         {"no debug lacp packet all", "disable", "disable"}, {"debug lacp packet tx", "disable", "enable"},
         {"debug lacp packet rx", "enable", "enable"},       {"no debug lacp packet tx", "enable", "disable"},

@@ -351,8 +351,10 @@ TEST(Machines, PortsAndSystem)
          "lacp=1 up=0 rx=6 matched=0 told=0 hold=0 sys.changed=1"},
         {"SERVING sys.on=0 sys.state=0", "port-on", ""},
         {"SERVING sys.on=0 sys.state=0 actor=3f", "port-off", "lacp=0 actor=3d"},
-        {"SERVING actor=3f barred=1 bar=2 moved=1 cfg1.key=9 cfg1.prio=8 cfg1.passive=1 ctrl.prio=5", "port-off",
-         "lacp=0 asp=5 xsp=5 key=9 xkey=9 aokey=9 prio=8 xprio=8 xstate=7c NOBODY partner=0 heard=0 told=0 hold=0 "
+        {"SERVING muxs=505 ww=707 actor=3f barred=1 bar=2 moved=1 cfg1.key=9 cfg1.prio=8 cfg1.passive=1 ctrl.prio=5",
+         "port-off",
+         "ww=200 lacp=0 asp=5 xsp=5 key=9 xkey=9 aokey=9 prio=8 xprio=8 xstate=7c NOBODY partner=0 heard=0 told=0 "
+         "hold=0 "
          "tx=0 rx=5 sel=0 alone=1 moved=0 actor=44 barred=0 bar=0 cw=0 per=0 muxs=10101 apsp=0 sys.changed=1 LEAVES"},
         {"SERVING cfg1.short=1 2.lacp=1 link2=1", "on",
          "NOBODY partner=2 heard=0 told=0 hold=0 tx=0 rx=2 sel=0 alone=1 matched=0 actor=c7 cw=10303 per=0 "
@@ -390,6 +392,7 @@ TEST(Machines, Messages)
         {"SERVING", "msg 1/0=0 | msg 0/1=1 | msg 3/1=1 | msg 8/1=1 | msg 25/1=1 | msg 4294967302/1=1", ""},
         {"SERVING",
          "msg 5/9=0 | msg 6/9=0 | msg 7/9=0 | msg 16/9=1 | msg 17/9=1 | msg 18/9=1 | msg 19/9=1 | msg 20/9=1", ""},
+        {"SERVING lacp=0 | SERVING sys.on=0", "frame 01 | frame 02 01 01 | frame 02 01 02", ""},
         {"SERVING", "msg 21/9=1 | msg 22/9=1 | msg 5/0=0", ""},
         {"SERVING OUTSIDE", "msg 3/1=1", "wanted=1 IS_MEMBER"}, // members are settled after every message
         {"SERVING tries=1", "msg 4244438268/0=0", "TICKED tries=0 w:+g1/member-port/1"}, // and tried again by ticks
