@@ -11,6 +11,7 @@
 #include "frr/frr.hpp"
 #include "shell/shell.h"
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -404,6 +405,7 @@ TEST(Traces, EachBitHasItsOwn)
         {"SERVING", "frame 02 01 01"},
         {"SERVING cw=100000 ww=100000 per=100000 txs=100000 muxs=100000", "timers"}};
     std::map<int, std::string> texts;
+    std::map<int, std::size_t> counts; // of all lines, repeated ones too
     std::map<std::string, std::set<int>> owners;
     for (const auto &[given, event] : cases) {
         const auto text_of = [&, given = given, event = event](std::uint32_t word) {
@@ -417,6 +419,8 @@ TEST(Traces, EachBitHasItsOwn)
         for (int bit = 0; bit < 32; ++bit) {
             const std::string text = text_of(1U << bit);
             length += text.size() - always.size();
+            counts[bit] +=
+                static_cast<std::size_t>(std::ranges::count(text, '\n') - std::ranges::count(always, '\n'));
             std::istringstream lines(visible(text));
             for (std::string line; std::getline(lines, line);) {
                 std::string form = line; // what differs in numbers only is the same line
@@ -431,7 +435,7 @@ TEST(Traces, EachBitHasItsOwn)
     }
     std::string all;
     for (const auto &[bit, text] : texts)
-        all += "==== " + std::to_string(bit) + "\n" + text;
+        all += "==== " + std::to_string(bit) + ", lines: " + std::to_string(counts[bit]) + "\n" + text;
     for (const auto &[form, bits] : owners)
         EXPECT_EQ(bits.size(), 1U) << form;
     expect_recorded(all, "traces");

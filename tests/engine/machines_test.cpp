@@ -66,7 +66,7 @@ TEST(Machines, Mux)
         {"DETACHED sel=2 ready_n=1", "mux", "STARTS_WAITING ready_n=0"},
         {"DETACHED mux=11 actor=3d ready_n=1 waits=1 apkey=7", "mux", "mux=1 actor=5 ready_n=0 waits=0 apkey=0 TOLD"},
         {"DETACHED mux=12 sel=1 in_place=1", "mux", "ATTACHES COLLECTS"},
-        // its count is not started over
+        // Its count is not started over.
         {"WAITING", "mux", ""},
         {"WAITING mux=12", "mux", "mux=2"},
         {"WAITING waits=0", "mux", "ww=10202 waits=1"},
@@ -77,7 +77,7 @@ TEST(Machines, Mux)
         {"WAITING ready_n=1 partner=35", "mux", "ATTACHES mux=3 actor=d ready_n=0"},
         {"WAITING ready_n=1", "mux", "ATTACHES COLLECTS ready_n=0"},
         {"WAITING in_place=1", "mux", "ATTACHES COLLECTS"},
-        // another one of the group has waited
+        // Another one of the group has waited.
         {"TWO 2.ready_n=1", "mux", "ATTACHES COLLECTS"},
         {"TWO 2.ready_n=1 2.sel=2", "mux", ""},
         {"TWO 2.ready_n=1 2.group=2 ready=1", "mux", "ready=0"},
@@ -89,7 +89,7 @@ TEST(Machines, Mux)
          "mux=3 attached=1 n_attach=1 actor=d ready_n=0 in=1 TOLD"},
         {"ATTACHED mux=13 attached=0 partner=35 apsys=0 apkey=0 agg=2", "mux", "mux=3 attached=1 n_attach=1 TOLD"},
         {"ATTACHED mux=14 | mux=15 | mux=16", "mux", "COLLECTS TOLD"},
-        // a lone port needs no synchronized partner
+        // A lone port needs no synchronized partner.
         {"ATTACHED partner=35 alone=1 rx=3", "mux", "COLLECTS TOLD"},
         {"ATTACHED partner=35 alone=1 | partner=35 rx=3 | SERVING | SERVING mux=5", "mux", ""},
         {"SERVING partner=35 | partner=35 mux=4", "mux", "mux=3 STOPS actor=d"},
@@ -106,7 +106,7 @@ TEST(Machines, Mux)
         {"SERVING agg=2 2.mask=4", "collect", ""},
         {"SERVING agg=2 2.mask=5", "uncollect", "2.mask=4 collects=0"},
         {"DETACHED agg=2 2.mask=5", "uncollect", ""},
-        // the bit moves along
+        // The bit moves along.
         {"SERVING agg=2 2.mask=5 mask=8", "to 1", "2.mask=4 mask=9 agg=1"},
         {"DETACHED agg=2 2.mask=5 mask=8", "to 1", "agg=1"},
         {"SERVING", "to 1", ""},
@@ -123,7 +123,7 @@ TEST(Machines, Mux)
 TEST(Machines, Receive)
 {
     check({
-        // a running scheduler is left alone
+        // A running scheduler is left alone.
         {"SERVING cw=15a01 muxs=10100", "hears", "cw=15a5a HEARD"},
         {"SERVING", "hears state=35", "heard=35 n_trans=1 KICK HEARD"},
         {"SERVING actor=3f", "hears", "cw=10303 KICK HEARD"},
@@ -133,9 +133,10 @@ TEST(Machines, Receive)
         {"SERVING", "hears prio=1", "pprio=1 ANEW"},
         {"SERVING", "hears port=5", "pno=5 ANEW"},
         {"SERVING", "hears state=39", "partner=39 heard=39 ANEW"},
+        {"SERVING attached=0 mux=1 collects=0 mask=0", "hears key=9", "pkey=9 apkey=9 sel=0 actor=35 TOLD HEARD"},
         {"SERVING", "hears v.sp=1 | hears v.key=9 | hears v.prio=9 | hears v.port=9 | hears v.state=39", "MISMATCH"},
         {"SERVING", "hears v.state=3c | hears v.state=3f | hears v.state=35", "TOLD KICK HEARD"},
-        // only the low four bits count
+        // Only the low four bits count.
         {"SERVING", "hears v.state=cd", "KICK HEARD"},
         {"SERVING hold=3", "hears v.state=35", "ntt=1 KICK HEARD"},
         // The system's address is matched for Synchronization, the port's for matched.
@@ -151,7 +152,7 @@ TEST(Machines, Receive)
         {"SERVING partner=39", "hears state=39 v.key=9", "TOLD heard=39 KICK HEARD"},
         {"SERVING partner=39", "hears state=31 v.key=9", "TOLD heard=31 n_trans=1 KICK HEARD"},
         {"SERVING partner=39", "hears state=30 v.state=3c", "MISMATCH partner=30 heard=30"},
-        // not taken
+        // Not taken.
         {"SERVING rx=6", "hears key=9", "KICK HEARD"},
         {"DETACHED rx=5 | rx=4", "hears key=9", "HEARD"},
         {"DETACHED mux=0", "hears", "VIEW HEARD"},
@@ -159,7 +160,7 @@ TEST(Machines, Receive)
         {"WAITING", "hears v.state=5", "VIEW HEARD"},
         {"ATTACHED", "hears", "KICK HEARD"},
         {"EXPIRED", "hears", "partner=3d actor=3d rx=1 cw=15a5a matched=1 KICK HEARD"},
-        // its aggregator's link is down
+        // Its aggregator's link is down.
         {"EXPIRED agg=2 link2=0", "hears", "partner=3d matched=1 KICK HEARD"},
         {"EXPIRED agg=2 link2=1", "hears", "partner=3d actor=3d rx=1 cw=15a5a matched=1 KICK HEARD"},
         {"DEFAULTED", "hears",
@@ -169,9 +170,10 @@ TEST(Machines, Receive)
         {"SERVING 2.pno=1 2.psys=PEER 3.pno=1 3.psys=PEER", "hears",
          "2.pno=0 2.psys=0 n_moved=1 KICK HEARD sys.changed=1"},
         {"SERVING 2.pno=1 2.psys=OTHER 3.pno=2 3.psys=PEER", "hears", "KICK HEARD"},
-        // current_while expires
+        // Current_while expires.
         {"SERVING", "rx 18", "EXPIRES"},
         {"EXPIRED", "rx 18", "NOBODY sel=0 actor=45 LEAVES GIVES_UP"},
+        {"EXPIRED attached=0 mux=1 collects=0 mask=0", "rx 18", "NOBODY sel=0 actor=75 GIVES_UP"},
         {"EXPIRED NOBODY partner=2", "rx 18", "GIVES_UP actor=7d"},
         {"EXPIRED NOBODY partner=2 ysp=1", "rx 18", "psp=1 sel=0 actor=45 LEAVES GIVES_UP"},
         {"EXPIRED NOBODY partner=2 ysys=OTHER", "rx 18", "psys=OTHER sel=0 actor=45 LEAVES GIVES_UP"},
@@ -189,6 +191,8 @@ TEST(Machines, Receive)
         {"WAITING sel=0 | DETACHED mux=0", "rx 99", "KICK"},
         {"DETACHED mux=0 sel=1", "rx 99", ""},
         {"SERVING link1=0", "rx 4", "NOBODY partner=0 heard=0 rx=6 actor=7d matched=0 sys.changed=1"},
+        {"SERVING link1=0 ystate=d", "rx 4", "NOBODY partner=5 heard=0 rx=6 actor=7d matched=0 sys.changed=1"},
+        {"DETACHED lacp=0 ystate=d", "rx 3", "NOBODY partner=9 heard=0 rx=5 alone=1 actor=45 sys.changed=1"},
         {"SERVING", "rx 4", "NOBODY EXPIRES partner=2 heard=0 actor=fd"},
         {"SERVING up=0", "rx 3", "up=1 EXPIRES"},
         {"SERVING lacp=0 matched=0 actor=bd", "rx 3",
@@ -222,7 +226,7 @@ TEST(Machines, PeriodicAndTransmit)
         {"SERVING", "periodic 1 | periodic 4", "tx=0 per=0"},
         {"SERVING", "periodic 3", ""},
         {"SERVING", "tx 9", "TOLD"},
-        // never stopped yet
+        // Never stopped yet.
         {"SERVING txs=100", "tx 9", "ntt=1 txs=10101"},
         {"SERVING hold=2", "tx 9", "TOLD"},
         {"SERVING hold=3", "tx 9", "ntt=1"},
@@ -246,13 +250,13 @@ TEST(Machines, Tick)
     check({
         {"SERVING", "tick", "TICKED"},
         {"SERVING lacp=0 cw=15a00", "tick", ""},
-        // not active
+        // Not active.
         {"SERVING cw=5a01", "tick", "per=11e1d"},
         {"SERVING cw=15a00", "tick", "EXPIRES tx=1 per=10100 PERIOD"},
         {"SERVING ww=10202", "tick", "TICKED ww=10201"},
         {"WAITING ww=10200 partner=35", "tick",
          "TICKED ready=1 attached=1 n_attach=1 VIEW txs=10000 mux=3 actor=d ww=200 hold=2 n_tx=1 told=d sent:1"},
-        // standing by it goes on waiting
+        // Standing by it goes on waiting.
         {"WAITING ww=10200 sel=2", "tick", "TICKED ww=10202 waits=0"},
         {"SERVING txs=10101 ntt=1", "tick", "TICKED txs=10100"},
         {"SERVING txs=10100 ntt=1", "tick", "TICKED SENT txs=10101 sent:1"},
@@ -260,9 +264,9 @@ TEST(Machines, Tick)
         {"SERVING txs=10100 actor=3c | txs=10100 partner=3c", "tick", "TICKED txs=10101"},
         {"SERVING txs=10100 up=0", "tick", "TICKED txs=0"},
         {"SERVING per=11e00", "tick", "TICKED per=11e1e PERIOD"},
-        // counted down on the tick that starts it
+        // Counted down on the tick that starts it.
         {"SERVING tx=0 per=0", "tick", "TICKED tx=2 PERIOD"},
-        // the partner has turned fast
+        // The partner has turned fast.
         {"SERVING partner=3f per=11e05", "tick", "TICKED tx=1 per=10100 PERIOD"},
         {"SERVING partner=3f per=11e00", "tick", "TICKED tx=1 per=10101 PERIOD"},
         {"SERVING actor=3f", "tick", "TICKED"},
@@ -272,7 +276,7 @@ TEST(Machines, Tick)
         {"SERVING muxs=10100 up=0", "tick", "TICKED KICK sel=0 LEAVES actor=5"},
         {"SERVING barred=2", "tick", "TICKED barred=1"},
         {"SERVING barred=1", "tick", "TICKED barred=0 muxs=10100"},
-        // a failed read changes nothing
+        // A failed read changes nothing.
         {"SERVING @p1/link-status=unreadable-so", "tick", ""},
         // The tick follows the link: an event may have found no room.
         {"SERVING link1=0", "tick",
@@ -280,7 +284,7 @@ TEST(Machines, Tick)
         {"DOWN", "tick",
          "up=1 partner=2 actor=c5 rx=2 cw=10302 sys.changed=1 sel=2 mux=2 ww=10201 tx=1 per=10100 TOLD"},
         {"DOWN link1=0", "tick", ""},
-        // only PORT_DISABLED is brought up
+        // Only PORT_DISABLED is brought up.
         {"DOWN rx=5 up=1 cw=100 actor=5", "tick", "tx=2 per=11e1d TOLD"},
         {"SERVING cw=100000 ww=100000 per=100000 txs=100000 muxs=100000 ready_n=1", "timers",
          "cw=15a5a ww=10202 per=10101 txs=10101 muxs=10101 ready_n=0"},
@@ -315,7 +319,7 @@ TEST(Machines, Selection)
         {"TWO 2.key=9 | 2.psp=1 | 2.psys=OTHER | 2.pkey=9 | 2.actor=1 | 2.partner=39 | 2.barred=1", "select",
          "SECOND_STANDS_BY"},
         {"TWO partner=39", "select", "sel=2 ww=10202 waits=0 SECOND_STANDS_BY"},
-        // looped back
+        // Looped back.
         {"TWO psys=OUR 2.psys=OUR 2.pno=9", "select", "sel=2 ww=10202 waits=0"},
         {"TWO psys=OUR 2.psys=OUR 2.pno=9 pno=9 | psys=OUR 2.psys=OUR 2.pno=9 pprio=9 | psys=OUR 2.psys=OUR 2.pno=9 "
          "asp=9",
@@ -344,6 +348,8 @@ TEST(Machines, PortsAndSystem)
 {
     check({
         {"DOWN lacp=0", "link-up", ""},
+        {"DOWN told=3d hold=3", "link-up",
+         "up=1 partner=2 actor=c5 rx=2 cw=10303 sys.changed=1 told=0 hold=0 TOLD sel=2 STARTS_WAITING"},
         {"SERVING lacp=0", "link-down", ""},
         {"DETACHED lacp=0 rx=5 NOBODY partner=0 heard=0 actor=45 cw=0 tx=0 per=0 alone=1", "port-on",
          "lacp=1 EXPIRES partner=2 actor=c5 alone=0 sel=2 STARTS_WAITING TOLD"},
@@ -406,7 +412,7 @@ TEST(Machines, Membership)
     check({
         {"SERVING", "settle", ""},
         {"SERVING OUTSIDE", "settle", "wanted=1 IS_MEMBER"},
-        // both ends tell Synchronization
+        // Both ends tell Synchronization.
         {"SERVING heard=35 | told=35 | alone=1 | collects=0 | attached=0 | sel=0 | sel=2", "settle", "GOES"},
         {"SERVING in=2 @g2/lacp-type=dynamic g2.type=5", "settle",
          "GOES wanted=2 written=2 w:+g2/member-port/1 g2.list=1 g2.n=1 g2.up=1 g2.upn=1 create:2,9,1,1"},
@@ -421,7 +427,7 @@ TEST(Machines, Membership)
         {"SERVING heard=35 !-member-port=-3 | heard=35 !-member-port=10", "settle",
          "wanted=0 tries=1 w:-g1/member-port/1"},
         {"SERVING heard=35 !-member-port=-2", "settle", "wanted=0 written=0 w:-g1/member-port/1"},
-        // not in two lists
+        // Not in two lists.
         {"SERVING in=2 !-member-port=10", "settle", "wanted=2 tries=1 w:-g1/member-port/1"},
         // One that finds the datastore busy speaks for the others.
         {"PAIR heard=35 2.heard=35 !-member-port=-3", "settle",

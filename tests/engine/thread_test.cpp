@@ -65,9 +65,10 @@ class EventThread
     std::thread thread_;
 };
 
-class ThreadTest : public testing::Test, protected Engine
+// Never destroyed: its dispatcher, with what follows from the last message, goes on until the process ends.
+class Threads : public Engine
 {
-  protected:
+  public:
     // What an operator and the switch change in one round, on the event thread.
     static void configure_round(unsigned round)
     {
@@ -132,10 +133,11 @@ class ThreadTest : public testing::Test, protected Engine
     }
 };
 
-TEST_F(ThreadTest, EveryThreadAtOnce)
+TEST(Threads, EveryThreadAtOnce)
 {
+    static Threads &engine = *new Threads;
     for (std::uint32_t number = 1; number <= STEADY_PORT; ++number)
-        running_port(number);
+        engine.running_port(number);
 
     sem_wait(&lac_task_sem); // the dispatcher opens it
     fake::start_thread("lacpRecv");
@@ -152,16 +154,16 @@ TEST_F(ThreadTest, EveryThreadAtOnce)
             for (unsigned round = 0; round < 4 * ROUNDS; ++round) {
                 while (Lac_Queue.hasTick()) // another one would not be sent
                     std::this_thread::yield();
-                await_room();
+                engine.await_room();
                 lacSendTick(failures);
             }
         });
-        std::thread packets([this] { answer_until_the_end(); });
+        std::thread packets([] { engine.answer_until_the_end(); });
         std::thread operators([&] {
             for (unsigned round = 0; round < ROUNDS; ++round) {
-                await_room();
+                engine.await_room();
                 events.call([round] {
-                    configure_round(round);
+                    engine.configure_round(round);
                     return 0;
                 });
             }
@@ -173,14 +175,14 @@ TEST_F(ThreadTest, EveryThreadAtOnce)
         std::thread shell([&] {
             std::uint64_t sum = 0;
             while (!settled)
-                sum += read_everything();
+                sum += engine.read_everything();
             EXPECT_NE(sum, 0U);
         });
         for (std::thread *thread : {&timer, &operators, &event_loop})
             thread->join();
-        send_last_marker();
+        engine.send_last_marker();
         packets.join();
-        send(3); // nothing comes of it: once it is taken, everything before it is done
+        engine.send(3); // nothing comes of it: once it is taken, everything before it is done
         while (Lac_Queue.count() != 0)
             std::this_thread::yield();
         settled = true;
@@ -190,8 +192,8 @@ TEST_F(ThreadTest, EveryThreadAtOnce)
 
     EXPECT_EQ(queued_pdus(), 0U);
     EXPECT_EQ(fake::open_iterators(), 0);
-    EXPECT_GT(port(STEADY_PORT).stats->rx_lacpdu, 0U);
-    EXPECT_GT(port(STEADY_PORT).stats->tx_lacpdu, 0U);
+    EXPECT_GT(engine.port(STEADY_PORT).stats->rx_lacpdu, 0U);
+    EXPECT_GT(engine.port(STEADY_PORT).stats->tx_lacpdu, 0U);
 
     // Whoever sent last, the switch has the trunk of the table.
     std::uint32_t uplinks = 0;
@@ -203,7 +205,7 @@ TEST_F(ThreadTest, EveryThreadAtOnce)
     EXPECT_EQ(trunk, uplinks);
 
     // And the table has the members of the datastore.
-    EXPECT_EQ(fake::members(1), state()["g1.list"]);
+    EXPECT_EQ(fake::members(1), state(true)["g1.list"]);
 }
 
 } // namespace
