@@ -274,7 +274,8 @@ TEST(Commands, Configuration)
     // What is written into the configuration.
     set("@g1/load-balance=dst-ip @g1/lacp-type=manual @g2/lacp-type=dynamic @sys/system-priority=5 "
         "@p1/channel-group=1 "
-        "@p2/channel-group=2 @p2/mode=passive @p2/timeout=short @p2/priority=9 @p3/channel-group=0 @p3/mode=active "
+        "@g0/lacp-type=manual @p2/channel-group=2 @p2/mode=passive @p2/timeout=short @p2/priority=9 "
+        "@p3/channel-group=0 @p3/mode=active "
         "@p4/channel-group=2 @p4/priority=9");
     const auto written = [&](int node) {
         const auto *found = static_cast<const cmd_node *>(vector_lookup(cmdvec, static_cast<unsigned>(node)));

@@ -194,6 +194,7 @@ TEST(Handlers, Orders)
     Engine::set_link(1, true);
     fake::deliver(lacp_interface_trunk_cb, SR_EV_CHANGE, "+p1/channel-group=2");
     fake::deliver(lacp_interface_trunk_cb, SR_EV_CHANGE, "+p3/channel-group=4");
+    EXPECT_EQ(changes([] { Engine::configure("-g1"); }), "") << "nobody was sent there";
     EXPECT_EQ(changes([] { Engine::configure("+g2/lacp-type=dynamic"); }),
               "g2.type=5 g2.used=1 q:18/1=1 q:20/1=2 q:21/1=2 q:7/1=0");
     // The join is still in the queue: who goes with the group does not stay behind.
