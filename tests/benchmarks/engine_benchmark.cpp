@@ -25,10 +25,10 @@ struct Received {
 };
 
 // Two groups of four ports whose partner is fast and has everything in sync.
-class Formed : public EngineTest
+class Formed : public Engine
 {
   public:
-    Formed() : EngineTest(1, PORTS)
+    Formed() : Engine(1, PORTS)
     {
         for (std::uint32_t number = 1; number <= PORTS; ++number) {
             running_port(number, group_of(number));
@@ -41,8 +41,7 @@ class Formed : public EngineTest
             frames_.push_back(lacpdu(number));
     }
 
-    ~Formed() override { check(); }
-    void TestBody() override {}
+    ~Formed() { check(); }
 
     // What was measured is the work of ports that distribute.
     static void check()
@@ -52,7 +51,7 @@ class Formed : public EngineTest
                 abort();
     }
 
-    static std::uint8_t group_of(std::uint32_t number) { return number <= GROUP_PORTS ? 1 : 2; }
+    static unsigned group_of(std::uint32_t number) { return number <= GROUP_PORTS ? 1 : 2; }
 
     static Received received(std::uint32_t number, const Bytes &pdu)
     {
@@ -96,9 +95,6 @@ class Formed : public EngineTest
     }
 
     LacPort &first() { return port(1); }
-
-    using EngineTest::dispatch;
-    using EngineTest::tick;
 
   private:
     std::vector<Received> frames_;

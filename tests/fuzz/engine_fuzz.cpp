@@ -7,7 +7,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     {
         const fuzz::Quiet quiet;
         fuzz::Input input(data, size);
-        broken = RandomSteps(input).run();
+        broken = run_random_steps(input);
         fake::reset_datastore(); // what is kept would look like a leak
         fake::reset_system();
     }

@@ -1,0 +1,20 @@
+// An engine takes one step after another, each decoded from the bytes of an input: frames, ticks, links,
+// configuration as a client of the datastore may change it, and failures of what is around it. Its partners are model
+// ones: they may re-key, renumber, split, merge and fall silent, and in the end they all speak the truth.
+#pragma once
+
+#include "engine.h"
+#include "input.h"
+
+// What the invariants must know of what is around the engine.
+struct Surroundings {
+    bool drained = true;                   // no message waits
+    bool trunks_known = true;              // the driver service has heard every request
+    std::array<std::uint32_t, 5> trunks{}; // members by group, as the service has them
+};
+
+// The first invariant that is broken, or nothing.
+std::string broken_invariant(const Surroundings &surroundings);
+
+// All steps of the input and what must follow them: the first invariant that is broken, or nothing.
+std::string run_random_steps(fuzz::Input &input);

@@ -1,0 +1,211 @@
+// The dispatcher on a thread of its own, while the other threads of the daemon do what they do there: made for
+// ThreadSanitizer. Configuration comes from the datastore's event thread, frames from the packet thread, ticks from
+// the timer's; the event loop sends the trunks again, and a shell reads every published field.
+#include "engine.h"
+
+#include "lacp_sclient.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <future>
+#include <sys/socket.h>
+#include <thread>
+
+namespace
+{
+
+constexpr unsigned ROUNDS = 120;
+constexpr std::uint32_t STEADY_PORT = 4; // stays in its group
+constexpr char LAST[] = "last";          // a marker's transaction
+
+// Does what others hand it, one thing at a time, while they wait: as the datastore does with its handlers.
+class EventThread
+{
+  public:
+    EventThread() : thread_([this] { run(); }) {}
+    ~EventThread()
+    {
+        call([this] {
+            ended_ = true;
+            return 0;
+        });
+        thread_.join();
+    }
+
+    int call(std::function<int()> work)
+    {
+        std::packaged_task<int()> task(std::move(work));
+        std::future<int> result = task.get_future();
+        {
+            const std::lock_guard guard(lock_);
+            tasks_.push_back(std::move(task));
+        }
+        changed_.notify_one();
+        return result.get();
+    }
+
+  private:
+    void run()
+    {
+        while (!ended_) {
+            std::unique_lock guard(lock_);
+            changed_.wait(guard, [this] { return !tasks_.empty(); });
+            std::packaged_task<int()> task = std::move(tasks_.front());
+            tasks_.pop_front();
+            guard.unlock();
+            task();
+        }
+    }
+
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::deque<std::packaged_task<int()>> tasks_;
+    bool ended_ = false; // the event thread's own
+    std::thread thread_;
+};
+
+// Never destroyed: its dispatcher, with what follows from the last message, goes on until the process ends.
+class Threads : public Engine
+{
+  public:
+    // What an operator and the switch change in one round, on the event thread.
+    static void configure_round(unsigned round)
+    {
+        const std::uint32_t port_no = 1 + round % 3;
+        const std::string port = "p" + std::to_string(port_no);
+        const bool odd = (round / 3) % 2 == 1;
+        configure("+" + port + "/mode=" + (odd ? "passive" : "active"));
+        configure("+" + port + "/timeout=" + (odd ? "short" : "long"));
+        configure("+" + port + "/priority=" + std::to_string(32768 - round));
+        configure(port + "/link-status=" + (odd ? "up>down" : "down>up"));
+        set_channel_group_load_balance(1, odd ? LOAD_BALANCE_SRC_IP : LOAD_BALANCE_DST_IP);
+        if (round % 10 == 9) {
+            join(port_no, 0);
+            join(port_no, 1);
+        }
+        configure("+sys/system-priority=" + std::to_string(round));
+        configure(std::string("+sys/system-id=") + (odd ? "0211.22aa.bbcc" : "0211.22aa.bbdd"));
+        set_channel_group_add_port(2, 0, 7); // a manual group beside it
+        set_channel_group_del_port(2, 0, 7);
+        update_lacp_select_port(static_cast<int>(port_no), 1);
+    }
+
+    // The far ends: they answer every LACPDU, until the marker that ends the test comes back.
+    void answer_until_the_end() const
+    {
+        Bytes buffer(LACP_RX_BUFFER_SIZE);
+        for (;;) {
+            const ssize_t length = recv(wire.far_end(), buffer.data(), buffer.size(), 0);
+            ASSERT_EQ(length, 136);
+            const SentFrame frame{Bytes(buffer.begin(), buffer.begin() + length)};
+            const Bytes pdu = frame.pdu();
+            if (pdu[0] == LAC_SUBTYPE_MARKER && std::equal(LAST, LAST + 4, pdu.begin() + 12))
+                return;
+            if (pdu[0] == LAC_SUBTYPE_LACP)
+                hear(tagged_frame(frame.port(),
+                                  pdu_bytes(peer(static_cast<std::uint16_t>(frame.port())), frame.actor())));
+        }
+    }
+    // Ends the far ends when its answer is heard there.
+    static void send_last_marker()
+    {
+        Bytes frame = tagged_frame(STEADY_PORT, hex("02 01 01 10 0000 000000000000"));
+        frame.erase(frame.begin() + 12, frame.begin() + 24);
+        frame.insert(frame.end(), LAST, LAST + 4);
+        while (lacp_bpdu_deal(STEADY_PORT, 0, frame.data(), static_cast<int>(frame.size())) != 0)
+            std::this_thread::yield();
+    }
+
+    // A round comes when the dispatcher has got on; else nearly everything would be refused.
+    static void await_room()
+    {
+        while (Lac_Queue.count() > 32)
+            std::this_thread::yield();
+    }
+
+    static std::uint64_t read_everything()
+    {
+        std::uint64_t sum = 0;
+        for (const auto &[name, value] : state(true))
+            sum += value;
+        return sum;
+    }
+};
+
+TEST(Threads, EveryThreadAtOnce)
+{
+    static Threads &engine = *new Threads;
+    for (std::uint32_t number = 1; number <= STEADY_PORT; ++number)
+        engine.running_port(number);
+
+    sem_wait(&lac_task_sem); // the dispatcher opens it
+    fake::start_thread("lacpRecv");
+    std::atomic<bool> settled = false;
+    {
+        EventThread events;
+        const auto inline_handler = fake::datastore().member_changed;
+        fake::datastore().member_changed = [&](const std::string &change) {
+            return events.call([&] { return inline_handler(change); });
+        };
+
+        std::thread timer([] {
+            std::uint32_t failures = 0;
+            for (unsigned round = 0; round < 4 * ROUNDS; ++round) {
+                while (Lac_Queue.hasTick()) // another one would not be sent
+                    std::this_thread::yield();
+                engine.await_room();
+                lacSendTick(failures);
+            }
+        });
+        std::thread packets([] { engine.answer_until_the_end(); });
+        std::thread operators([&] {
+            for (unsigned round = 0; round < ROUNDS; ++round) {
+                engine.await_room();
+                events.call([round] {
+                    engine.configure_round(round);
+                    return 0;
+                });
+            }
+        });
+        std::thread event_loop([] {
+            for (unsigned round = 0; round < ROUNDS; ++round)
+                lacp_trunk_resync(lacp_sclient);
+        });
+        std::thread shell([&] {
+            std::uint64_t sum = 0;
+            while (!settled)
+                sum += engine.read_everything();
+            EXPECT_NE(sum, 0U);
+        });
+        for (std::thread *thread : {&timer, &operators, &event_loop})
+            thread->join();
+        engine.send_last_marker();
+        packets.join();
+        engine.send(3); // nothing comes of it: once it is taken, everything before it is done
+        while (Lac_Queue.count() != 0)
+            std::this_thread::yield();
+        settled = true;
+        shell.join();
+    }
+    // From here on the dispatcher waits for a message that never comes.
+
+    EXPECT_EQ(queued_pdus(), 0U);
+    EXPECT_EQ(fake::open_iterators(), 0);
+    EXPECT_GT(engine.port(STEADY_PORT).stats->rx_lacpdu, 0U);
+    EXPECT_GT(engine.port(STEADY_PORT).stats->tx_lacpdu, 0U);
+
+    // Whoever sent last, the switch has the trunk of the table.
+    std::uint32_t uplinks = 0;
+    get_channel_group_uplink_port_list(1, &uplinks);
+    std::uint32_t trunk = 0;
+    for (const fake::Message &message : fake::take_messages())
+        if (message[11] == 1 && message[7] != SCLIENT_MSG_TRUNK_PSC_SET)
+            trunk = message[7] == SCLIENT_MSG_TRUNK_CREATE ? message[19] : 0;
+    EXPECT_EQ(trunk, uplinks);
+
+    // And the table has the members of the datastore.
+    EXPECT_EQ(fake::members(1), state(true)["g1.list"]);
+}
+
+} // namespace
