@@ -65,6 +65,9 @@ class Datastore:
         entries = self.read("olt-ifm").get("olt-ifm:up-link-ports", {}).get("interface", [])
         return {entry["name"]: entry for entry in entries}
 
+    def link_status(self, port):
+        return self.interfaces()[f"gigabitethernet 0/{port}"]["interface-basic"]["link-status"]
+
     def system_priority(self):
         return self.read("olt-lacp").get("olt-lacp:global-configuration", {}).get("system-priority")
 

@@ -11,8 +11,8 @@ import time
 
 RUNNING, LOCK_MS, EVENT_CHANGE, OPERATION_FAILED = 1, 5000, 1, 7
 MEMBERS = b"/olt-lacp:channel-group/group/member-port"
-HANDLER = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int,
-                           ctypes.c_uint32, ctypes.c_void_p)
+HANDLER = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_char_p, ctypes.c_char_p,
+                           ctypes.c_int, ctypes.c_uint32, ctypes.c_void_p)
 folder, order, *arguments = sys.argv[1:]
 library = ctypes.CDLL(f"{folder}/libsysrepo.so.7")
 connection, session, subscription, rules = (ctypes.c_void_p() for _ in range(4))

@@ -1,5 +1,5 @@
-// Preloaded into the daemon: moves its wall clock, and ends it at a chosen datastore call. The test writes the orders into
-// a file that both map (environment variable FAULT_ORDERS).
+// Preloaded into the daemon: moves its wall clock, and ends it at a chosen datastore call. The test writes the orders
+// into a file that both map (environment variable FAULT_ORDERS).
 #include <atomic>
 #include <csignal>
 #include <cstdint>
@@ -19,8 +19,8 @@ namespace
 enum Call { BEFORE_APPLY, AFTER_APPLY, IN_HANDLER, CALLS };
 
 struct Orders {
-    std::atomic<std::int64_t> shift_seconds;      // of the wall clock
-    std::atomic<std::int32_t> calls_left[CALLS];  // to the one that ends the process; 0: none
+    std::atomic<std::int64_t> shift_seconds;     // of the wall clock
+    std::atomic<std::int32_t> calls_left[CALLS]; // to the one that ends the process; 0: none
 };
 
 Orders &orders()
@@ -75,7 +75,8 @@ int sr_apply_changes(sr_session_ctx_t *session, std::uint32_t timeout_ms)
 
 int sr_get_changes_iter(sr_session_ctx_t *session, const char *xpath, sr_change_iter_t **iterator)
 {
-    static auto *const get = reinterpret_cast<decltype(&sr_get_changes_iter)>(dlsym(RTLD_NEXT, "sr_get_changes_iter"));
+    static auto *const get =
+        reinterpret_cast<decltype(&sr_get_changes_iter)>(dlsym(RTLD_NEXT, "sr_get_changes_iter"));
     count_down(IN_HANDLER);
     return get(session, xpath, iterator);
 }

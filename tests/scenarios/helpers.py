@@ -58,10 +58,9 @@ def neighbours(system, group):
 
 def await_groups(systems, trunks, within):
     """Waits until the switch of every system has exactly these trunks, and the datastore the same members."""
-    eventually(f"trunks and members {trunks}", lambda: [
-        (system.name, seen) for system in systems
-        if (seen := (system.trunks(), {group: system.datastore.members(group) for group in trunks})) != (trunks, trunks)],
-        lambda differing: not differing, within)
+    eventually(f"trunks and members {trunks}", lambda: {
+        system.name: (system.trunks(), {group: system.datastore.members(group) for group in trunks})
+        for system in systems}, lambda seen: all(of == (trunks, trunks) for of in seen.values()), within)
 
 
 def dotted(mac):

@@ -48,7 +48,8 @@ def usage(system):
     process = {"left": system.daemon, "right": system.switch}[system.name].pid
     status = dict(re.findall(r"^(\w+):\s+(\d+)", Path(f"/proc/{process}/status").read_text("utf-8"), re.MULTILINE))
     return (figures if system.name == "left" else {}) | {
-        "rss": int(status["VmRSS"]), "threads": int(status["Threads"]), "files": len([*Path(f"/proc/{process}/fd").iterdir()])}
+        "rss": int(status["VmRSS"]), "threads": int(status["Threads"]),
+        "files": len([*Path(f"/proc/{process}/fd").iterdir()])}
 
 
 def grown(samples):
@@ -56,7 +57,8 @@ def grown(samples):
     settled = samples[WARM_UP:]
     third = len(settled) // 3
     for name in settled[0] if third else ():
-        first, last = (statistics.median(sample[name] for sample in part) for part in (settled[:third], settled[-third:]))
+        first, last = (statistics.median(sample[name] for sample in part)
+                       for part in (settled[:third], settled[-third:]))
         if last > first + ALLOWED.get(name.split()[-1], 0):
             yield f"{name}: {first} in the first third, {last} in the last"
 
@@ -76,7 +78,8 @@ def run(steps, options):
             time.sleep(rng.choice(PAUSES))
         steps.take("left switch_on")
         took = steps.agree(Ticks.REFORM + Ticks.of(LONG_TIMEOUT) * waited_long)
-        samples.append({f"{system.name} {name}": value for system in steps.pair for name, value in usage(system).items()})
+        samples.append({f"{system.name} {name}": value for system in steps.pair
+                        for name, value in usage(system).items()})
         print(f"[{time.monotonic() - started:7.1f} s] {len(steps.history)} steps, both agree after {took:.1f} s; "
               f"{samples[-1]}", flush=True)
         for name, side in steps.sides.items():  # or the run would be spent with waiting
@@ -102,7 +105,8 @@ def main():
             run(steps, options)
         except (AssertionError, OSError) as error:
             outputs = [f"---- {path}\n{path.read_text('utf-8', 'replace')}" for path in lab.directory.glob("*/*.out")]
-            Path(options.log).write_text("\n".join([f"seed {options.seed}: {error}", *steps.history, *outputs]), "utf-8")
+            story = [f"seed {options.seed}: {error}", *steps.history, *outputs]
+            Path(options.log).write_text("\n".join(story), "utf-8")
             sys.exit(f"longrun: FAILED: {error}\nlast steps: {steps.history[-12:]}\neverything is in {options.log}")
     print("longrun: OK")
 

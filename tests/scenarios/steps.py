@@ -1,7 +1,7 @@
 """What happens to two cabled systems, in words, and what has to come of it.
 
-Steps are lines like "left join 1 2 active": a system, a word (a method of Steps), port or group, values. Each is taken by
-system and model alike; then agree() holds everything that a system shows against what the model knows."""
+Steps are lines like "left join 1 2 active": a system, a word (a method of Steps), port or group, values. Each is taken
+by system and model alike; then agree() holds everything that a system shows against what the model knows."""
 
 import re
 import signal

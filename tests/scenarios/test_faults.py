@@ -81,7 +81,8 @@ def bench(lab):
     left.start_daemon(environment=left.orders.environment)
     right.start()
     for system in pair:
-        quietly(system, *(line for port in (1, 2) for line in join(port, 1, "active", "lacp timeout short")), *join(3, 2, "on"))
+        quietly(system, *(line for port in (1, 2) for line in join(port, 1, "active", "lacp timeout short")),
+                *join(3, 2, "on"))
     yield pair
     left.stop()
     left.disk.remove()
@@ -109,8 +110,9 @@ def pair(bench):
 @contextlib.contextmanager
 def in_the_way(system, *order):
     """Another client of the system's datastore that locks, refuses or stalls."""
-    client = subprocess.Popen(["/usr/bin/python3", Path(__file__).with_name("fault_client.py"), system.programs.prefix / "lib",
-                               *map(str, order)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    client = subprocess.Popen(["/usr/bin/python3", Path(__file__).with_name("fault_client.py"),
+                               system.programs.prefix / "lib", *map(str, order)],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                               env={**os.environ, **system.environment},
                               user=USER, group=USER, extra_groups=[])  # the daemon wakes it through its files
     try:
@@ -192,7 +194,8 @@ def test_the_wall_clock_jumps(pair, days):
     """There and back by twice as much."""
     left, right = pair
     left.orders.give(shift_seconds=int(days * DAY))
-    stays("formed", lambda: [system.trunks() for system in pair], lambda seen: seen == [FORMED] * 2, Ticks.LOST_SHORT / 2)
+    stays("formed", lambda: [system.trunks() for system in pair], lambda seen: seen == [FORMED] * 2,
+          Ticks.LOST_SHORT / 2)
     right.set_link(2, up=False)
     left.await_trunk(1, {1}, Ticks.LINK)
     left.orders.give(shift_seconds=-int(days * DAY))
@@ -250,7 +253,8 @@ CASES = [(name, field) for name in COMMANDS for field in ("before_apply", "after
 QUICK = [("join a dynamic group", "in_handler"), *((name, "after_apply") for name in COMMANDS)]
 
 
-@pytest.mark.parametrize("name, field", [case if case in QUICK else pytest.param(*case, marks=pytest.mark.nightly) for case in CASES])
+@pytest.mark.parametrize("name, field", [pytest.param(*case, marks=[pytest.mark.nightly] * (case not in QUICK))
+                                         for case in CASES])
 def test_a_daemon_killed_within_a_command(alone, name, field):
     before, command, trunks, undo = COMMANDS[name]
     for call in range(1, 13):

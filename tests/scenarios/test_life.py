@@ -23,7 +23,8 @@ LIFE = [  # seconds that the steps may take to show, steps
     (Ticks.FORM, "left create 1; left create 2"),
     (Ticks.FORM, "left switch_off; left leave 3; left join 3 3 on; left join 3 4 on; left leave 2; left join 2 2 on; "
                  "left link 4 down; left switch_on"),
-    (Ticks.FORM, "left leave 2; left join 2 1 active; left leave 3; left join 3 2 on; left link 4 up; left daemon SIGTERM"),
+    (Ticks.FORM, "left leave 2; left join 2 1 active; left leave 3; left join 3 2 on; left link 4 up; "
+                 "left daemon SIGTERM"),
     (Ticks.FORM, "right stop 12"),
     (Ticks.FORM, "right daemon SIGKILL"),
     (Ticks.FORM, "left join 1 4 active; right join 2 4 active; right join 3 1 active"),

@@ -27,8 +27,9 @@ def await_trunks(systems, trunks, within):
 def pair(lab):
     systems = lab.pair(7)
     for system, mode, timeout in zip(systems, ("active", "passive"), ("long", "short")):
-        quietly(system, *(line for port in (4, 5) for line in join(port, 2, mode, "lacp timeout short")), *join(6, 3, "on"),
-                *join(MIXED, 4, mode, f"lacp timeout {timeout}"), "channel-group 1 load-balance src-ip")
+        quietly(system, *(line for port in (4, 5) for line in join(port, 2, mode, "lacp timeout short")),
+                *join(6, 3, "on"), *join(MIXED, 4, mode, f"lacp timeout {timeout}"),
+                "channel-group 1 load-balance src-ip")
     await_trunks(systems, GROUPS, Ticks.FORM)
     return systems
 
@@ -70,7 +71,7 @@ def test_a_member_fails_and_comes_back(pair, formed):
     before = sent(pair[0], MEMBERS)
     assert all(ping(pair[0], pair[1].host_address, 5, address) == 5 for address in pair[0].host_addresses)
     after = sent(pair[0], MEMBERS)
-    assert sorted(after[port] - before[port] >= 40 for port in MEMBERS) == [False, False, True], "all have one MAC address"
+    assert sorted(after[port] - before[port] >= 40 for port in MEMBERS) == [False, False, True], "all have one MAC"
     quietly(pair[0], "channel-group 1 load-balance src-ip")
 
 
@@ -83,7 +84,8 @@ def unharmed_timeouts(captures, seconds):
 
 def test_flaps_and_settings_of_others_disturb_nobody(pair, formed):
     with flows(formed, {}), contextlib.ExitStack() as stack:
-        captures = [stack.enter_context(Capture(system.namespace, system.port_interface(MIXED))) for system in pair[::-1]]
+        captures = [stack.enter_context(Capture(system.namespace, system.port_interface(MIXED)))
+                    for system in pair[::-1]]
         started = time.monotonic()
         with pair[0].shell() as shell:
             for line in ("configure terminal", "interface gigabitEthernet 0/4"):
@@ -105,7 +107,8 @@ def test_flaps_and_settings_of_others_disturb_nobody(pair, formed):
     with flows(formed[:1], {}):
         for criterion in ("dst-ip", "src-dst-ip", "dst-mac", "src-dst-mac", "src-mac", "src-ip"):
             quietly(pair[0], f"channel-group 1 load-balance {criterion}")
-            eventually(criterion, lambda: pair[0].trunk(1)["criterion"], lambda seen, now=criterion: seen == now, Ticks.LINK)
+            eventually(criterion, lambda: pair[0].trunk(1)["criterion"],
+                       lambda seen, now=criterion: seen == now, Ticks.LINK)
 
 
 def test_segments_and_checksums_arrive_whole(pair, tmp_path):
@@ -113,8 +116,9 @@ def test_segments_and_checksums_arrive_whole(pair, tmp_path):
     (tmp_path / "data").write_bytes(data)
     serve = subprocess.Popen([*pair[0].host.enter(), "python3", "-m", "http.server", "80", "--directory", tmp_path])
     try:
-        assert subprocess.run([*pair[1].host.enter(), "curl", "-s", "--retry", "9", "--retry-connrefused", "--retry-delay", "1",
-                               f"http://{pair[0].host_address}/data"], stdout=subprocess.PIPE, check=True, timeout=60).stdout == data
+        fetch = ["curl", "-s", "--retry", "9", "--retry-connrefused", "--retry-delay", "1"]
+        assert subprocess.run([*pair[1].host.enter(), *fetch, f"http://{pair[0].host_address}/data"],
+                              stdout=subprocess.PIPE, check=True, timeout=60).stdout == data
     finally:
         serve.kill()
         serve.wait()

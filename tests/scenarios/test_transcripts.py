@@ -17,8 +17,8 @@ import pytest
 from lab import Lab, LabError, Programs, Ticks, eventually, stays
 from lab.programs import ROOT
 
-STEP = re.compile(r"^(?:(?P<kind>[;$!]) |(?:~(?P<ticks>\d+) )?(?P<who>(?:2 )?(?P<name>left|right))\S*?[>#] )(?P<line>.*)\n",
-                  re.MULTILINE)
+STEP = re.compile(r"^(?:(?P<kind>[;$!]) |(?:~(?P<ticks>\d+) )?(?P<who>(?:2 )?(?P<name>left|right))\S*?[>#] )"
+                  r"(?P<line>.*)\n", re.MULTILINE)
 
 
 class Replay:
@@ -36,7 +36,8 @@ class Replay:
         self.names = {"lab": lab, "Ticks": Ticks, "eventually": eventually, "stays": stays, **self.systems}
         programs = lab.programs
         folders = *(path.parent for path in (programs.lacpd, programs.switch, programs.sysrepocfg)), ROOT / "scripts"
-        self.environment = {**os.environ, **self.left.environment, "ROOT": str(ROOT), "LIB": str(programs.prefix / "lib"),
+        self.environment = {**os.environ, **self.left.environment, "ROOT": str(ROOT),
+                            "LIB": str(programs.prefix / "lib"),
                             "PATH": ":".join([*map(str, folders), os.environ["PATH"]])}
 
     def step(self, step, expected):

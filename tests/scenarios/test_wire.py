@@ -41,8 +41,9 @@ def test_frames(lab, system):
         talk = ((Ether(data)[LACP], data, moment) for moment, data in wire.each(3 * Ticks.FORM))
         seen, data, _ = next(talk)
         assert data == bytes(frame(LACP(
-            actor_system_priority=4660, actor_system=system.mac, actor_key=1, actor_port_priority=258, actor_port_number=1,
-            actor_state=seen.actor_state, **{f"partner{name}": getattr(seen, f"partner{name}") for name in STATE},
+            actor_system_priority=4660, actor_system=system.mac, actor_key=1, actor_port_priority=258,
+            actor_port_number=1, actor_state=seen.actor_state,
+            **{f"partner{name}": getattr(seen, f"partner{name}") for name in STATE},
             collector_max_delay=0x0A00), system.mac)) and len(data) == 124
 
         def persuade():
@@ -50,7 +51,8 @@ def test_frames(lab, system):
             for seen, _, _ in talk:
                 if seen.actor_state & IN_USE == IN_USE and seen.partner_system == PARTNER:
                     break
-                wire.send(answer(seen, ASKING | IN_USE if seen.actor_state & SYNCHRONIZATION else ASKING | SYNCHRONIZATION))
+                sync = IN_USE if seen.actor_state & SYNCHRONIZATION else SYNCHRONIZATION
+                wire.send(answer(seen, ASKING | sync))
             assert seen.actor_state == ASKING | IN_USE
             assert [getattr(seen, f"partner{name}") for name in STATE[:5]] == [1000, PARTNER, 7, 2000, 9]
             system.await_trunk(1, {1}, Ticks.LINK)
