@@ -55,7 +55,12 @@ nightly: tests
 
 measure: tests
 	tests/scenarios/measure_failover.py --build=$(BUILD)
-	tests/benchmarks/measure.py --build=$(BUILD)
+	for program in engine datastore; do \
+	  $(BUILD)/tests/benchmarks/$${program}_benchmark --benchmark_repetitions=5 \
+	    --benchmark_report_aggregates_only=true >/dev/null || exit 1; \
+	done
+	tests/benchmarks/count-instructions.sh $(BUILD)
+	tests/benchmarks/measure_process.py --build=$(BUILD)
 
 format: test-deps
 	scripts/test-format.sh
