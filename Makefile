@@ -34,6 +34,7 @@ tests: test-deps
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: tests format
+	@scripts/test-share.sh
 	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $(JOBS)
 
 lab: build

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Lines of C++, Python and shell under tests/ and outside it. Fails when tests are more than LIMIT % of the rest.
+# Lines of C++, Python and shell under tests/ and outside it. With --check it fails when tests are more than LIMIT % of
+# the rest.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,5 +12,5 @@ lines() { # pathspec ...
 
 tests=$(lines tests)
 code=$(lines . ':!tests')
-echo "tests: $tests lines, the rest: $code; $((100 * tests / code)) %, at most $LIMIT"
-[ $((100 * tests)) -le $((LIMIT * code)) ]
+echo "tests: $tests lines, the rest: $code; $((100 * tests / code)) %, $LIMIT are the aim"
+[ "${1:-}" != --check ] || [ $((100 * tests)) -le $((LIMIT * code)) ]
