@@ -216,6 +216,7 @@ TEST(Handlers, Orders)
     EXPECT_EQ(changes([] { Engine::dispatch(); }).find("w:+g2"), std::string::npos);
     Engine::tick(3);
     EXPECT_EQ(fake::members(2), 0U);
+    EXPECT_EQ(changes([] { Engine::configure("-g1"); }), "") << "it left group 2 for none";
 }
 
 // With one place too few for its messages a change is refused, and nothing of it is sent.

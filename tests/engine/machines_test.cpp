@@ -430,6 +430,8 @@ TEST(Machines, Membership)
         // Not in two lists.
         {"SERVING in=2 !-member-port=10", "settle", "wanted=2 tries=1 w:-g1/member-port/1"},
         // One that finds the datastore busy speaks for the others.
+        {"PAIR OUTSIDE 2.wanted=0 2.written=0 !+member-port=-3", "settle",
+         "wanted=1 written=1 tries=1 2.wanted=1 2.written=1 2.tries=1 w:+g1/member-port/1"},
         {"PAIR heard=35 2.heard=35 !-member-port=-3", "settle",
          "wanted=0 tries=1 2.wanted=0 2.tries=1 w:-g1/member-port/1"},
     });
