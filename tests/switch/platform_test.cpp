@@ -168,7 +168,8 @@ TEST(Utilities, StartThreadsWithNameArgumentAndNoSignals)
         return nullptr;
     };
     static std::promise<std::string> at_creation, at_run;
-    SystemThread *thread = system_pthread_create("x", "a-name-of-many-characters", look, 0, &at_creation);
+    static SystemThread *thread; // as the daemon keeps it: a record is never freed
+    thread = system_pthread_create("x", "a-name-of-many-characters", look, 0, &at_creation);
     EXPECT_EQ(system_pthread_run(thread, 1, nullptr), EINVAL);
     EXPECT_EQ(system_pthread_run(thread, 0, nullptr), 0);
     EXPECT_EQ(at_creation.get_future().get(), "a-name-of-many-10");
