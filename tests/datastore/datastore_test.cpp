@@ -1,0 +1,507 @@
+// The datastore library, and the daemon's own handlers behind it: what a write does to datastore, engine and driver.
+#include "private_repository.h"
+
+#include "channel_group.h"
+#include "channel_group_member.h"
+#include "fake_driver.h"
+#include "lac_dispatch.h"
+#include "lac_port.h"
+#include "lac_task.h"
+#include "lacp_database.h"
+#include "lacp_sclient.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <sysrepo/values.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using testing::ExitedWithCode;
+
+// Another datastore client: a connection of its own, so that it shares no session with what is tested.
+struct Client {
+    Client()
+    {
+        EXPECT_EQ(sr_connect(SR_CONN_DEFAULT, &connection), 0);
+        EXPECT_EQ(sr_session_start(connection, SR_DS_RUNNING, &session), 0);
+    }
+    ~Client() { sr_disconnect(connection); }
+    Client(const Client &) = delete;
+
+    sr_conn_ctx_t *connection = nullptr;
+    sr_session_ctx_t *session = nullptr; // stopped with its connection
+};
+
+// Sets leaves or (without a value) deletes nodes in one transaction of another client:
+// "G1/lacp-type=manual|P1/mode=on|G2" for groups and trunks, or with whole paths. The result is sysrepo's.
+int write(const std::string &edits)
+{
+    const Client client;
+    int code = 0;
+    std::istringstream stream(edits);
+    for (std::string edit; std::getline(stream, edit, '|');) {
+        const std::size_t end = edit.rfind('=');
+        std::string path = edit.substr(0, end);
+        if (edit[0] == 'G')
+            path = "/olt-lacp:channel-group/group[id='" + path.insert(2, "']").substr(1);
+        if (edit[0] == 'P')
+            path = "/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/" +
+                   path.insert(2, "']/olt-lacp:trunk").substr(1);
+        code += end == std::string::npos
+                    ? sr_delete_item(client.session, path.c_str(), 0)
+                    : sr_set_item_str(client.session, path.c_str(), edit.c_str() + end + 1, nullptr, 0);
+    }
+    return code != 0 ? code : sr_apply_changes(client.session, 0);
+}
+
+// Leaves of ports and groups that differ from their defaults, as "P1/priority=7;". Mode, channel group, type, load
+// balance and members have no names: "P1/on;P1/3;G3/manual;G3/src-ip;G3/1;".
+std::string configured()
+{
+    const Client client;
+    sr_val_t *values = nullptr;
+    std::size_t count = 0;
+    std::string all;
+    EXPECT_EQ(sr_get_items(client.session, "/olt-ifm:*//. | /olt-lacp:*//.", 0, 0, &values, &count), 0);
+    for (std::size_t at = 0; at < count; ++at) {
+        const std::unique_ptr<char, decltype(&std::free)> value(sr_val_to_str(&values[at]), std::free);
+        if (!values[at].dflt && values[at].type > SR_CONTAINER_T)
+            all += std::string(values[at].xpath) + "=" + value.get() + ";";
+    }
+    sr_free_values(values, count);
+    const auto replace = [&all](const char *pattern, const char *text) {
+        all = std::regex_replace(all, std::regex(pattern), text);
+    };
+    replace("[^;]*/((name|id|system-id)=[^;]*|channel-group=0|link-status=down);", "");
+    replace("/olt-ifm:up-link-ports/interface.name='gigabitethernet 0/", "P");
+    replace("/olt-lacp:channel-group/group.id='", "G");
+    replace("'\\]|/olt-lacp:[a-z-]*|/interface-basic|gigabitethernet 0/", "");
+    replace("(mode|channel-group|lacp-type|load-balance|member-port[^=]*=[^=]*)=", "");
+    return all;
+}
+
+// Calls accessors by lines like "add 1 2 active; link 1 up", or the above by "write ...", until one fails.
+int command(const std::string &lines, KelDb *db = &g_lacpd_db)
+{
+    std::istringstream stream(lines);
+    int code = 0;
+    for (std::string line; code == 0 && std::getline(stream, line, ';');) {
+        std::istringstream words(line);
+        std::string name, text, mode;
+        int one = 0;
+        words >> name;
+        if (name == "write")
+            return write(line.substr(name.size() + 1));
+        words >> one >> text >> mode;
+        const int two = std::atoi(text.c_str());
+        const auto number = static_cast<std::uint16_t>(name == "system" ? one : two);
+        const std::string port = "gigabitethernet 0/" + text;
+        const std::map<std::string, std::function<int()>> commands = {
+            {"add", [&] { return db_add_channel_group(db, 0, one, two, mode.empty() ? nullptr : mode.c_str()); }},
+            {"del", [&] { return db_del_channel_group(db, 0, one, two); }},
+            {"balance", [&] { return db_olt_lacp_set_group_load_balance(one, db, text.c_str(), 1, 1); }},
+            {"member", [&] { return db_olt_lacp_set_group_member_port(one, db, port.c_str(), 1, 1); }},
+            {"no-member", [&] { return db_olt_lacp_del_group_member_port(one, 0, two, db); }},
+            {"system", [&] { return db_olt_lacp_set_global_configuration_system_priority(db, number, 1, 1); }},
+            {"priority", [&] { return db_olt_lacp_set_trunk_priority(0, one, db, number, 1, 1); }},
+            {"timeout", [&] { return db_olt_lacp_set_trunk_timeout(0, one, db, text.c_str(), 1, 1); }},
+            {"interface", [&] { return db_olt_ifm_add_interface(0, one, db, text == "up"); }},
+            {"link", [&] { return db_olt_ifm_set_interface_basic_link_status(0, one, db, text == "up"); }},
+        };
+        code = commands.at(name)();
+    }
+    return code;
+}
+
+// Another process's subscriber. It refuses a transaction, by number: before the daemon knows of it, or late, what
+// goes to module olt-lacp, when the daemon has put a member into group 1.
+struct Subscriber : Client {
+    Subscriber(std::size_t number, bool is_late) : refused(number), late(is_late)
+    {
+        const auto told = [](sr_session_ctx_t *, std::uint32_t, const char *module, const char *, sr_event_t event,
+                             std::uint32_t transaction, void *itself) -> int {
+            auto &self = *static_cast<Subscriber *>(itself);
+            if (event == SR_EV_CHANGE)
+                self.seen.insert(transaction);
+            if (event != SR_EV_CHANGE || self.seen.size() != self.refused ||
+                (self.late && strcmp(module, "olt-ifm") == 0))
+                return 0;
+            for (std::uint32_t members = 0; self.late && members == 0;)
+                get_channel_group_port_list(1, &members);
+            return SR_ERR_OPERATION_FAILED;
+        };
+        for (const char *module : {"olt-ifm", "olt-lacp"})
+            EXPECT_EQ(sr_module_change_subscribe(session, module, nullptr, told, this, late ? 0 : 1, 0, &context), 0);
+    }
+    ~Subscriber() { sr_unsubscribe(context); }
+
+    const std::size_t refused;
+    const bool late;
+    std::set<std::uint32_t> seen; // transactions
+    sr_subscription_ctx_t *context = nullptr;
+};
+
+std::string asked;
+
+// Members (bits) of the groups in the engine's table; of each port with LACP "; PORT: SYSTEM-PRIORITY KEY PRIORITY
+// STATE", of the state activity (1) and timeout (2); the driver's requests since the last expectation "| ID FIELDS".
+std::string engine()
+{
+    for (LacQueueMsg message; Lac_Queue.tryPop(message);)
+        lacDispatch(message);
+    std::string text;
+    const auto add = [](std::string &to, std::uint32_t number) { to += " " + std::to_string(number); };
+    std::uint32_t members = 0;
+    for (int group = 1; get_channel_group_port_list(group, &members) == LAC_OK; ++group)
+        add(text, members);
+    for (const LacPort *port : lac_ports()) {
+        const LacInfo info = lac_actor_info(port);
+        if (port->lacp_enabled != 1)
+            continue;
+        text += "; " + std::to_string(port->port_no) + ":";
+        for (const int value : {int{info.system_priority}, int{info.key}, int{info.port_priority}, info.state & 3})
+            add(text, value);
+    }
+    for (const fake::Message &message : fake::take_messages()) {
+        asked += " |";
+        for (std::size_t at = 7; at < message.size(); at += 4)
+            add(asked, message[at]);
+    }
+    return text + asked;
+}
+
+const auto state = +[] { return configured() + "#" + engine(); };
+
+// The datastore's thread works on its own time.
+void expect(const std::string &expected, std::string (*read)())
+{
+    const auto give_up = std::chrono::steady_clock::now() + 5s;
+    std::string seen = read();
+    for (; seen != expected && std::chrono::steady_clock::now() < give_up; seen = read())
+        std::this_thread::sleep_for(2ms);
+    EXPECT_EQ(seen, expected);
+    asked.clear();
+}
+
+// To a datastore with nothing but five interface entries.
+void connect()
+{
+    ASSERT_EQ(write("/olt-lacp:channel-group|/olt-lacp:global-configuration|/olt-ifm:up-link-ports"), 0);
+    ASSERT_EQ(database_init(&g_lacpd_db), 0);
+    ASSERT_EQ(command("interface 1; interface 2; interface 3; interface 4; interface 5"), 0);
+}
+
+const struct {
+    const char *path; // "*" stands for the values, or they are what is written
+    const char *taken;
+    const char *refused;
+    const char *value = nullptr; // of a path with a "*"
+} SCHEMA[] = {
+    // groups 1 (no type) and 2 (dynamic), ports 1 to 5
+    {"G*/lacp-type", "1,4", "0,5", "manual"},
+    {"G3/lacp-type", "manual,dynamic", "static,,"},
+    {"G1/load-balance", "dst-mac,src-mac,src-dst-mac,src-ip,dst-ip,src-dst-ip", "src-port"},
+    {"G2/member-port", "gigabitethernet 0/1", "gigabitethernet 0/9,eth0"},
+    {"G*/member-port", "", "1,3", "gigabitethernet 0/1"},
+    {"G1/join-port", "gigabitethernet 0/2", "gigabitethernet 0/9"},
+    {"P1/channel-group", "4,0", "5"},
+    {"P1/mode", "on,active,passive", "off"},
+    {"P1/priority", "0,65535", "65536"},
+    {"P1/timeout", "long,short", "3"},
+    {"/olt-lacp:global-configuration/system-priority", "0,65535", "65536,-1"},
+    {"/olt-lacp:global-configuration/system-id", "0011.22aa.ff55",
+     "0011.22AA.ff55,00:11:22:33:44:55,0011.2233.445,0011.2233.44555"},
+    {"/olt-ifm:up-link-ports/interface[name='gigabit*']/interface-basic/link-status", "ethernet 0/8",
+     "ethernet 0/9,ethernet 0/0,ethernet 1/1,Ethernet 0/2,ethernet 0/10", "up"},
+    {"/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/1']/interface-basic/link-status", "up,down",
+     "unknown"},
+    {"/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/1']/olt-lacp:trunk-info/port[role='actor']/oper-key",
+     "", "1"},
+};
+
+TEST(Schema, TakesWhatMakesSenseOnly)
+{
+    connect();
+    for (const auto &[pattern, taken, refused, fixed] : SCHEMA) {
+        ASSERT_EQ(write("/olt-lacp:channel-group"), 0);
+        ASSERT_EQ(write("G2/lacp-type=dynamic|G1/load-balance=src-mac"), 0);
+        for (const char *values : {refused, taken}) {
+            std::istringstream stream(values);
+            for (std::string value; std::getline(stream, value, ',');) {
+                const std::string path = std::regex_replace(std::string(pattern), std::regex("\\*"), value);
+                EXPECT_EQ(write(path + "=" + (fixed != nullptr ? fixed : value)) == 0, values == taken)
+                    << path << value;
+            }
+        }
+    }
+}
+
+TEST(Library, WaitsForTheInventory)
+{
+    connect();
+    char text[5];
+    std::uint32_t size = 4; // one less than needed
+    EXPECT_NE(db_olt_ifm_get_interface_basic_link_status(0, 1, &g_lacpd_db, text, &size), 0);
+    EXPECT_EQ(db_olt_ifm_get_interface_basic_link_status(0, 1, &g_lacpd_db, text, &++size), 0);
+    ASSERT_EQ(write("/olt-ifm:up-link-ports"), 0);
+    EXPECT_NE(command("priority 1 7"), 0) << "a setting brings no port into the inventory";
+    setenv(KEL_DB_INVENTORY_WAIT_ENV, "1", 1);
+    DevPortInfo info{};
+    testing::internal::CaptureStderr();
+    EXPECT_NE(database_dev_get_port_info(&g_lacpd_db, &info), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "keldatabase: the datastore has no uplink interfaces yet; waiting up to 1 seconds for the switch\n"
+              "keldatabase: the datastore has no uplink interfaces: start the switch first, then this program\n");
+    const std::jthread creator([] { // an inventory that grows is taken whole
+        for (const char *line : {"interface 2", "interface 3", "interface 4"}) {
+            std::this_thread::sleep_for(120ms);
+            EXPECT_EQ(command(line), 0);
+        }
+    });
+    ASSERT_EQ(database_dev_get_port_info(&g_lacpd_db, &info), 0);
+    EXPECT_EQ(std::tuple(info.first_port, info.last_port, info.port_count), std::tuple(2U, 4U, 3U));
+}
+
+TEST(Library, FailsEverywhereWithoutAConnection)
+{
+    KelDb unconnected{};
+    KelDbSession session{};
+    for (KelDb *db : {&unconnected, static_cast<KelDb *>(nullptr)}) {
+        for (const char *line : {"add 1 1 on", "del 1 1", "balance 1 src-mac", "member 1 1", "no-member 1 1",
+                                 "system 1", "priority 1 1", "timeout 1 long", "interface 1", "link 1"})
+            EXPECT_NE(command(line, db), 0) << line;
+        EXPECT_NE(lacp_database_subs(db), 0);
+        EXPECT_NE(db_connect_init_with_vty(&session, db), 0);
+    }
+}
+
+TEST(Library, SaysOfSysrepoWhatTheMaskAsksFor)
+{
+    static std::uint32_t mask = KEL_DB_DEBUG_SYSREPO;
+    db_debug_flag_reg(&mask);
+    testing::internal::CaptureStderr();
+    sysrepo_debug_func_return()(SR_LL_ERR, "an error");
+    sysrepo_debug_func_return()(SR_LL_DBG, "a detail");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "sysrepo: an error\n");
+}
+
+// What the daemon does with a datastore; ends the process, or stays.
+void use(const char *user, bool stay = false)
+{
+    const passwd *entry = getpwnam(user);
+    if (setgroups(0, nullptr) != 0 || setgid(entry->pw_gid) != 0 || setuid(entry->pw_uid) != 0)
+        _exit(9);
+    intf = {1, 5};
+    channel_group_daemon_init();
+    if (database_init(&g_lacpd_db) != 0)
+        _exit(1);
+    if (lacp_database_subs(&g_lacpd_db) != 0)
+        _exit(2);
+    if (stay)
+        pause();
+    _exit(command("balance 1 src-mac; balance 1 dst-mac"));
+}
+
+TEST(Processes, UnusableRepositoriesAreNamed)
+{
+    const std::string empty = std::string(getenv("SYSREPO_SHM_DIR")) + "/empty";
+    setenv("SYSREPO_REPOSITORY_PATH", empty.c_str(), 1);
+    EXPECT_EXIT(use("root"), ExitedWithCode(1), "there is no datastore in .*empty; install it");
+    ASSERT_EQ(mkdir(empty.c_str(), 0700), 0) << "it was not made";
+    setenv("SYSREPO_SHM_DIR", empty.c_str(), 1);
+    EXPECT_EXIT(use("root"), ExitedWithCode(1), "YANG module olt-ifm is not in the datastore in .*empty");
+}
+
+TEST(Processes, RootAndDaemonUseTheDatastoreOneServesIt)
+{
+    for (const char *user : {"daemon", "root", "daemon"}) // each leaves files that the next one has to replace
+        EXPECT_EXIT(use(user), ExitedWithCode(0), "");
+    EXPECT_EXIT(use("nobody"), ExitedWithCode(1), "cannot be opened \\(Permission denied\\)");
+    const pid_t first = fork();
+    if (first == 0)
+        use("daemon", true);
+    while (!db_module_is_served("olt-lacp") && waitpid(first, nullptr, WNOHANG) == 0)
+        std::this_thread::sleep_for(2ms);
+    EXPECT_EXIT(use("root"), ExitedWithCode(2),
+                std::to_string(first) + " already serves the configuration of olt-lacp");
+    kill(first, SIGKILL);
+    waitpid(first, nullptr, 0);
+    EXPECT_EXIT(use("root"), ExitedWithCode(0), "") << "its lock and its subscription went with the process";
+}
+
+TEST(Processes, ScriptMakesClosesAndUpgradesRepositories)
+{
+    setenv("SOURCES", LACPD_YANG_DIR "/..", 1);
+    setenv("SYSREPOCTL", LACPD_SYSREPOCTL, 1);
+    const std::tuple<const char *, int, const char *> rows[] = {
+        {"stat -c '%U %G %a' $SYSREPO_REPOSITORY_PATH $SYSREPO_SHM_DIR $SYSREPO_SHM_DIR/test_olt-lacp.running >&2", 0,
+         "root daemon 770\nroot daemon 770\nroot daemon 660\n"},
+        {"cd $SYSREPO_SHM_DIR/.. && cp -r $SOURCES/scripts $SOURCES/yang . && chmod 777 shm && "
+         "sed -i '0,/revision [0-9-]*/s//revision 2999-12-31/' yang/olt-lacp.yang && scripts/datastore.sh && "
+         "$SYSREPOCTL -l >&2; stat -c %a shm >&2",
+         0, "olt-lacp *. 2999-12-31(.|\n)*\n770\n"},
+        {"$SOURCES/scripts/datastore.sh", 1, "installed in a newer revision"},
+        {"$SOURCES/scripts/datastore.sh --fast", 1, "unknown argument --fast"},
+        {"SYSREPO_SHM_DIR= SYSREPO_SHM_PREFIX= $SOURCES/scripts/datastore.sh", 1, "would mix two datastores"},
+        {"SYSREPOCTL=/nowhere $SOURCES/scripts/datastore.sh", 1, "run scripts/deps.sh first"},
+    };
+    for (const auto &[command, status, says] : rows)
+        EXPECT_EXIT(execl("/bin/sh", "sh", "-c", command, nullptr), ExitedWithCode(status), says);
+}
+
+// The engine behind the datastore. Its messages are dispatched when it is looked at.
+struct HandlersTest : testing::Test {
+    HandlersTest()
+    {
+        connect();
+        intf = {1, 5};
+        lacp_sclient_init(nullptr, 0, nullptr);
+        lac_set_dispatcher(lacDispatch);
+        channel_group_daemon_init();
+        sem_post(&lac_task_sem); // as the dispatcher does when it runs
+        EXPECT_EQ(lacp_database_subs(&g_lacpd_db), 0);
+    }
+};
+
+constexpr struct {
+    const char *before; // or nothing: the line goes on from the one above
+    const char *lines;
+    const char *undone; // a refusal of one of these transactions leaves everything as it was; letters: a late one
+    std::size_t transactions;
+    const char *after; // all of it, or of the engine only
+} ROWS[] = {
+    {"", "link 1 up; add 1 1 on; add 3 1 on", "1", 6, " 5 0 0 0 | 10 1 9 1 1"},
+    {nullptr, "link 3 up", "", 1, " 5 0 0 0 | 10 1 9 5 2"},
+    {nullptr, "balance 1 src-dst-ip; del 1 1", "", 3, " 4 0 0 0 | 12 1 18 | 10 1 18 4 1"},
+    {nullptr, "del 3 1; add 3 1 on", "", 7, " 4 0 0 0 | 11 1 | 10 1 18 4 1"}, // the criterion has stayed
+    {nullptr, "write G1", "", 1, " 0 0 0 0 | 11 1"},
+    {"", "write P4/channel-group=3|P4/priority=7|P4/mode=passive|G3/lacp-type=dynamic", "1", 1,
+     " 0 0 0 0; 4: 32768 3 7 0"},
+    {nullptr, "write G2/lacp-type=dynamic|P4/channel-group=2", "", 1, " 0 0 0 0; 4: 32768 2 7 0"},
+    {nullptr, "write G2", "", 1, " 0 0 0 0"},
+    {nullptr, "write G2/lacp-type=dynamic", "", 1, " 0 0 0 0; 4: 32768 2 7 0"}, // still configured for it
+    {nullptr, "write P4/channel-group=0", "", 1, " 0 0 0 0"},
+    {"", "add 2 3 passive", "123", 3, "P2/passive;P2/3;G3/dynamic;# 0 0 0 0; 2: 32768 3 32768 0"},
+    {"", "add 1 1 on", "123c", 3, "P1/on;P1/1;G1/manual;G1/1;# 1 0 0 0"},
+    {"balance 1 dst-ip; add 2 1 on", "add 1 1 on", "12", 2,
+     "P1/on;P1/1;P2/on;P2/1;G1/manual;G1/dst-ip;G1/1;G1/2;# 3 0 0 0"},
+    {"balance 1 src-mac", "add 1 1 active", "123", 3,
+     "P1/active;P1/1;G1/dynamic;G1/src-mac;# 0 0 0 0; 1: 32768 1 32768 1"},
+    {"add 1 2 active", "add 1 2 passive", "1", 1, "P1/passive;P1/2;G2/dynamic;# 0 0 0 0; 1: 32768 2 32768 0"},
+    {"add 1 2 on", "add 1 2 on", "", 0, "P1/on;P1/2;G2/manual;G2/1;# 0 1 0 0"},
+    {"add 1 1 on; add 2 1 on", "del 1 1", "1", 2, "P2/on;P2/1;G1/manual;G1/2;# 2 0 0 0"},
+    {"add 1 1 on", "del 1 1; add 1 1 active", "1", 6, "P1/active;P1/1;G1/dynamic;# 0 0 0 0; 1: 32768 1 32768 1"},
+    {"balance 4 src-ip; add 1 4 active", "del 1 4", "1", 4, "G4/src-ip;# 0 0 0 0"},
+    {"add 1 2 active; member 2 1", "del 1 2", "1", 4, "# 0 0 0 0"}, // nobody detaches it
+    {"balance 1 src-dst-ip; add 1 1 passive", "add 1 2 active", "123567", 7,
+     "P1/active;P1/2;G1/src-dst-ip;G2/dynamic;# 0 0 0 0; 1: 32768 2 32768 1"},
+    {"add 1 1 on; add 2 1 on", "add 1 2 on", "12345", 5,
+     "P1/on;P1/2;P2/on;P2/1;G1/manual;G1/2;G2/manual;G2/1;# 2 1 0 0"},
+    {"add 1 2 active", "member 2 2; member 2 2; member 2 1; no-member 2 2", "1", 3,
+     "P1/active;P1/2;G2/dynamic;G2/1;# 0 1 0 0; 1: 32768 2 32768 1"},
+    {"", "priority 1 100; timeout 2 short; balance 3 dst-mac; link 3 up; interface 3", "1", 5,
+     "P1/priority=100;P2/timeout=short;G3/dst-mac;# 0 0 0 0"},
+    {"", "priority 2 100; system 77; add 2 2 passive; timeout 2 short", "1", 6, " 0 0 0 0; 2: 77 2 100 2"},
+    {nullptr, "link 2 up; member 2 2; no-member 2 2", "", 3, " 0 0 0 0; 2: 77 2 100 2 | 10 2 9 2 1 | 11 2"},
+    {nullptr, "del 2 2; add 2 2 passive", "", 6, " 0 0 0 0; 2: 77 2 100 2"},
+    {nullptr, "add 2 2 active", "", 1, " 0 0 0 0; 2: 77 2 100 3"},
+};
+
+TEST_F(HandlersTest, LinesDoWhatTheySayOrNothing)
+{
+    for (const auto &row : ROWS) {
+        for (const char refused : std::string(row.undone) + "-") {
+            SCOPED_TRACE(std::string(row.lines) + ", transaction refused: " + refused);
+            if (row.before != nullptr) {
+                lacp_database_clear(&g_lacpd_db);
+                ASSERT_EQ(command("link 1; link 2; link 3"), 0);
+                ASSERT_EQ(command(row.before), 0);
+            }
+            const std::string before = state();
+            const Subscriber subscriber(refused & 15, refused >= 'a'); // number 13 is not met
+            EXPECT_EQ(command(row.lines) == 0, refused == '-');
+            expect(refused == '-' ? row.after : before, refused == '-' && row.after[0] == ' ' ? engine : state);
+            ASSERT_TRUE(refused != '-' || subscriber.seen.size() == row.transactions) << subscriber.seen.size();
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+}
+
+TEST_F(HandlersTest, NonsenseChangesNothing)
+{
+    ASSERT_EQ(command("add 1 1 on; add 2 1 on; add 3 1 on; add 4 1 on; add 5 2 active"), 0);
+    expect(" 15 0 0 0; 5: 32768 2 32768 1", engine);
+    char **texts = nullptr;
+    std::uint32_t count = 0;
+    ASSERT_EQ(db_olt_lacp_get_group_member_port(1, &g_lacpd_db, &texts, &count), 0);
+    ASSERT_EQ(count, 4U);
+    EXPECT_STREQ(texts[3], "gigabitethernet 0/4");
+    db_free_string_array_val(texts, count);
+    const std::string before = state();
+    for (const char *line : {"add 5 1 on", "add 5 1 active", "add 1 1 active", "add 1 2 on",    "add 1 0 on",
+                             "add 1 5 on", "add 5 2 auto",   "add 5 2",        "add 6 3 on",    "del 1 2",
+                             "del 1 0",    "del 6 1",        "del 6 0",        "priority 6 1",  "timeout 6 short",
+                             "link 6 up",  "interface 6 up", "no-member 2 5",  "no-member 3 5", "timeout 1 never"})
+        EXPECT_NE(command(line), 0) << line;
+    EXPECT_NE(db_add_channel_group(&g_lacpd_db, 1, 1, 1, "on"), 0) << "no such slot";
+    EXPECT_NE(command("write G1/lacp-type=dynamic"), 0);
+    expect(before, state);
+    EXPECT_EQ(db_olt_lacp_set_global_configuration_system_id(&g_lacpd_db, "0011.22aa.bbcc", 1, 1), 0);
+    engine();
+    EXPECT_EQ(lacSystem->system_mac.get(), (Mac{0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC}));
+}
+
+// The command waits for the daemon to take the port out of the list, and does not do so itself.
+TEST_F(HandlersTest, LeavingWaitsForTheDaemon)
+{
+    ASSERT_EQ(command("add 1 2 active; member 2 1"), 0);
+    const std::jthread dispatcher([] {
+        while (configured().find("P1/2;") != std::string::npos)
+            std::this_thread::yield();
+        EXPECT_EQ(command("no-member 2 1"), 0);
+    });
+    KelDbSession shell{};
+    ASSERT_EQ(db_connect_init_with_vty(&shell, &g_lacpd_db), 0);
+    EXPECT_EQ(command("del 1 2", shell.db), 0);
+    EXPECT_EQ(db_disconnect_free_with_vty(&shell, nullptr), 0);
+    EXPECT_NE(lacp_database_subs(&g_lacpd_db), 0) << "it is there already";
+    EXPECT_TRUE(db_module_is_served("olt-lacp"));
+}
+
+// The link handler reads a port's group while its members change and a shell reads; first there is a foreign lock.
+TEST_F(HandlersTest, NobodyWaitsInVain)
+{
+    ASSERT_EQ(command("add 1 1 active; link 1 up"), 0);
+    Client holder;
+    ASSERT_EQ(sr_lock(holder.session, "olt-lacp", 0), 0);
+    std::atomic<int> running = 2;
+    std::vector<std::jthread> threads;
+    for (const char *lines : {"member 1 1; no-member 1 1; balance 3 src-ip; balance 3 dst-ip", "link 1; link 1 up"})
+        threads.emplace_back([&, lines] {
+            for (int round = 0; round < 200; ++round) {
+                const auto started = std::chrono::steady_clock::now();
+                EXPECT_EQ(command(lines), 0) << lines;
+                EXPECT_TRUE(std::chrono::steady_clock::now() < started + 7s); // a read gives up after eight
+            }
+            --running;
+        });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(sr_unlock(holder.session, "olt-lacp"), 0);
+    for (; running > 0; engine())
+        EXPECT_EQ(command("add 1 1 active"), 0);
+}
+
+} // namespace
