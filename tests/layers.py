@@ -8,10 +8,10 @@ import sys
 
 LAYERS = [  # from the ground up
     "lac_word lacp",
-    "lac_memory lacp_privileges lac_store lacp_sclient lac_port lac_timer lac_wire lac_task lacp_packet channel_group",
+    "lac_memory lacp_privileges lac_store lacp_sclient lac_port lac_timer lac_wire lac_task lac_resume_file lacp_packet channel_group",
     "lac_member channel_group_member channel_group_plan",
     "lac_tx lac_mux lac_rx lac_select",
-    "lac_event lac_pdu lac_tick lac_dispatch",
+    "lac_event lac_pdu lac_tick lac_resume lac_dispatch",
     "lac_show channel_group_show lacp_operational lacp_database_cb lacp_database",
     "lacp_cli_show lacp_cli_debug lacp_cli",
     "lacp_main",

@@ -49,6 +49,13 @@ void start_lacp_once_cfg()
     lacpCtrl.once_cfg_done = 1;
 }
 
+void resume_lacp_once_cfg()
+{
+    lacpDrvCtrlInit();
+    lacWaitAndSend("resume_lacp_once_cfg", LAC_Q_LACP_ON, 0, 0);
+    lacpCtrl.once_cfg_done = 1;
+}
+
 // ---- membership -----------------------------------------------------------------------------------------------
 
 int set_manual_channel_group_type(int group)
@@ -281,6 +288,8 @@ Trunk trunk_of(int group)
 // each send until nothing has changed leaves the service with what the table holds.
 void lacp_trunk_resync(sclient *client)
 {
+    if (client == nullptr || lacp_trunk_is_held())
+        return;
     const std::unique_ptr<stream, decltype(&stream_free)> out(stream_new(SCLIENT_MAX_MESSAGE), stream_free);
     for (int group = 1; group <= CHANNEL_GROUP_MAX_NUM; ++group) {
         Trunk sent;

@@ -17,6 +17,8 @@ int channel_group_daemon_init();
 int dynamic_channel_init();
 // Switches LACP on at the first call (takes a second); later calls do nothing.
 void start_lacp_once_cfg();
+// The same at a start that resumes, which has no second to give. Start-up.
+void resume_lacp_once_cfg();
 
 // ---- membership and links -------------------------------------------------------------------------------------
 
@@ -49,5 +51,5 @@ int set_lacp_system_mac(const Mac &mac);
 
 // ---- the driver service comes back ----------------------------------------------------------------------------
 
-// Sends every group's trunk as the table has it now. Event loop's thread.
+// Sends every group's trunk as the table has it now, unless trunks are held. Any thread.
 void lacp_trunk_resync(sclient *client);

@@ -5,6 +5,7 @@
 #include "lac_memory.h"
 #include "lac_pdu.h"
 #include "lac_port.h"
+#include "lac_resume.h"
 #include "lac_select.h"
 #include "lac_task.h"
 #include "lac_tick.h"
@@ -77,6 +78,9 @@ static void run_machines(LacQueueMsg &message)
     case LAC_Q_SYSTEM_ID:
         lacSystem->system_mac = PublishedMac::unpack(message.payload);
         break;
+    case LAC_Q_RESUME:
+        lacResume();
+        break;
     case LAC_Q_PDU:
         dispatch_pdu(message);
         break;
@@ -100,6 +104,9 @@ static void settle_members(bool retry)
 
 void lacDispatch(LacQueueMsg &message)
 {
+    if (lacStandsStill(message))
+        return;
     run_machines(message);
     settle_members(message.code == LAC_Q_TICK);
+    lacKeepResume();
 }

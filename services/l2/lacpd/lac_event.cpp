@@ -279,6 +279,7 @@ constexpr AttributeRow ATTRIBUTES[] = {
 void lacApplyAttribute(const LacQueueMsg &message)
 {
     LacPort *port = lacNoToPort(static_cast<std::uint32_t>(message.port));
+    lac_note_change();
     for (const AttributeRow &row : ATTRIBUTES)
         if (row.code == message.code && port != nullptr)
             row.apply(port, message.payload);
@@ -288,6 +289,7 @@ void lacApplyAttribute(const LacQueueMsg &message)
 void lacApplySystemPriority(std::uint16_t priority)
 {
     lacpCtrl.system_priority = priority;
+    lac_note_change();
     for (LacPort *port : lac_ports()) {
         port->actor_system_priority = priority;
         port->actor_admin_system_priority = priority;

@@ -280,6 +280,12 @@ void lacRestartMux(LacPort *port)
     port->muxm = LAC_MUX_ENTER_DETACHED;
 }
 
+void lacMuxResume(LacPort *port)
+{
+    port->attached_group = port->channel_group_id;
+    port->attached = 1;
+}
+
 void lacMuxMachineInitPort(LacPort *port)
 {
     lac_trace(LAC_DBG_UNSELECT, "%d: lacMuxMachineInitPort: UNSELECTED\r\n", port->port_no);

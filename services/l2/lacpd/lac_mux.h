@@ -8,6 +8,8 @@ void lacMuxMachine(LacPort *port);
 void lacMuxMachineInitPort(LacPort *port);
 // The next run begins with the entry of DETACHED.
 void lacRestartMux(LacPort *port);
+// The port was attached in its group before a restart.
+void lacMuxResume(LacPort *port);
 // Sets the mask of the port's aggregator to the port's own bit.
 void lacInitPortMask(LacPort *port);
 // State 0 to 6 of an existing port.

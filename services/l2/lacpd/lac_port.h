@@ -51,6 +51,12 @@ inline void lac_clear_partner_state(LacPort *port, std::uint8_t bits)
     port->partner_oper_state &= static_cast<std::uint8_t>(~bits);
 }
 
+// Something of what a restart needs has changed. Dispatcher.
+inline void lac_note_change()
+{
+    lacSystem->unsaved = true;
+}
+
 // The ports of the system, in list order: for (LacPort *port : lac_ports()).
 class LacPortIterator
 {

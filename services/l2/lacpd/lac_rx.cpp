@@ -195,20 +195,33 @@ static void record_synchronization(LacPort *port, const LacPdu &pdu, const Partn
     lac_trace(LAC_DBG_RX, "[recordPDU-3 port %d rx Lac_received,port->rxm %d]\r\n", port->port_no, port->rxm.get());
 }
 
+static void record_partner(LacPort *port, const LacInfo &partner, std::uint8_t heard_state)
+{
+    lac_set_partner_info(port, partner);
+    port->heard_state = heard_state;
+    port->aggregator_partner_system = partner.system;
+    port->aggregator_partner_system_priority = partner.system_priority;
+    port->aggregator_partner_key = partner.key;
+    lac_clear_actor_state(port, LAC_DEFAULTED);
+}
+
 static void record_pdu(LacPort *port, const LacPdu &pdu)
 {
-    lac_set_partner_info(port, pdu.actor);
-    port->heard_state = pdu.actor.state;
-    port->aggregator_partner_system = pdu.actor.system;
-    port->aggregator_partner_system_priority = pdu.actor.system_priority;
-    port->aggregator_partner_key = pdu.actor.key;
-    lac_clear_actor_state(port, LAC_DEFAULTED);
-
+    if (port->heard_state != pdu.actor.state)
+        lac_note_change();
+    record_partner(port, pdu.actor, pdu.actor.state);
     const PartnerClaim claim = judge(port, pdu);
     record_synchronization(port, pdu, claim);
     port->matched = claim.active && (claim.matches_port || claim.individual);
     if (port->matched == 0)
         port->stats->unmatched_count += 1;
+}
+
+static void enter_current(LacPort *port)
+{
+    start_current_while_timer(port, (port->actor_oper_state & LAC_TIMEOUT) != 0);
+    lac_clear_actor_state(port, LAC_EXPIRED);
+    port->rxm = LAC_RX_CURRENT;
 }
 
 static void receive(LacPort *port, const LacPdu &pdu)
@@ -227,9 +240,7 @@ static void receive(LacPort *port, const LacPdu &pdu)
         lac_trace(LAC_DBG_TIMER, "[%d Don't restart current while timer for agg down.]\r\n", port->port_no);
         return;
     }
-    start_current_while_timer(port, (port->actor_oper_state & LAC_TIMEOUT) != 0);
-    lac_clear_actor_state(port, LAC_EXPIRED);
-    port->rxm = LAC_RX_CURRENT;
+    enter_current(port);
 }
 
 static void current_while_expired(LacPort *port)
@@ -269,4 +280,14 @@ void lacRxMachine(LacPort *port, std::uint32_t event, const LacPdu *pdu)
         break;
     }
     lacKickMux(port, LacKick::event);
+}
+
+// What was heard since the start is newer than what is given.
+void lacRxResume(LacPort *port, const LacInfo &partner, std::uint8_t heard_state)
+{
+    if (port->rxm != LAC_RX_CURRENT) {
+        record_partner(port, partner, heard_state);
+        port->matched = 1;
+    }
+    enter_current(port);
 }

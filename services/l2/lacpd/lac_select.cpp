@@ -250,6 +250,20 @@ void lacSelect(LacPort *port)
             assign(member, best, (serving & lac_port_bit(member)) != 0);
 }
 
+void lacSelectResumed(std::uint32_t ports)
+{
+    for (LacPort *port : lac_ports()) {
+        if ((ports & lac_port_bit(port)) == 0)
+            continue;
+        port->selected = LAC_SELECTED;
+        port->individual = 0;
+        lacMuxResume(port);
+    }
+    for (LacPort *port : lac_ports())
+        if ((ports & lac_port_bit(port)) != 0)
+            lacSelect(port);
+}
+
 // ---- aggregations ---------------------------------------------------------------------------------------------
 
 // Each port leaves its own aggregator: the members are all in the list, so none is forgotten.

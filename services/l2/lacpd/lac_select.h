@@ -5,6 +5,8 @@
 
 // Re-evaluates the port's whole channel group and runs each port's mux machine on the result.
 void lacSelect(LacPort *port);
+// Selects these ports, as a mask, which have served before a restart; none of them waits.
+void lacSelectResumed(std::uint32_t ports);
 // Puts every port back into an aggregator of its own (LACP switched off).
 void lacReattachApsToAgs();
 std::uint32_t lacNumOfPortsInAggregation(const LacPort *port);

@@ -35,6 +35,7 @@ void wait_for_send_lock()
 LacQueue Lac_Queue;
 sem_t lac_task_sem;
 LacDrvCtrl *lacDrvCtrl;
+Published<std::uint64_t> lacTicks;
 SystemThread *lacRecv_tid;
 SystemThread *lacTimer_tid;
 Published<std::uint32_t> lacDebug;
@@ -220,6 +221,7 @@ static void *lacRecvTask(SystemThread *)
                   received ? sizeof(message) - sizeof(message.type) : ~0UL, received ? message.code : 0UL);
         if (received)
             dispatcher(message);
+        lacTicks += received && message.code == LAC_Q_TICK;
     }
 }
 

@@ -23,6 +23,7 @@ enum LacQueueCode : std::uint64_t {
     LAC_Q_PORT_RESELECT = 22,
     LAC_Q_SYSTEM_PRIORITY = 23,
     LAC_Q_SYSTEM_ID = 24,
+    LAC_Q_RESUME = 25,
     LAC_Q_PDU = 0xFBFBFBFB,
     LAC_Q_TICK = 0xFCFCFCFC,
 };
@@ -95,6 +96,7 @@ struct LacDrvCtrl {
 extern LacQueue Lac_Queue;
 extern sem_t lac_task_sem; // send lock: every sender waits on it, lacQSend posts it
 extern LacDrvCtrl *lacDrvCtrl;
+extern Published<std::uint64_t> lacTicks; // that the dispatcher has acted on
 extern SystemThread *lacRecv_tid;
 extern SystemThread *lacTimer_tid;
 

@@ -195,6 +195,16 @@ void tx_machine(LacPort *port, std::uint32_t event)
     }
 }
 
+// From its start it takes the periodic machine four ticks to the first LACPDU of its own, longer than a short timeout:
+// another one bridges them.
+void lacTxResume(LacPort *port, std::uint8_t told_state)
+{
+    port->told_state = told_state;
+    update_Period(port);
+    tx_machine(port, Lac_tx_scheduler_expired);
+    tx_machine(port, Lac_ntt);
+}
+
 int lac_send_pdu(std::uint32_t port_no, const std::uint8_t *frame)
 {
     lac_trace(LAC_DBG_SEND, "\r\n %s  port %d  bridge port %d cos %d vlan %d\n\r", "lac_send_pdu", port_no, port_no,

@@ -11,6 +11,9 @@ void update_Period(LacPort *port);
 void periodic_machine(LacPort *port, std::uint32_t event);
 void tx_machine(LacPort *port, std::uint32_t event);
 
+// What a port last told before a restart; tells at once what it is now. Its periodic transmission starts.
+void lacTxResume(LacPort *port, std::uint8_t told_state);
+
 // Sends a 124-byte frame (header and PDU) out of a port; the socket's result.
 int lac_send_pdu(std::uint32_t port_no, const std::uint8_t *frame);
 

@@ -297,6 +297,7 @@ struct LacSystem {
     PublishedMac system_mac;               // sent as Actor_System
     Published<std::uint32_t> system_state; // 1 while LACP is switched on
     Published<std::uint64_t> last_change_ms;
+    bool unsaved; // lac_resume keeps it; set with every change of what it keeps
 };
 
 struct LacpCtrl {

@@ -2,6 +2,7 @@
 #include "channel_group_member.h"
 #include "lac_dispatch.h"
 #include "lac_pdu.h"
+#include "lac_resume.h"
 #include "lacp.h"
 #include "lacp_cli.h"
 #include "lacp_database.h"
@@ -12,9 +13,11 @@
 #include "frr/frr.hpp"
 #include "keldatabase/keldatabase.h"
 #include "shell/shell.h"
+#include "sysutil/service_manager.h"
 #include "sysutil/sysutil.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <getopt.h>
 
 event_loop *master;
@@ -69,7 +72,10 @@ static frr_daemon_info lacpd_daemon_info = daemon_info();
 
 // ---- options --------------------------------------------------------------------------------------------------
 
+static int no_resume;
+
 static const option longopts[] = {
+    {"no-resume", no_argument, &no_resume, 1},
     {"instance", required_argument, nullptr, 'n'},
     {"apiserver", no_argument, nullptr, 'a'},
     {},
@@ -79,7 +85,8 @@ static const option longopts[] = {
 static void parse_options(int argc, char **argv)
 {
     frr_opt_add("n:a", longopts,
-                "  -n, --instance     Set the instance id\n  -a, --apiserver    Enable OSPF apiserver\n");
+                "  -n, --instance     Set the instance id\n  -a, --apiserver    Enable OSPF apiserver\n"
+                "      --no-resume    Form every link anew, whatever was left by the daemon before\n");
     for (int option = frr_getopt(argc, argv, nullptr); option != EOF; option = frr_getopt(argc, argv, nullptr))
         if (option != 0)
             frr_help_exit(1);
@@ -118,8 +125,37 @@ static void clear_stale_configuration()
         lacp_database_clear(&g_lacpd_db);
 }
 
+// Beside the file of the process number, which every instance has of its own.
+static std::string resume_file()
+{
+    return std::filesystem::path(lacpd_daemon_info.pid_file).replace_extension("resume");
+}
+
+// ---- running --------------------------------------------------------------------------------------------------
+
+constexpr long ALIVE_MS = 500; // between looks at the dispatcher's ticks
+
+static bool configuration_is_told;
+
+// The service manager hears of a dispatcher that goes on, not of this loop.
+static void tell_alive(event *)
+{
+    configuration_is_told = configuration_is_told || lacConfigurationRestored();
+    if (lacStampAlive())
+        service_manager_tell("WATCHDOG=1");
+    event_add_timer_msec(master, tell_alive, nullptr, ALIVE_MS, nullptr);
+}
+
+static int configuration_restored(event_loop *)
+{
+    tell_alive(nullptr);
+    service_manager_tell("READY=1");
+    return 0;
+}
+
 int main(int argc, char **argv)
 {
+    service_manager_init();
     setvbuf(stdout, nullptr, _IOLBF, 0); // a log shows a message when it happens
     kel_db_cb_init_func(lacp_module_change_cb_init, &g_lacpd_db);
     kel_db_cb_free_func(lacp_module_change_cb_free, &g_lacpd_db);
@@ -135,11 +171,13 @@ int main(int argc, char **argv)
     read_inventory();
     lac_set_dispatcher(lacDispatch);
     channel_group_daemon_init();
+    lacResumeBegin(resume_file(), no_resume == 0 && !db_module_is_served(lacp_cbs.module));
     shell_init(master);
     lacp_vty_init();
     daemon_restart_restore_config(&lacpd_daemon_info);
     clear_stale_configuration();
     lacp_database_subs(&g_lacpd_db);
+    hook_register(frr_config_post, configuration_restored);
     frr_config_fork();
     lacp_rx_tx_packet_init(lacp_bpdu_recv);
     frr_run(master);

@@ -5,6 +5,7 @@
 #include "frr/frr.hpp"
 #include "sclient/sclient.h"
 
+#include <atomic>
 #include <bit>
 #include <initializer_list>
 
@@ -19,8 +20,29 @@ static void build(stream *out, SclientMessage id, std::initializer_list<std::uin
     stream_putw_at(out, 0, static_cast<std::uint16_t>(stream_get_endp(out)));
 }
 
+// The table of groups is changed by whoever then asks here; who lets go looks at the table behind. Both sides write
+// the word, so that one of them sees what the other has done.
+static std::atomic<std::uint32_t> held;
+
+bool lacp_trunk_is_held()
+{
+    return held.fetch_or(0, std::memory_order_acq_rel) != 0;
+}
+
+void lacp_trunk_hold()
+{
+    held = 1;
+}
+
+void lacp_trunk_release()
+{
+    held.exchange(0, std::memory_order_acq_rel);
+}
+
 static int request(SclientMessage id, std::initializer_list<std::uint32_t> body)
 {
+    if (lacp_trunk_is_held())
+        return LAC_OK;
     if (lacp_sclient == nullptr)
         return LAC_FAILED;
     build(lacp_sclient->obuf, id, body);

@@ -1,0 +1,28 @@
+// A restart that partners do not notice: what a restart needs is kept in a file, and ports that still fit go on as
+// members of their groups, with the state that they last told.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct LacQueueMsg;
+
+// Reads what the daemon before has left at `path`, if that is wanted, and takes the file away. When there are members
+// to resume: LACP is switched on, time stands still and the trunks stay as they are, until the configuration is
+// restored. Start-up, when the protocol's threads run.
+void lacResumeBegin(const std::string &path, bool wanted);
+// The configuration is restored: ports resume, and from now on the file is kept. False when the dispatcher cannot be
+// told yet. Main thread.
+bool lacConfigurationRestored();
+// Keeps the file's time of modification while the dispatcher's ticks go on; whether they have gone on since the last
+// call. Main thread.
+bool lacStampAlive();
+
+// ---- dispatcher ---------------------------------------------------------------------------------------------------
+
+// Whether the message is to be passed over: a tick, while time stands still.
+bool lacStandsStill(const LacQueueMsg &message);
+// Ports that fit go on as members; LAC_Q_RESUME.
+void lacResume();
+// Behind every message: trunks follow when the members are written, and what has changed is kept.
+void lacKeepResume();
