@@ -65,7 +65,8 @@ bool is_as_told(const LacPort *port, const LacInfo &told)
            ((actor.state ^ told.state) & COMPARED) == 0;
 }
 
-// A partner that was heard since the start is asked itself, one that was not is taken for unchanged until its timeout.
+// A partner that was heard since the start is asked itself, one that was not is taken for unchanged until its
+// timeout.
 bool partner_has(const LacPort *port, const LacResumePort &was)
 {
     if (port->rxm == LAC_RX_CURRENT)

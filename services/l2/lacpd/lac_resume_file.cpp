@@ -122,7 +122,8 @@ const char *lacReadResume(const std::string &path, const LacResume &now, LacResu
     struct stat status {
     };
     std::array<std::uint8_t, LAC_RESUME_SIZE + 1> bytes; // one more: a longer file is damaged
-    const ssize_t size = fstat(file, &status) == 0 && S_ISREG(status.st_mode) ? read(file, bytes.data(), bytes.size()) : 0;
+    const ssize_t size =
+        fstat(file, &status) == 0 && S_ISREG(status.st_mode) ? read(file, bytes.data(), bytes.size()) : 0;
     away_ms = age_ms(status.st_mtim);
     return lacDecodeResume(std::span(bytes).first(static_cast<std::size_t>(std::max<ssize_t>(size, 0))), now, record);
 }

@@ -1,7 +1,8 @@
-// What a restart needs of the daemon that ran before, and the file on the run folder's memory file system that holds it.
+// What a restart needs of the daemon that ran before, and the file on the run folder's memory file system that holds
+// it.
 //
-// The record is a snapshot of native layout: it is read on the machine, in the boot, that wrote it. The file's time of
-// modification says when the daemon was last alive.
+// The record is a snapshot of native layout: it is read on the machine, in the boot, that wrote it. The file's time
+// of modification says when the daemon was last alive.
 #pragma once
 
 #include "lacp.h"
@@ -12,9 +13,9 @@
 #include <type_traits>
 
 struct LacResumePort {
-    std::uint32_t group; // whose member-port list has the port; 0: none has, and the rest says nothing
-    LacInfo actor;       // as it is sent
-    LacInfo partner;     // as the receive machine has it
+    std::uint32_t group;      // whose member-port list has the port; 0: none has, and the rest says nothing
+    LacInfo actor;            // as it is sent
+    LacInfo partner;          // as the receive machine has it
     std::uint8_t heard_state; // Actor_State as the partner last sent it
 };
 
@@ -35,7 +36,8 @@ std::array<std::uint8_t, LAC_RESUME_SIZE> lacEncodeResume(const LacResume &recor
 const char *lacDecodeResume(std::span<const std::uint8_t> bytes, const LacResume &now, LacResume &record);
 
 // Reads the file: null with the record and for how long the daemon has been away, why the file is not used, or an
-// empty text when there is none. Writing gives 0 or an error number; what cannot be written is not left behind either.
+// empty text when there is none. Writing gives 0 or an error number; what cannot be written is not left behind
+// either.
 const char *lacReadResume(const std::string &path, const LacResume &now, LacResume &record, std::uint64_t &away_ms);
 int lacWriteResume(const std::string &path, const LacResume &record);
 // Says that the daemon is alive. Any thread.

@@ -195,8 +195,8 @@ void tx_machine(LacPort *port, std::uint32_t event)
     }
 }
 
-// From its start it takes the periodic machine four ticks to the first LACPDU of its own, longer than a short timeout:
-// another one bridges them.
+// From its start it takes the periodic machine four ticks to the first LACPDU of its own, longer than a short
+// timeout: another one bridges them.
 void lacTxResume(LacPort *port, std::uint8_t told_state)
 {
     port->told_state = told_state;

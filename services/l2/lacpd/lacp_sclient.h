@@ -20,8 +20,8 @@ int lacp_trunk_create(std::uint32_t group, std::uint32_t load_balance, std::uint
 int lacp_trunk_destory(std::uint32_t group);
 int lacp_trunk_psc_set(std::uint32_t group, std::uint32_t load_balance);
 
-// While trunks are held, requests are accepted and not sent: the switch keeps what it has. Whoever releases them sends
-// every group's trunk as the table then has it. Any thread.
+// While trunks are held, requests are accepted and not sent: the switch keeps what it has. Whoever releases them
+// sends every group's trunk as the table then has it. Any thread.
 void lacp_trunk_hold();
 void lacp_trunk_release();
 bool lacp_trunk_is_held();
