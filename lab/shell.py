@@ -56,6 +56,19 @@ class Shell:
         self._read_until(PROMPT)
         return text.partition("\n")[2][:-len(again)]
 
+    def complete(self, line):
+        """What the line has become after a tabulator; it is then wiped out."""
+        self._socket.sendall(line.encode() + b"\t\x15\n")
+        wiped = re.compile(rf"(\x08+) +\1\n(?P<prompt>{re.escape(self.prompt)})$")
+        text = self._read_until(wiped)
+        shown = []
+        for character in wiped.sub("", text).rpartition(self.prompt)[2]:
+            if character == "\x08":
+                shown.pop()
+            else:
+                shown.append(character)
+        return "".join(shown)
+
     def configure(self, *commands):
         """Types lines in the configuration node; returns all that was said."""
         return "".join([self.run(command) for command in ("configure terminal", *commands, "end")])

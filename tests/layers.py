@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Includes of the daemon go down: a file includes headers of its own layer or of one below, and no two each other."""
+"""Includes of the daemon go down: a file includes headers of its own layer or of one below, and no two each other. What
+is given is the folder of the framework's headers, which platform/frr alone includes."""
 
 import graphlib
 import pathlib
@@ -17,7 +18,9 @@ LAYERS = [  # from the ground up
     "lacp_main",
 ]
 FLOOR = {name: number for number, names in enumerate(LAYERS) for name in names.split()}
-FOLDER = pathlib.Path(__file__).resolve().parents[1] / "services/l2/lacpd"
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+FOLDER = ROOT / "services/l2/lacpd"
+FRAMEWORK = pathlib.Path(sys.argv[1])
 
 
 def main():
@@ -28,6 +31,11 @@ def main():
     wrong += [f"{name} has no layer" for name in includes if name not in FLOOR]
     wrong += [f"{name} includes {other}, which is above it" for name, others in includes.items() for other in others
               if FLOOR.get(other, 0) > FLOOR.get(name, 0)]
+    wrong += [f"{path.relative_to(ROOT)} includes the framework's {name}"
+              for path in ROOT.glob("[p-t]*/**/*.[ch]*") if path.parent.name != "frr"
+              for name in re.findall(r"^#include <([\w/]+\.h)>", path.read_text(encoding="utf-8"), re.MULTILINE)
+              if (FRAMEWORK / name).exists()]
+    wrong += [] if (FRAMEWORK / "command.h").exists() else [f"{FRAMEWORK} has no headers of the framework"]
     try:
         graphlib.TopologicalSorter(includes).prepare()
     except graphlib.CycleError as error:

@@ -2,18 +2,24 @@
 //
 // libfrr's declaration macros (DEFINE_MGROUP, DEFINE_MTYPE, FRR_DAEMON_INFO, DEFUN) name members out of
 // declaration order, which C++ refuses. The small types below fill the same records in order and register
-// them with the library at load, as those macros do.
+// them with the library at load, as those macros do. What has other names in other versions of the library (the
+// event loop, the module's record) has a name of ours here; nothing else includes its headers.
 #pragma once
 
+#include "frr/forward.hpp"
+
+#include <chrono>
 #include <cstring> // before zebra.h, which redefines parts of it
 
 #include <zebra.h>
 
 #include <command.h>
 #include <frrevent.h>
+#include <jhash.h>
 #include <libfrr.h>
 #include <log.h>
 #include <memory.h>
+#include <printfrr.h>
 #include <privs.h>
 #include <sigevent.h>
 #include <stream.h>
@@ -87,6 +93,69 @@ class MemType
   private:
     memtype type_{};
 };
+
+// ---- event loop -----------------------------------------------------------------------------------------------
+
+using Event = event;
+using EventHandler = void (*)(Event *event);
+
+// Where events come from, as the library's displays and warnings show it. The type says what a descriptor is waited
+// for.
+template <EventHandler handler, event_types type> const xref_eventsched *origin() noexcept
+{
+    static const xref_eventsched record = {
+        {nullptr, XREFT_EVENTSCHED, 0, __FILE__, __PRETTY_FUNCTION__}, __PRETTY_FUNCTION__, "", type};
+    return &record;
+}
+
+// Each leaves the event in `*reference`, if given, until it runs, and does nothing while one is there.
+template <EventHandler handler> void add_event(EventLoop *loop, void *argument, Event **reference) noexcept
+{
+    _event_add_event(origin<handler, EVENT_EVENT>(), loop, handler, argument, 0, reference);
+}
+
+template <EventHandler handler>
+void add_timer(EventLoop *loop, void *argument, std::chrono::milliseconds after, Event **reference) noexcept
+{
+    _event_add_timer_msec(origin<handler, EVENT_TIMER>(), loop, handler, argument, after.count(), reference);
+}
+
+template <EventHandler handler> void add_read(EventLoop *loop, void *argument, int fd, Event **reference) noexcept
+{
+    _event_add_read_write(origin<handler, EVENT_READ>(), loop, handler, argument, fd, reference);
+}
+
+inline void cancel(Event **reference) noexcept
+{
+    event_cancel(reference);
+}
+
+inline void *argument_of(const Event *event) noexcept
+{
+    return event->arg;
+}
+
+inline int fd_of(const Event *event) noexcept
+{
+    return event->u.fd;
+}
+
+// The argument of the event that runs on this thread; null when none does.
+inline void *running_event_argument() noexcept
+{
+    const auto *running = static_cast<const Event *>(pthread_getspecific(thread_current));
+    return running == nullptr ? nullptr : running->arg;
+}
+
+// ---- records of the shell and the module ----------------------------------------------------------------------
+
+using Module = _frrmod_runtime_u;
+using ModuleInfo = frrmod_info;
+
+constexpr Module module(const ModuleInfo *info) noexcept
+{
+    return {{nullptr, info, nullptr, false, nullptr, nullptr}};
+}
 
 using CommandHandler = int (*)(const cmd_element *, vty *, int argc, cmd_token *argv[]);
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -20,7 +21,7 @@
 namespace
 {
 
-constexpr long RETRY_SECONDS = 1;
+constexpr std::chrono::seconds RETRY_AFTER(1);
 constexpr int REPLIES_AT_ONCE = 64; // then the event loop's other users have their turn
 constexpr std::size_t ERROR_MESSAGE_SIZE = SCLIENT_HEADER_SIZE + 2 * sizeof(std::uint32_t);
 constexpr std::size_t MESSAGE_ID_OFFSET = 6;
@@ -52,7 +53,7 @@ class Socket
 
 struct Connection {
     Socket socket;
-    event *reader = nullptr; // scheduled and cancelled on the event loop's thread only
+    frr::Event *reader = nullptr; // scheduled and cancelled on the event loop's thread only
 };
 
 // Null, with errno set, when nobody listens there. A Unix socket connects at once or not at all.
@@ -96,7 +97,7 @@ std::string service_path()
 // connection and after a request that was not sent, also one before the very first connection.
 struct sclient::Transport {
   public:
-    Transport(sclient *client, event_loop *master) : client_(client), master_(master), path_(service_path()) {}
+    Transport(sclient *client, frr::EventLoop *master) : client_(client), master_(master), path_(service_path()) {}
     ~Transport();
     Transport(const Transport &) = delete;
     Transport &operator=(const Transport &) = delete;
@@ -113,9 +114,9 @@ struct sclient::Transport {
     void send_failed();
 
     // On the event loop's thread.
-    static void on_retry(event *event) noexcept;
-    static void on_wake(event *event) noexcept;
-    static void on_readable(event *event) noexcept;
+    static void on_retry(frr::Event *event) noexcept;
+    static void on_wake(frr::Event *event) noexcept;
+    static void on_readable(frr::Event *event) noexcept;
     void retry();
     void attend();
     void read_replies(int descriptor);
@@ -125,7 +126,7 @@ struct sclient::Transport {
     void close_retired();
 
     sclient *const client_;
-    event_loop *const master_;
+    frr::EventLoop *const master_;
     const std::string path_;
 
     std::mutex lock_; // held for calls that do not block only; no other lock but the loop's is taken under it
@@ -134,8 +135,8 @@ struct sclient::Transport {
     bool resync_owed_ = false;
 
     // The loop guards these two with its own mutex, so that any thread may schedule.
-    event *retry_ = nullptr;
-    event *wake_ = nullptr;
+    frr::Event *retry_ = nullptr;
+    frr::Event *wake_ = nullptr;
 
     bool told_away_ = false; // event loop's thread only
     std::atomic<std::uint32_t> error_replies_ = 0;
@@ -143,8 +144,8 @@ struct sclient::Transport {
 
 sclient::Transport::~Transport()
 {
-    event_cancel(&retry_);
-    event_cancel(&wake_);
+    frr::cancel(&retry_);
+    frr::cancel(&wake_);
     retire();
     close_retired();
 }
@@ -179,7 +180,7 @@ int sclient::Transport::send_once(const std::uint8_t *bytes, std::size_t size)
     if (!current_) {
         if (!connect())
             return errno;
-        event_add_event(master_, on_wake, this, 0, &wake_);
+        frr::add_event<on_wake>(master_, this, &wake_);
     }
     return ::send(current_->socket.get(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? errno : 0;
 }
@@ -187,7 +188,7 @@ int sclient::Transport::send_once(const std::uint8_t *bytes, std::size_t size)
 void sclient::Transport::send_failed()
 {
     resync_owed_ = true;
-    event_add_event(master_, on_wake, this, 0, &wake_);
+    frr::add_event<on_wake>(master_, this, &wake_);
 }
 
 int sclient::Transport::send(const std::uint8_t *bytes, std::size_t size)
@@ -208,20 +209,20 @@ int sclient::Transport::send(const std::uint8_t *bytes, std::size_t size)
 
 // ---- event loop's thread --------------------------------------------------------------------------------------
 
-void sclient::Transport::on_retry(event *event) noexcept
+void sclient::Transport::on_retry(frr::Event *event) noexcept
 {
-    static_cast<Transport *>(EVENT_ARG(event))->retry();
+    static_cast<Transport *>(frr::argument_of(event))->retry();
 }
 
-void sclient::Transport::on_wake(event *event) noexcept
+void sclient::Transport::on_wake(frr::Event *event) noexcept
 {
-    static_cast<Transport *>(EVENT_ARG(event))->attend();
+    static_cast<Transport *>(frr::argument_of(event))->attend();
 }
 
-void sclient::Transport::on_readable(event *event) noexcept
+void sclient::Transport::on_readable(frr::Event *event) noexcept
 {
-    auto *self = static_cast<Transport *>(EVENT_ARG(event));
-    self->read_replies(EVENT_FD(event));
+    auto *self = static_cast<Transport *>(frr::argument_of(event));
+    self->read_replies(frr::fd_of(event));
     self->attend();
 }
 
@@ -234,9 +235,9 @@ void sclient::Transport::attend()
         close_retired();
         connected = current_ != nullptr;
         if (connected)
-            event_add_read(master_, on_readable, this, current_->socket.get(), &current_->reader);
+            frr::add_read<on_readable>(master_, this, current_->socket.get(), &current_->reader);
         if (!connected || resync_owed_)
-            event_add_timer(master_, on_retry, this, RETRY_SECONDS, &retry_);
+            frr::add_timer<on_retry>(master_, this, RETRY_AFTER, &retry_);
     }
     tell(connected);
 }
@@ -244,7 +245,7 @@ void sclient::Transport::attend()
 void sclient::Transport::close_retired()
 {
     for (const auto &connection : retired_)
-        event_cancel(&connection->reader);
+        frr::cancel(&connection->reader);
     retired_.clear();
 }
 
@@ -318,7 +319,7 @@ struct Release {
 
 } // namespace
 
-sclient *sclient_new(event_loop *master, std::uint16_t, zebra_privs_t *)
+sclient *sclient_new(frr::EventLoop *master, std::uint16_t, zebra_privs_t *)
 try {
     std::unique_ptr<sclient, Release> client(std::make_unique<sclient>().release());
     client->obuf = stream_new(SCLIENT_MAX_MESSAGE);

@@ -7,11 +7,9 @@
 // client kind (u8), client instance (u16), message id (u16). The body follows.
 #pragma once
 
-#include <cstdint>
+#include "frr/forward.hpp"
 
-struct event_loop;
-struct stream;
-struct zebra_privs_t;
+#include <cstdint>
 
 constexpr char SCLIENT_DEFAULT_SOCKET[] = "/run/olt/switch-driver.sock";
 constexpr char SCLIENT_SOCKET_ENV[] = "SCLIENT_SOCKET";
@@ -52,7 +50,7 @@ struct sclient {
 };
 
 // A client that is not connected yet. Null when memory is short.
-sclient *sclient_new(event_loop *master, std::uint16_t instance, zebra_privs_t *privileges);
+sclient *sclient_new(frr::EventLoop *master, std::uint16_t instance, zebra_privs_t *privileges);
 
 // Names the client and starts connecting; while the service is away the event loop tries again every second.
 // 0, or -1 for a null client.

@@ -1,8 +1,11 @@
 #include "shell/shell.h"
 
+#include "shell/grammar.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <list>
@@ -15,10 +18,7 @@
 namespace
 {
 
-constexpr long WATCH_SECONDS = 1;
-
-constexpr char SLOT_PORT[] = "<S/P>";
-constexpr char SLOT_PORT_VARIABLE[] = "SLOT-PORT"; // the nearest that libfrr's grammar can say
+constexpr std::chrono::seconds WATCH_AFTER(1);
 
 KelDb unconnected;
 
@@ -32,8 +32,8 @@ struct Session {
 struct Sessions {
     std::map<const vty *, Session> terminals;
     Session files;
-    event_loop *master = nullptr;
-    event *watch = nullptr;
+    frr::EventLoop *master = nullptr;
+    frr::Event *watch = nullptr;
 };
 
 // Never destroyed: the event loop may still use it while the process exits.
@@ -69,16 +69,16 @@ bool has_ended(const Session &session)
     return inode_of(session.fd) != session.inode;
 }
 
-void watch_sessions(event *);
+void watch_sessions(frr::Event *);
 
 void schedule_watch()
 {
     Sessions &all = sessions();
     if (all.master != nullptr && !all.terminals.empty())
-        event_add_timer(all.master, watch_sessions, nullptr, WATCH_SECONDS, &all.watch);
+        frr::add_timer<watch_sessions>(all.master, nullptr, WATCH_AFTER, &all.watch);
 }
 
-void watch_sessions(event *)
+void watch_sessions(frr::Event *)
 {
     auto &terminals = sessions().terminals;
     for (auto entry = terminals.begin(); entry != terminals.end();) {
@@ -173,7 +173,7 @@ void guard_saving_commands_of(const cmd_node &node)
 }
 
 // From the event loop, when every node and its commands are there.
-void guard_saving_commands(event *)
+void guard_saving_commands(frr::Event *)
 {
     for (unsigned i = 0; i < vector_active(cmdvec); ++i)
         if (const auto *node = static_cast<const cmd_node *>(vector_slot(cmdvec, i)); node != nullptr)
@@ -193,13 +193,14 @@ static const cmd_element debug_mode_cmd =
 
 static cmd_node debug_node = frr::node("debug", SHELL_DEBUG_NODE, ENABLE_NODE, "%s(debug)# ", nullptr);
 
-void shell_init(event_loop *master)
+void shell_init(frr::EventLoop *master)
 {
     sessions().master = master;
     install_node(&debug_node);
     install_default(static_cast<node_type>(SHELL_DEBUG_NODE)); // the record's field is an enumeration without 133
+    grammar_init(debug_node);
     _install_element(ENABLE_NODE, &debug_mode_cmd);
-    event_add_event(master, guard_saving_commands, nullptr, 0, nullptr);
+    frr::add_event<guard_saving_commands>(master, nullptr, nullptr);
     schedule_watch();
 }
 
@@ -213,19 +214,10 @@ ShellSession &shell_session(vty *vty)
     return files.fields;
 }
 
-void shell_install_element(int node, const cmd_element *command)
+const ShellSession *known_session(const vty *vty)
 {
-    static std::list<std::pair<cmd_element, std::string>> translated;
-    const std::string syntax = command->string;
-    const auto at = syntax.find(SLOT_PORT);
-    if (at != std::string::npos) {
-        std::string text = syntax;
-        text.replace(at, std::strlen(SLOT_PORT), SLOT_PORT_VARIABLE);
-        auto &copy = translated.emplace_back(*command, std::move(text));
-        copy.first.string = copy.second.c_str();
-        command = &copy.first;
-    }
-    _install_element(static_cast<node_type>(node), command);
+    const auto entry = sessions().terminals.find(vty);
+    return entry == sessions().terminals.end() ? nullptr : &entry->second.fields;
 }
 
 const char *cmd_parase_parameters(int argc, cmd_token *argv[], const char *word, int offset)

@@ -17,14 +17,23 @@ struct ShellSession : KelDbSession {
 };
 
 // Installs the debug node and starts watching for sessions that have ended; needs the event loop.
-void shell_init(event_loop *master);
+void shell_init(frr::EventLoop *master);
 
 // The session's fields. The datastore handle is attached by the registered hook when the session first asks, and
 // given back within a second after the session has ended. When the hook fails the handle is an unconnected one.
 ShellSession &shell_session(vty *vty);
 
-// Installs a command. Its syntax may hold "<S/P>", an interface number in the form SLOT/PORT.
+// Installs a node. Its prompt may hold "%d/%d" behind the host name: slot and port of the session that it is shown
+// to.
+void shell_install_node(cmd_node *node);
+
+// Installs a command. Its syntax may hold "<S/P>", an interface number in the form SLOT/PORT. A hidden command does
+// not answer to short forms of its words, but for the first.
 void shell_install_element(int node, const cmd_element *command);
+
+// Installs the commands that every node has ("end", "list", "write", "show running-config", ...), without "exit" and
+// "quit". Those of the same words keep the help texts that came first.
+void shell_install_defaults(int node);
 
 // The typed text of the token `offset` places behind the first one that reads `word`, or "" when there is none.
 const char *cmd_parase_parameters(int argc, cmd_token *argv[], const char *word, int offset);

@@ -1,7 +1,8 @@
 """Transcripts: what is typed and what is answered, word for word. `pytest-3 --record` writes them anew.
 
-    left(config)# line     typed at this prompt; "2 left# " in a second session; for a "?" at its end the help is shown;
-                           "~5 left# " is typed again and again for up to five ticks, until the answer is right
+    left(config)# line     typed at this prompt; "2 left# " in a second session; for a "?" at its end the help is shown, for
+                           "<Tab>" what the line becomes; "~5 left# " is typed for up to five ticks, until the answer
+                           is right
     $ words                the system's tools, in its namespace and folder; [1] is a status that is not 0
     ! words                Python, of lab and the systems
     ; words                a comment; the first tells how many ports the systems have"""
@@ -57,8 +58,11 @@ class Replay:
             shell = self.sessions[step["who"]] = self.systems[step["name"]].shell(enable=False)
             shell.run("terminal length 0")
         head = step[0][:step.start("name") - step.start()] + f"{shell.prompt}{step['line']}\n"
-        return head + (shell.help(step["line"][:-1]) if step["line"].endswith("?") else 
-                       re.sub("^! .*\n", "", shell.run(step["line"]), flags=re.MULTILINE))  # with the lab's folder
+        if step["line"].endswith("?"):
+            return head + shell.help(step["line"][:-1])
+        if step["line"].endswith("<Tab>"):
+            return f"{head}{shell.complete(step['line'][:-5])}\n"
+        return head + re.sub("^! .*\n", "", shell.run(step["line"]), flags=re.MULTILINE)  # with the lab's folder
 
     def evaluate(self, line):
         self.sessions = {} if "_daemon(" in line else self.sessions

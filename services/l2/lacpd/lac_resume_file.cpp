@@ -2,8 +2,6 @@
 
 #include "frr/frr.hpp"
 
-#include <jhash.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>

@@ -17,7 +17,6 @@ namespace
 
 constexpr std::size_t LOAD_BALANCE_TEXT_SIZE = 30;
 constexpr std::size_t TEXT_SIZE = 16;
-constexpr std::size_t PROMPT_SIZE = 64;
 
 // Number typed at a token; the syntax has made sure that it is one. Read as the framework reads it, which takes a
 // sign.
@@ -43,27 +42,9 @@ std::uint16_t priority(const cmd_token *token)
 int lacp_config_write(vty *vty);
 int uplink_port_config_write(vty *vty);
 
-// "%s(config-if-ge%d/%d)# " with the framework's own %s left in for the host name. The framework keeps one prompt a
-// node, so it is set for the session whose command has just run.
-char uplink_port_prompt[PROMPT_SIZE];
-
-void set_uplink_port_prompt(const ShellSession &session)
-{
-    snprintf(uplink_port_prompt, sizeof(uplink_port_prompt), "%s(config-if-ge%d/%d)# ", "%s", session.slot,
-             session.port);
-}
-
 cmd_node lacp_node = frr::node("lacp", LACP_NODE, CONFIG_NODE, "%s(config-lacp)# ", lacp_config_write);
 cmd_node uplink_port_node =
-    frr::node("uplink-port", UPLINK_PORT_NODE, CONFIG_NODE, uplink_port_prompt, uplink_port_config_write);
-
-// The session of a command in the uplink-port node.
-ShellSession &port_session(vty *vty)
-{
-    ShellSession &session = shell_session(vty);
-    set_uplink_port_prompt(session);
-    return session;
-}
+    frr::node("uplink-port", UPLINK_PORT_NODE, CONFIG_NODE, "%s(config-if-ge%d/%d)# ", uplink_port_config_write);
 
 // ---- commands -------------------------------------------------------------------------------------------------
 
@@ -71,7 +52,6 @@ int giga_interface(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
     ShellSession &session = shell_session(vty);
     cmd_parase_intf_str(argv[2]->arg, &session.slot, &session.port);
-    set_uplink_port_prompt(session);
     vty->node = UPLINK_PORT_NODE;
     return CMD_SUCCESS;
 }
@@ -84,7 +64,7 @@ int cl_giga_interface_exit(const cmd_element *, vty *vty, int, cmd_token *[])
 
 int cli_static_lacp_port_add_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
-    const ShellSession &session = port_session(vty);
+    const ShellSession &session = shell_session(vty);
     const int group = static_cast<int>(number(argv[1]->arg));
     const char *mode = argv[3]->text;
     if (db_add_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group, mode) != 0)
@@ -95,7 +75,7 @@ int cli_static_lacp_port_add_fun(const cmd_element *, vty *vty, int, cmd_token *
 
 int cli_static_lacp_port_delete_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
-    const ShellSession &session = port_session(vty);
+    const ShellSession &session = shell_session(vty);
     const int group = static_cast<int>(number(argv[2]->arg));
     if (db_del_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group) != 0)
         vty_out(vty, "LACP Msg: interface %d/%d delete from channel-group %d %s!\n", session.slot, session.port,
@@ -134,7 +114,7 @@ int cli_lacp_syspri_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[
 
 int cli_lacp_port_state_timeout_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
-    const ShellSession &session = port_session(vty);
+    const ShellSession &session = shell_session(vty);
     const char *timeout = argv[2]->text;
     if (db_olt_lacp_set_trunk_timeout(session.slot, static_cast<std::uint32_t>(session.port), session.db, timeout,
                                       size_of(timeout), 1) != 0)
@@ -144,7 +124,7 @@ int cli_lacp_port_state_timeout_fun(const cmd_element *, vty *vty, int, cmd_toke
 
 int cli_lacp_intf_portpri_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
-    const ShellSession &session = port_session(vty);
+    const ShellSession &session = shell_session(vty);
     const std::uint16_t value = priority(argv[2]);
     if (db_olt_lacp_set_trunk_priority(session.slot, static_cast<std::uint32_t>(session.port), session.db, value,
                                        sizeof(value), 1) != 0)
@@ -282,8 +262,8 @@ const cmd_element cli_lacp_intf_portpri_set_cmd = frr::command(
 
 void lacp_vty_init()
 {
-    install_node(&lacp_node);
-    install_node(&uplink_port_node);
+    shell_install_node(&lacp_node);
+    shell_install_node(&uplink_port_node);
     shell_install_element(CONFIG_NODE, &giga_interface_cmd);
     shell_install_element(CONFIG_NODE, &gigaeth_interface_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cl_giga_interface_exit_cmd);
@@ -303,4 +283,5 @@ void lacp_vty_init()
     shell_install_element(UPLINK_PORT_NODE, &cli_config_lacp_db_port_debug_cmd);
     shell_install_element(SHELL_DEBUG_NODE, &cli_config_lacp_pkt_debug_cmd);
     shell_install_element(SHELL_DEBUG_NODE, &cli_lacp_sys_debug_set_cmd);
+    shell_install_defaults(UPLINK_PORT_NODE);
 }

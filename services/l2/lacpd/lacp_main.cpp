@@ -16,11 +16,12 @@
 #include "sysutil/service_manager.h"
 #include "sysutil/sysutil.h"
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <getopt.h>
 
-event_loop *master;
+frr::EventLoop *master;
 DevPortInfo lacp_dev_port_info;
 
 // ---- daemon record --------------------------------------------------------------------------------------------
@@ -48,9 +49,9 @@ static frr_signal_t lacp_signals[] = {
     {SIGTERM, sigint, 0},
 };
 
-static const frrmod_info module_info = {"lacpd", "8.0.1", "lacpd daemon", nullptr};
+static const frr::ModuleInfo module_info = {"lacpd", "8.0.1", "lacpd daemon", nullptr};
 
-union _frrmod_runtime_u _frrmod_this_module = {{nullptr, &module_info, nullptr, false, nullptr, nullptr}};
+frr::Module _frrmod_this_module = frr::module(&module_info);
 
 constexpr int LACP_VTY_PORT = 2704;
 
@@ -133,20 +134,20 @@ static std::string resume_file()
 
 // ---- running --------------------------------------------------------------------------------------------------
 
-constexpr long ALIVE_MS = 500; // between looks at the dispatcher's ticks
+constexpr std::chrono::milliseconds ALIVE_PERIOD(500); // between looks at the dispatcher's ticks
 
 static bool configuration_is_told;
 
 // The service manager hears of a dispatcher that goes on, not of this loop.
-static void tell_alive(event *)
+static void tell_alive(frr::Event *)
 {
     configuration_is_told = configuration_is_told || lacConfigurationRestored();
     if (lacStampAlive())
         service_manager_tell("WATCHDOG=1");
-    event_add_timer_msec(master, tell_alive, nullptr, ALIVE_MS, nullptr);
+    frr::add_timer<tell_alive>(master, nullptr, ALIVE_PERIOD, nullptr);
 }
 
-static int configuration_restored(event_loop *)
+static int configuration_restored(frr::EventLoop *)
 {
     tell_alive(nullptr);
     service_manager_tell("READY=1");

@@ -49,7 +49,7 @@ static int request(SclientMessage id, std::initializer_list<std::uint32_t> body)
     return sclient_send_message(lacp_sclient);
 }
 
-int lacp_sclient_init(event_loop *master, std::uint16_t instance, zebra_privs_t *privileges)
+int lacp_sclient_init(frr::EventLoop *master, std::uint16_t instance, zebra_privs_t *privileges)
 {
     lacp_sclient = sclient_new(master, instance, privileges);
     return sclient_init(lacp_sclient, SCLIENT_KIND_LACP, instance, privileges);

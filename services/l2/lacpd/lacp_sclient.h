@@ -4,16 +4,15 @@
 // it was not sent.
 #pragma once
 
+#include "frr/forward.hpp"
+
 #include <cstdint>
 
-struct event_loop;
 struct sclient;
-struct stream;
-struct zebra_privs_t;
 
 extern sclient *lacp_sclient; // null until lacp_sclient_init
 
-int lacp_sclient_init(event_loop *master, std::uint16_t instance, zebra_privs_t *privileges);
+int lacp_sclient_init(frr::EventLoop *master, std::uint16_t instance, zebra_privs_t *privileges);
 
 // Sets the group's trunk to exactly these members, creating it if need be. Bit (p - 1) stands for port p.
 int lacp_trunk_create(std::uint32_t group, std::uint32_t load_balance, std::uint32_t members, std::uint32_t count);
