@@ -129,6 +129,8 @@ void lacResumeBegin(const std::string &path, bool wanted)
 {
     file = path;
     identity = lacResumeNow();
+    stage = STARTING;
+    written_ms = 0;
     std::uint64_t away_ms = 0;
     const char *const refused = wanted ? lacReadResume(path, identity, before, away_ms) : "";
     if (refused != nullptr) {
