@@ -108,5 +108,5 @@ void lacDispatch(LacQueueMsg &message)
         return;
     run_machines(message);
     settle_members(message.code == LAC_Q_TICK);
-    lacKeepResume();
+    lacFollowResume();
 }

@@ -57,7 +57,6 @@ class Round
         note(result);
         const bool gone = result == 0 || result == KEL_DB_NOT_THERE;
         port->member_written = gone ? 0 : port->member_written;
-        lac_note_change();
         port->member_tries = gone ? 0 : 1; // what it stays in may go by itself, with the group's entry
     }
 
@@ -67,7 +66,6 @@ class Round
         const int result = may_write() ? add(port, group) : KEL_DB_BUSY;
         note(result);
         port->member_written = result == 0 || result == KEL_DB_BUSY ? group : 0;
-        lac_note_change();
         if (result == 0) {
             port->member_tries = port->member_bar = 0;
             return false;
@@ -112,12 +110,11 @@ std::uint32_t lacSettleMembers(bool retry)
         const std::uint32_t wanted = lacMemberWanted(port);
         if (!is_certain(port, wanted) && (retry || wanted != port->member_wanted))
             due |= lac_port_bit(port);
-        if (port->member_wanted != wanted)
-            lac_note_change();
         port->member_wanted = wanted;
     }
     if (due == 0)
         return 0;
+    lac_note_change();
     Round round;
     std::uint32_t barred = 0;
     for (LacPort *port : lac_ports())

@@ -17,21 +17,14 @@
 #include <cstring>
 #include <unistd.h>
 
+Published<std::uint32_t> lacResumeStage = LAC_STARTING;
+
 namespace
 {
-
-enum Stage : std::uint32_t {
-    STARTING, // the configuration is being restored: nothing is kept yet
-    RESUMING, // the same, and members of before are to resume
-    SETTLING, // the resumed members are being written
-    KEEPING,
-};
 
 constexpr std::uint64_t SETTLING_TICKS = 3; // for a datastore that is busy; then trunks follow what is written
 constexpr std::uint64_t TICK_MS = 1000;
 constexpr std::uint64_t WRITE_PAUSE_MS = 100; // a partner that changes with every LACPDU costs no more than this
-
-Published<std::uint32_t> stage = STARTING; // main thread until LAC_Q_RESUME, then the dispatcher
 
 // Written before LAC_Q_RESUME by the main thread, read behind it by the dispatcher.
 std::string file;
@@ -129,7 +122,7 @@ void lacResumeBegin(const std::string &path, bool wanted)
 {
     file = path;
     identity = lacResumeNow();
-    stage = STARTING;
+    lacResumeStage = LAC_STARTING;
     written_ms = 0;
     std::uint64_t away_ms = 0;
     const char *const refused = wanted ? lacReadResume(path, identity, before, away_ms) : "";
@@ -141,7 +134,7 @@ void lacResumeBegin(const std::string &path, bool wanted)
     }
     left_ms = lac_now_ms() - std::min(away_ms, lac_now_ms());
     lacp_trunk_hold();
-    stage = RESUMING;
+    lacResumeStage = LAC_RESUMING;
     resume_lacp_once_cfg();
 }
 
@@ -156,22 +149,17 @@ bool lacStampAlive()
     if (ticks == seen_ticks)
         return false;
     seen_ticks = ticks;
-    if (stage == KEEPING)
+    if (lacResumeStage == LAC_KEEPING)
         lacStampResume(file);
     return true;
-}
-
-bool lacStandsStill(const LacQueueMsg &message)
-{
-    return stage == RESUMING && message.code == LAC_Q_TICK;
 }
 
 // A port passes through the states to COLLECTING_DISTRIBUTING in the selection, as a member does that has waited
 // already; then it says so, before anybody can miss it.
 void lacResume()
 {
-    const bool resuming = stage == RESUMING;
-    stage = resuming ? SETTLING : KEEPING;
+    const bool resuming = lacResumeStage == LAC_RESUMING;
+    lacResumeStage = resuming ? LAC_SETTLING : LAC_KEEPING;
     settling_since = lacTicks;
     lacSystem->unsaved = true;
     if (!resuming)
@@ -195,11 +183,11 @@ void lacResume()
 
 void lacKeepResume()
 {
-    if (stage == SETTLING && (members_are_settled() || lacTicks - settling_since >= SETTLING_TICKS)) {
+    if (lacResumeStage == LAC_SETTLING && (members_are_settled() || lacTicks - settling_since >= SETTLING_TICKS)) {
         lacp_trunk_release();
         lacp_trunk_resync(lacp_sclient);
-        stage = KEEPING;
+        lacResumeStage = LAC_KEEPING;
     }
-    if (stage == KEEPING && lacSystem->unsaved && lac_now_ms() - written_ms >= WRITE_PAUSE_MS)
+    if (lacResumeStage == LAC_KEEPING && lac_now_ms() - written_ms >= WRITE_PAUSE_MS)
         keep();
 }

@@ -2,10 +2,9 @@
 // members of their groups, with the state that they last told.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include "lac_task.h"
 
-struct LacQueueMsg;
+#include <string>
 
 // Reads what the daemon before has left at `path`, if that is wanted, and takes the file away. When there are members
 // to resume: LACP is switched on, time stands still and the trunks stay as they are, until the configuration is
@@ -20,9 +19,26 @@ bool lacStampAlive();
 
 // ---- dispatcher ---------------------------------------------------------------------------------------------------
 
+enum LacResumeStage : std::uint32_t {
+    LAC_STARTING, // the configuration is being restored: nothing is kept yet
+    LAC_RESUMING, // the same, and members of before are to resume
+    LAC_SETTLING, // the resumed members are being written
+    LAC_KEEPING,
+};
+extern Published<std::uint32_t> lacResumeStage; // main thread until LAC_Q_RESUME, then the dispatcher
+
 // Whether the message is to be passed over: a tick, while time stands still.
-bool lacStandsStill(const LacQueueMsg &message);
+inline bool lacStandsStill(const LacQueueMsg &message)
+{
+    return lacResumeStage == LAC_RESUMING && message.code == LAC_Q_TICK;
+}
 // Ports that fit go on as members; LAC_Q_RESUME.
 void lacResume();
-// Behind every message: trunks follow when the members are written, and what has changed is kept.
+// Trunks follow when the members are written, and what has changed is kept.
 void lacKeepResume();
+// Behind every message.
+inline void lacFollowResume()
+{
+    if (lacSystem->unsaved)
+        lacKeepResume();
+}
