@@ -81,9 +81,10 @@ TEST_F(Resume, WhatFitsGoesOn)
         EXPECT_EQ(start(changed), GOES_ON) << changed;
     }
     for (const char *changed :
-         {"hears key=9", "hears no=9", "hears sp=9", "hears prio=9", "hears sys=OTHER", "hears state=35",
-          "hears state=39", "hears v.key=9", "group=2", "lacp=0", "up=0 rx=6", "rx=3", "key=9", "prio=7", "asp=7",
-          "no=2", "actor=84", "actor=87", "sys.mac=OTHER", "attached=1"}) {
+         {"hears key=9",    "hears no=9",     "hears sp=9",    "hears prio=9",  "hears sys=OTHER",
+          "hears state=35", "hears state=39", "hears v.key=9", "group=2",       "lacp=0",
+          "up=0 rx=6",      "rx=3",           "key=9",         "prio=7",        "asp=7",
+          "no=2",           "actor=84",       "actor=87",      "sys.mac=OTHER", "attached=1"}) {
         serve();
         EXPECT_EQ(start(changed), "anew") << changed;
     }
