@@ -71,7 +71,13 @@ int hand_over(sr_session_ctx_t *session, std::uint32_t id, const char *module, c
               std::uint32_t request, void *entry)
 {
     const sr_event_t handed = event == SR_EV_ABORT ? SR_EV_CHANGE : event;
-    return static_cast<const DbXpathCb *>(entry)->change(session, id, module, xpath, handed, request, nullptr);
+    const int result =
+        static_cast<const DbXpathCb *>(entry)->change(session, id, module, xpath, handed, request, nullptr);
+    if (result == 0)
+        return SR_ERR_OK;
+    // For the client; sysrepo knows no other codes than its own.
+    sr_session_set_error_message(session, "%s refuses the change (%d)", program_invocation_short_name, result);
+    return SR_ERR_OPERATION_FAILED;
 }
 
 } // namespace

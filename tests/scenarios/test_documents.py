@@ -1,0 +1,45 @@
+"""The documents' examples run, and answer as it is printed. A block is an example when a comment stands before it:
+
+    <!-- file NAME -->    what later examples use under that name, in the terminal's folder
+    <!-- run -->          what is typed, as in a transcript, with "# " for the system's tools; answers may take some ticks.
+                          A block without any prompt is a script that has to end well."""
+
+import re
+
+import pytest
+
+from lab import Lab, Programs, Ticks, eventually
+from lab.programs import ROOT
+from test_transcripts import STEP, Replay
+
+EXAMPLE = re.compile(r"^<!-- (file|run) ?(\S*) -->\n```\w*\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+DOCUMENTS = {  # and what is typed before
+    "docs/clients.md": "; 6 ports\nleft> enable\nright> enable\nright# configure terminal\n" + "".join(
+        f"right(config)# interface gigabitEthernet 0/{port}\n"
+        f"right(config-if-ge0/{port})# channel-group 1 mode active\n"
+        f"right(config-if-ge0/{port})# lacp timeout short\nright(config-if-ge0/{port})# exit\n" for port in (1, 2, 3)),
+}
+
+
+def play(replay, text):
+    steps = [*STEP.finditer(text)]
+    for step, end in zip(steps, [*(step.start() for step in steps[1:]), len(text)]):
+        wanted = text[step.start():end]
+        eventually(step[0], lambda: replay.step(step, wanted[len(step[0]):]), lambda shown: shown == wanted, Ticks.FORM)
+
+
+@pytest.mark.parametrize("name", DOCUMENTS)
+def test_examples(pytestconfig, name):
+    with Lab(Programs(pytestconfig.getoption("--build"))) as lab:
+        replay = Replay(lab, DOCUMENTS[name])
+        replay.environment |= {"LD_LIBRARY_PATH": replay.environment["LIB"],
+                               "PKG_CONFIG_PATH": f"{replay.environment['LIB']}/pkgconfig"}
+        play(replay, DOCUMENTS[name])
+        for kind, file, text in EXAMPLE.findall((ROOT / name).read_text(encoding="utf-8")):
+            if kind == "file":
+                (replay.left.directory / file).write_text(text, encoding="utf-8")
+            elif STEP.search(typed := re.sub("^# ", "$ ", text, flags=re.MULTILINE)):
+                play(replay, typed)
+            else:
+                shown = replay.run(f"set -e\n{text}")
+                assert not re.search(r"^\[\d+\]\n\Z", shown, re.MULTILINE), shown
