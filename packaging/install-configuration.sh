@@ -29,8 +29,12 @@ install -d -o "$USER" -g "$GROUP" -m 0750 "$FOLDER"
 if [ -L "$FOLDER/lacpd.conf" ]; then
   die "$FOLDER/lacpd.conf is a symbolic link; put the file itself there"
 elif [ ! -e "$FOLDER/lacpd.conf" ]; then
-  install -o "$USER" -g "$GROUP" -m 0640 "$first" "$FOLDER/lacpd.conf"
+  # The folder is the daemon's: what is written there may meanwhile be a link to somewhere else, what is moved is not.
+  fresh=$(mktemp "$FOLDER.XXXXXX")
+  trap 'rm -f "$fresh"' EXIT
+  install -o "$USER" -g "$GROUP" -m 0640 "$first" "$fresh"
+  mv -nT "$fresh" "$FOLDER/lacpd.conf"
 else
-  chown "$USER:$GROUP" "$FOLDER/lacpd.conf"
+  chown -h "$USER:$GROUP" "$FOLDER/lacpd.conf"
 fi
 [ -z "${1:-}" ] || install -d -o "$USER" -g "$GROUP" -m 0755 "$RUN_FOLDER"

@@ -17,12 +17,18 @@ foreach(unit olt-datastore olt-switch lacpd)
   install_configured(systemd/${unit}.service.in lib/systemd/system FILE)
 endforeach()
 
+function(install_compressed file destination)
+  get_filename_component(name "${file}" NAME)
+  set(compressed "${LACPD_WORK}/configured/${name}.gz")
+  execute_process(COMMAND gzip -9nc "${LACPD_SOURCE}/${file}" OUTPUT_FILE "${compressed}" COMMAND_ERROR_IS_FATAL ANY)
+  file(INSTALL "${compressed}" DESTINATION "${CMAKE_INSTALL_PREFIX}/${destination}" TYPE FILE)
+  set(CMAKE_INSTALL_MANIFEST_FILES ${CMAKE_INSTALL_MANIFEST_FILES} PARENT_SCOPE)
+endfunction()
+
 foreach(page lacpd.8 olt-switch.8 olt-datastore.8)
-  set(compressed "${LACPD_WORK}/configured/${page}.gz")
-  execute_process(COMMAND gzip -9nc "${LACPD_SOURCE}/man/${page}" OUTPUT_FILE "${compressed}"
-                  COMMAND_ERROR_IS_FATAL ANY)
-  file(INSTALL "${compressed}" DESTINATION "${CMAKE_INSTALL_PREFIX}/share/man/man8" TYPE FILE)
+  install_compressed(man/${page} share/man/man8)
 endforeach()
+install_compressed(changelog share/doc/lacpd)
 
 if(NOT EXISTS "$ENV{DESTDIR}${LACPD_SYSCONFDIR}/default/olt-switch") # an operator's file stays
   file(INSTALL "${LACPD_SOURCE}/default/olt-switch" DESTINATION "${LACPD_SYSCONFDIR}/default" TYPE FILE)

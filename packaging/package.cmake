@@ -2,7 +2,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME lacpd)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "lacpd maintainers <root@localhost>")
+set(CPACK_PACKAGE_CONTACT "lacpd maintainers <maintainers@lacpd.example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "lacpd bundles uplink ports into channel groups, manual ones or dynamic ones

@@ -121,7 +121,7 @@ def test_package(tmp_path, request):
 
     configuration = "cat /etc/lacpd/lacpd.conf /etc/default/olt-switch"
     before = machine.run(configuration)
-    for change in (f"dpkg -i {folder}/*.deb", "dpkg -r lacpd"):
+    for change in (f"dpkg -i {folder}/*.deb; ls /run/lacpd/lacpd.resume", "dpkg -r lacpd"):
         machine.run(change)
         assert machine.run(configuration) == before
     assert machine.changes() == {"/etc/lacpd", "/etc/lacpd/lacpd.conf", "/etc/default/olt-switch"}
