@@ -27,7 +27,7 @@ for target in "${targets[@]}"; do
   options=()
   started=$SECONDS
   [ ! -e "tests/fuzz/$target.dict" ] || options+=("-dict=tests/fuzz/$target.dict")
-  if "$programs/${target}_fuzz" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=25 -print_final_stats=1 \
+  if "$programs/${target}_fuzz" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=25 -print_final_stats=1 -close_fd_mask=1 \
     -artifact_prefix="build-fuzz/failed/$target-" "${options[@]}" \
     "build-fuzz/found/$target" "tests/fuzz/corpus/$target" >"$log" 2>&1; then
     verdict="no finding"

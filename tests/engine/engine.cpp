@@ -1,7 +1,6 @@
 #include "engine.h"
 
-#include <iomanip>
-#include <set>
+#include <algorithm>
 #include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -78,16 +77,19 @@ std::vector<SentFrame> Wire::take()
 
 std::string printed(const std::function<void()> &action)
 {
-    testing::internal::CaptureStdout();
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *const out = stdout, *const error = stderr, *const file = open_memstream(&text, &size);
+    stdout = stderr = file;
     action();
-    return testing::internal::GetCapturedStdout();
-}
-
-std::string printed_as_error(const std::function<void()> &action)
-{
-    testing::internal::CaptureStderr();
-    action();
-    return testing::internal::GetCapturedStderr();
+    stdout = out;
+    stderr = error;
+    fclose(file);
+    const std::string copy(text, size);
+    free(text);
+    if (testing::Test::HasFailure()) // perhaps of an expectation within
+        puts(copy.c_str());
+    return copy;
 }
 
 // ---- state by short names -------------------------------------------------------------------------------------
@@ -95,50 +97,30 @@ std::string printed_as_error(const std::function<void()> &action)
 namespace
 {
 
-template <typename T> std::uint64_t number(const Published<T> &field)
+// What a word of the records is; with `to` it is set first.
+template <typename Field> std::uint64_t access_word(Field &field, const std::uint64_t *to = nullptr)
 {
-    return field;
-}
-template <typename T>
-requires std::is_integral_v<T> std::uint64_t number(T field)
-{
-    return field;
-}
-template <std::size_t N> std::uint64_t number(const PublishedBytes<N> &field)
-{
-    return PublishedBytes<N>::pack(field);
-}
-std::uint64_t number(const Published<LacPort *> &field)
-{
-    return field->port_no;
-}
-std::uint64_t number(const LacTimer &timer)
-{
-    return (1U - timer.initialized) << 20 | timer.active << 16 | timer.reload << 8 | timer.count;
-}
-
-template <typename T> void assign(T &field, std::uint64_t value)
-{
-    field = static_cast<T>(value);
-}
-template <typename T> void assign(Published<T> &field, std::uint64_t value)
-{
-    field = static_cast<T>(value);
-}
-template <std::size_t N> void assign(PublishedBytes<N> &field, std::uint64_t value)
-{
-    field = PublishedBytes<N>::unpack(value);
-}
-void assign(Published<LacPort *> &field, std::uint64_t value)
-{
-    field = lacNoToPort(static_cast<std::uint32_t>(value));
-}
-void assign(LacTimer &timer, std::uint64_t value)
-{
-    timer.count = value & 0xFF;
-    timer.reload = value >> 8 & 0xFF;
-    timer.active = value >> 16 & 0xF;
-    timer.initialized = 1U - (value >> 20);
+    if constexpr (std::is_same_v<Field, LacTimer>) {
+        if (to != nullptr) {
+            field.count = *to & 0xFF;
+            field.reload = *to >> 8 & 0xFF;
+            field.active = *to >> 16 & 0xF;
+            field.initialized = 1U - (*to >> 20);
+        }
+        return (1U - field.initialized) << 20 | field.active << 16 | field.reload << 8 | field.count;
+    } else if constexpr (std::is_same_v<Field, Published<LacPort *>>) {
+        if (to != nullptr)
+            field = lacNoToPort(static_cast<std::uint32_t>(*to));
+        return field->port_no;
+    } else if constexpr (requires { Field::pack(field); }) {
+        if (to != nullptr)
+            field = Field::unpack(*to);
+        return Field::pack(field);
+    } else {
+        if (to != nullptr)
+            field = static_cast<std::remove_cvref_t<decltype(field + field)>>(*to);
+        return field;
+    }
 }
 
 // Calls `use` for every word of the records.
@@ -192,35 +174,27 @@ template <typename Use> void for_words(const Use &use)
     use("ctrl.once", lacpCtrl.once_cfg_done);
 }
 
+// The words of a group, and how they are set: counts follow.
 struct GroupWord {
     const char *name;
     int (*get)(int, std::uint32_t *);
+    int (*set)(int, std::uint32_t);
 };
-constexpr GroupWord GROUP_WORDS[] = {
-    {"type", get_channel_group_type},           {"used", get_channel_group_used},
-    {"code", get_channel_group_load_balance},   {"agg", get_channel_group_agg_no},
-    {"list", get_channel_group_port_list},      {"n", get_channel_group_port_count},
-    {"up", get_channel_group_uplink_port_list}, {"upn", get_channel_group_uplink_port_count}};
-
-// A group is set through its own functions; counts follow.
-void set_group(int group, const std::string &name, std::uint32_t value)
+template <int (*list)(int, int, std::uint32_t, int)> int set_list(int group, std::uint32_t ports)
 {
-    if (name == "type" && value != 0)
-        set_channel_group_type(group, value);
-    if (name == "used")
-        set_channel_group_used(group, value);
-    if (name == "code")
-        set_channel_group_load_balance(group, value);
-    if (name == "agg")
-        set_channel_group_agg_no(group, value);
-    const auto operation = [&](std::uint32_t port) {
-        return (value >> (port - 1) & 1) != 0 ? LIST_ADD : LIST_REMOVE;
-    };
-    for (std::uint32_t port = 1; port <= LAC_MAX_PORTS && name == "list"; ++port)
-        set_channel_group_port_list(group, 0, port, operation(port));
-    for (std::uint32_t port = 1; port <= LAC_MAX_PORTS && name == "up"; ++port)
-        set_channel_group_uplink_port_list(group, 0, port, operation(port));
+    for (std::uint32_t port = 1; port <= LAC_MAX_PORTS; ++port)
+        list(group, 0, port, (ports >> (port - 1) & 1) != 0 ? LIST_ADD : LIST_REMOVE);
+    return 0;
 }
+constexpr GroupWord GROUP_WORDS[] = {
+    {"type", get_channel_group_type, set_channel_group_type},
+    {"used", get_channel_group_used, set_channel_group_used},
+    {"code", get_channel_group_load_balance, set_channel_group_load_balance},
+    {"agg", get_channel_group_agg_no, set_channel_group_agg_no},
+    {"list", get_channel_group_port_list, set_list<set_channel_group_port_list>},
+    {"n", get_channel_group_port_count, nullptr},
+    {"up", get_channel_group_uplink_port_list, set_list<set_channel_group_uplink_port_list>},
+    {"upn", get_channel_group_uplink_port_count, nullptr}};
 
 std::string in_hex(std::uint64_t value)
 {
@@ -234,10 +208,10 @@ std::string in_hex(std::uint64_t value)
 State state(bool published)
 {
     State all;
-    for_words([&](const std::string &name, const auto &field) {
+    for_words([&](const std::string &name, auto &field) {
         if (published && std::is_integral_v<std::remove_cvref_t<decltype(field)>>)
             return;
-        const std::uint64_t value = number(field);
+        const std::uint64_t value = access_word(field);
         const bool time = name.ends_with(".heard_at") || name == "sys.changed";
         all[name] = time ? value != 0 : value;
     });
@@ -275,13 +249,14 @@ void set(const std::string &words)
         else if (name.starts_with("link"))
             Engine::set_link(static_cast<std::uint32_t>(std::stoul(name.substr(4))), value == "1");
         else if (name[0] == 'g' && name[2] == '.')
-            set_group(name[1] - '0', name.substr(3), static_cast<std::uint32_t>(std::stoul(value, nullptr, 16)));
+            std::ranges::find(GROUP_WORDS, name.substr(3), &GroupWord::name)
+                ->set(name[1] - '0', static_cast<std::uint32_t>(std::stoul(value, nullptr, 16)));
         else
             values[has(name, ".") ? name : "1." + name] = std::stoull(value, nullptr, 16);
     }
     for_words([&](const std::string &name, auto &field) {
         if (const auto found = values.find(name); found != values.end()) {
-            assign(field, found->second);
+            access_word(field, &found->second);
             values.erase(found);
         }
     });
@@ -289,15 +264,21 @@ void set(const std::string &words)
         throw std::invalid_argument("no word " + values.begin()->first);
 }
 
-std::string sorted(const std::string &words)
+// In the order of the alphabet; of "psp=0 ... psp=1" the last one counts, as when words are set.
+static std::string sorted(const std::string &words)
 {
     std::istringstream text(words);
-    std::multiset<std::string> all;
-    for (std::string word; text >> word;)
-        all.insert(word);
+    std::map<std::string, std::vector<std::string>> all;
+    for (std::string word; text >> word;) {
+        auto &same = all[word.substr(0, word.find('='))];
+        if (!has(word, ":"))
+            same.clear(); // what is queued, sent or written may be so twice
+        same.push_back(word);
+    }
     std::string out;
-    for (const std::string &word : all)
-        out += (out.empty() ? "" : " ") + word;
+    for (const auto &[name, same] : all)
+        for (const std::string &word : same)
+            out += (out.empty() ? "" : " ") + word;
     return out;
 }
 
@@ -309,9 +290,8 @@ static std::string queued()
     for (LacQueueMsg message; Lac_Queue.tryPop(message);)
         messages.push_back(message);
     for (const LacQueueMsg &message : messages) {
-        const bool pdu = message.code == LAC_Q_PDU;
-        words += " q:" + (pdu ? "pdu" : std::to_string(message.code)) + "/" + std::to_string(message.port) +
-                 (pdu ? "" : "=" + in_hex(message.payload));
+        words += " q:" + std::to_string(message.code) + "/" + std::to_string(message.port) +
+                 (message.code == LAC_Q_PDU ? "" : "=" + in_hex(message.payload));
         Lac_Queue.push(message);
     }
     return words;
@@ -319,14 +299,13 @@ static std::string queued()
 
 std::string request_text(const fake::Message &message)
 {
-    std::string text = message.at(7) == SCLIENT_MSG_TRUNK_CREATE    ? "create:"
-                       : message.at(7) == SCLIENT_MSG_TRUNK_DESTROY ? "destroy:"
-                                                                    : "rehash:";
+    std::string text = message.at(7) == SCLIENT_MSG_TRUNK_CREATE    ? " create:"
+                       : message.at(7) == SCLIENT_MSG_TRUNK_DESTROY ? " destroy:"
+                                                                    : " rehash:";
     if (Bytes(message.begin(), message.begin() + 7) != Bytes{0, std::uint8_t(message.size()), 1, 2, 0, 0, 0})
-        text = "bad header:" + text;
+        text = " bad header:";
     for (std::size_t at = 8; at + 4 <= message.size(); at += 4)
-        text += (at > 8 ? "," : "") + in_hex(std::uint32_t(message[at] << 24 | message[at + 1] << 16 |
-                                                           message[at + 2] << 8 | message[at + 3]));
+        text += (at > 8 ? "," : "") + in_hex(message[at] * 256U + message[at + 3]);
     return text;
 }
 
@@ -344,7 +323,7 @@ std::string changes(const std::function<void()> &action, std::string *says)
         if (before.at(name) != value)
             words += " " + (name.starts_with("1.") ? name.substr(2) : name) + "=" + in_hex(value);
     for (const fake::Message &message : fake::take_messages())
-        words += " " + request_text(message);
+        words += request_text(message);
     for (const std::string &line : fake::take_writes())
         words += " w:" + line;
     return sorted(words);
@@ -352,17 +331,12 @@ std::string changes(const std::function<void()> &action, std::string *says)
 
 // ---- engine ---------------------------------------------------------------------------------------------------
 
-std::size_t queued_pdus()
-{
-    return MTYPE_LACP_PDU.allocated();
-}
-
 Engine::Engine(std::uint32_t first_port, std::uint32_t last_port)
 {
     fake::reset_datastore();
-    fake::reset_driver();
-    fake::reset_system();
-    fake::system().mac = OUR_MAC;
+    fake::driver().unreachable = false;
+    fake::driver().after_send = nullptr;
+    fake::system() = {OUR_MAC, 0, {}, {}, nullptr};
     intf = {first_port, last_port};
     lacDebug = 0;
     lacp_set_pkt_debug(LACP_PKT_RX, 0);
@@ -381,7 +355,7 @@ Engine::Engine(std::uint32_t first_port, std::uint32_t last_port)
     sem_post(&lac_task_sem);                                           // as the dispatcher does when it runs
     lacpCtrl.once_cfg_done = 1;                                        // the first group's switch-on pauses
     fake::datastore().member_changed = [](const std::string &change) { // what the engine writes comes back
-        return fake::deliver(lacp_channel_group_cb, SR_EV_CHANGE, change).result;
+        return fake::deliver(lacp_channel_group_cb, SR_EV_CHANGE, change);
     };
     for (std::uint32_t number = 1; number <= LAC_MAX_PORTS; ++number) { // the handlers outlive the engine
         const std::string port = "p" + std::to_string(number);
@@ -394,9 +368,9 @@ Engine::Engine(std::uint32_t first_port, std::uint32_t last_port)
 Engine::~Engine()
 {
     dispatch();
-    EXPECT_EQ(queued_pdus(), 0U) << "a received PDU was not freed";
+    EXPECT_EQ(MTYPE_LACP_PDU.allocated(), 0U) << "a received PDU was not freed";
     EXPECT_EQ(MTYPE_LACP_SSP_PACKET.allocated(), 0U) << "a sent packet was not freed";
-    EXPECT_EQ(fake::open_iterators(), 0) << "a change iterator was not released";
+    EXPECT_EQ(fake::datastore().iterators, 0) << "a change iterator was not released";
     LacPort *ports = lacSystem->head.next;
     for (LacPort *port : lac_ports())
         qfree(MTYPE_LACP_STATS, port->stats);
@@ -411,8 +385,7 @@ Engine::~Engine()
     qfree(MTYPE_LACP_DRVCTRL, lacDrvCtrl);
     lacDrvCtrl = nullptr;
     sem_destroy(&lac_task_sem);
-    sclient_free(lacp_sclient);
-    lacp_sclient = nullptr;
+    sclient_free(std::exchange(lacp_sclient, nullptr));
 }
 
 void Engine::send(std::uint64_t code, std::uint32_t port_no, std::uint64_t payload)
@@ -422,8 +395,7 @@ void Engine::send(std::uint64_t code, std::uint32_t port_no, std::uint64_t paylo
 
 void Engine::dispatch()
 {
-    LacQueueMsg message;
-    while (Lac_Queue.tryPop(message))
+    for (LacQueueMsg message; Lac_Queue.tryPop(message);)
         lacDispatch(message);
 }
 
@@ -469,17 +441,15 @@ void Engine::receive(std::uint32_t port_no, const Bytes &pdu)
 }
 
 // The datastore shows links before, and everything else after the handler has accepted.
-fake::Delivery Engine::configure(const std::string &changes)
+int Engine::configure(const std::string &changes)
 {
     const bool link = has(changes, "/link-status");
-    const std::size_t at = changes.find_first_not_of("+-");
-    const std::string leaf = changes.substr(at, changes.find('=') - at);
+    const std::string leaf = changes.substr(changes.find_first_not_of("+-"), changes.find('=') - (changes[0] < '0'));
     const auto store = [&] {
         const std::lock_guard guard(fake::datastore().lock);
-        if (changes[0] == '-' || has(changes, "; "))
-            return;
         const std::string value = changes.substr(changes.find_last_of(">=") + 1);
-        fake::datastore().leaves[leaf.ends_with("-port") ? leaf + "/" + value : leaf] = value;
+        if (changes[0] != '-' && !has(changes, "; "))
+            fake::datastore().leaves[leaf.ends_with("-port") ? leaf + "/" + value : leaf] = value;
     };
     if (link)
         store();
@@ -487,19 +457,15 @@ fake::Delivery Engine::configure(const std::string &changes)
                                         : leaf[0] == 'g'           ? lacp_channel_group_cb
                                         : leaf.starts_with("sys/") ? lacp_global_configuration_cb
                                                                    : lacp_interface_trunk_cb;
-    const fake::Delivery done = fake::deliver(handler, link ? SR_EV_DONE : SR_EV_CHANGE, changes);
-    if (!link && done.result == 0)
+    const int result = fake::deliver(handler, link ? SR_EV_DONE : SR_EV_CHANGE, changes);
+    if (!link && result == 0)
         store();
-    return done;
+    return result;
 }
 
 void Engine::join(std::uint32_t port_no, unsigned group)
 {
-    const std::string leaf = "p" + std::to_string(port_no) + "/channel-group";
-    std::unique_lock guard(fake::datastore().lock);
-    const auto found = fake::datastore().leaves.find(leaf);
-    const std::string old = found == fake::datastore().leaves.end() ? "" : found->second;
-    guard.unlock();
+    const std::string leaf = "p" + std::to_string(port_no) + "/channel-group", old = fake::stored(leaf);
     configure((old.empty() ? "+" + leaf + "=" : leaf + "=" + old + ">") + std::to_string(group));
 }
 
@@ -511,9 +477,7 @@ LacInfo Engine::peer(std::uint16_t port_no, Mac system)
 LacPort &Engine::running_port(std::uint32_t port_no, unsigned group)
 {
     switch_on();
-    std::uint32_t type = CHANNEL_GROUP_UNSET;
-    get_channel_group_type(static_cast<int>(group), &type);
-    if (type == CHANNEL_GROUP_UNSET)
+    if (state()["g" + std::to_string(group) + ".type"] == CHANNEL_GROUP_UNSET)
         configure("+g" + std::to_string(group) + "/lacp-type=dynamic");
     set_link(port_no, true);
     join(port_no, group);
@@ -526,4 +490,199 @@ LacPort &Engine::current_port(std::uint32_t port_no, unsigned group)
     LacPort &record = running_port(port_no, group);
     receive(port_no, pdu_bytes(peer(static_cast<std::uint16_t>(port_no)), lac_actor_info(&record)));
     return record;
+}
+
+// ---- rows -----------------------------------------------------------------------------------------------------
+
+// Port 1 in service alone in group 1, and what is different in other states. Capitals stand for words.
+static const std::map<std::string, std::string> NAMES = {
+    {"OUR", "21122aabbcc"},
+    {"PEER", "23344556677"},
+    {"OTHER", "29988776655"},
+    {"SERVING",
+     "group=1 ntt=0 asp=8000 asys=OUR key=1 prio=8000 no=1 actor=3d psp=8000 psys=PEER pkey=7 pprio=8000 pno=1 "
+     "partner=3d xkey=1 up=1 lacp=1 ready_n=0 sel=1 matched=1 attached=1 collects=1 rx=1 tx=2 mux=6 hold=1 "
+     "cw=15a5a per=11e1e ww=200 txs=0 muxs=100 alone=0 aokey=1 aakey=1 apsys=PEER apsp=8000 apkey=7 "
+     "mask=1 heard=3d told=3d in=1 wanted=1 written=1 cfg1.key=1 g1.type=5 g1.agg=1 g1.list=1 g1.up=1 "
+     "link1=1 @g1/member-port/1 @g1/lacp-type=dynamic"},
+    {"ATTACHED", "SERVING mux=3 collects=0 mask=0 actor=d"},
+    {"WAITING", "SERVING OUTSIDE mux=2 attached=0 collects=0 mask=0 actor=5 apsys=0 apkey=0 ww=10201 waits=1"},
+    {"DETACHED", "SERVING OUTSIDE mux=1 sel=0 attached=0 collects=0 mask=0 actor=5 apsys=0 apkey=0"},
+    {"EXPIRED", "SERVING rx=2 matched=0 partner=37 actor=bd cw=10300"},
+    {"DEFAULTED", "SERVING rx=3 actor=7d NOBODY partner=8 heard=0 alone=1 apsys=0 apsp=0 apkey=0 cw=10300"},
+    {"DOWN", "DETACHED NOBODY partner=0 heard=0 told=0 actor=45 matched=0 rx=6 up=0 tx=0 hold=0 cw=0 per=0"},
+    {"NOBODY", "psp=0 psys=0 pkey=0 pprio=0 pno=0"},
+    // Two ports behind port 1: both waiting, or both in service.
+    {"TWO",
+     "WAITING 2.group=1 2.key=1 2.actor=5 2.psp=8000 2.psys=PEER 2.pkey=7 2.pprio=8000 2.pno=2 2.partner=3d 2.up=1 "
+     "2.lacp=1 2.sel=1 2.rx=1 2.tx=2 2.mux=2 2.hold=1 2.ww=10201 2.txs=0 2.alone=0 2.agg=1 2.waits=1 2.told=3d "
+     "2.heard=3d 2.ntt=0 2.mask=0"},
+    {"PAIR", "TWO SERVING mask=3 2.actor=3d 2.attached=1 2.collects=1 2.mux=6 2.ww=200 2.apsys=PEER 2.apkey=7 2.in=1 "
+             "2.wanted=1 2.written=1 g1.list=3 g1.up=3 waits=0 2.waits=0 link2=1 @g1/member-port/2"},
+    // What follows from the states.
+    {"TOLD", "ntt=1 txs=10000"},
+    {"STARTS_WAITING", "mux=2 ww=10202"},
+    {"COLLECTS", "mux=6 actor=3d mask=1 collects=1"},
+    {"STOPS", "mask=0 collects=0 n_attach=1 TOLD"},
+    {"LEAVES", "STOPS attached=0 apsys=0 apkey=0 mux=1"},
+    {"LEFT", "STOPS attached=0 mux=1"}, // its aggregator was empty
+    {"ATTACHES", "ready=1 attached=1 n_attach=1 TOLD VIEW"},
+    {"KICK", "muxs=10101"},
+    {"HEARD", "heard_at=1"},
+    {"VIEW", "apsys=PEER apkey=7"},
+    {"ANEW", "sel=0 actor=5 LEAVES KICK HEARD"},
+    {"MISMATCH", "TOLD partner=35 n_change=1 matched=0 n_unmatched=1 HEARD"},
+    {"EXPIRES", "matched=0 partner=37 actor=bd rx=2 cw=10303 sys.changed=1"},
+    {"GIVES_UP", "partner=8 heard=0 matched=1 n_trans=1 rx=3 KICK sys.changed=1"},
+    {"PERIOD", "hold=0 TOLD"},
+    {"SENT", "ntt=0 hold=2 n_tx=1"},
+    {"TICKED", "cw=15a59 per=11e1d"},
+    {"TAKES_OVER", "agg=2 2.agg=2 g1.agg=2 TOLD ww=10202 2.ntt=1 2.txs=10000 2.ww=10202"},
+    {"SECOND_STANDS_BY", "2.sel=2 2.ww=10202 2.waits=0"},
+    {"IN_PLACE", "2.agg=2 2.mask=3 2.ntt=1 2.txs=10000 2.n_attach=1 2.ready=1 g1.agg=2"},
+    {"IS_MEMBER", "written=1 w:+g1/member-port/1 g1.list=1 g1.n=1 g1.up=1 g1.upn=1 create:1,9,1,1"},
+    {"OUTSIDE", "wanted=0 written=0 g1.list=0 g1.up=0 @-g1/member-port/1"},
+    {"ALL_ANEW",
+     "NOBODY partner=2 heard=0 told=0 hold=0 tx=0 rx=2 sel=0 alone=1 matched=0 actor=c7 cw=10303 per=0 "
+     "muxs=10101 apsp=0 sys.changed=1 attached=0 collects=0 apsys=0 apkey=0 mux=1 TOLD 2.partner=2 2.rx=2 "
+     "2.actor=c5 2.cw=10303 2.up=1"},
+    {"ALL_STOP", "agg=1 chain=1 2.mask=0 sys.state=0 NOBODY partner=2 heard=0 sel=0 rx=2 matched=0 actor=c5 cw=10303 "
+                 "sys.changed=1 KICK LEAVES 2.attached=1 3.attached=1 4.attached=1"},
+    {"GOES", "wanted=0 written=0 w:-g1/member-port/1 g1.list=0 g1.n=0 g1.up=0 g1.upn=0 destroy:1"},
+};
+
+std::string expanded(const std::string &words)
+{
+    std::istringstream text(words);
+    std::string out;
+    for (std::string word; text >> word;) {
+        const std::size_t value = word.find('=') + 1;
+        const auto found = NAMES.find(word.substr(value));
+        if (found == NAMES.end())
+            out += word + " ";
+        else
+            out += word.substr(0, value) + expanded(found->second) + (value == 0 ? " " : "");
+    }
+    return out;
+}
+
+// A LACPDU of port 1's partner that knows us; "key=9" of the actor's side, "v.key=9" of its view differ.
+static void hear_partner(const std::string &differences)
+{
+    LacInfo sides[] = {{0x8000, PEER_MAC, 7, 0x8000, 1, 0x3D, {}}, lac_actor_info(lacNoToPort(1))};
+    std::istringstream text(expanded(differences));
+    for (std::string word; text >> word;) {
+        const bool view = word.starts_with("v.");
+        const std::string name = word.substr(view ? 2 : 0, word.find('=') - (view ? 2 : 0));
+        const std::uint64_t value = std::stoull(word.substr(word.find('=') + 1), nullptr, 16);
+        LacInfo &side = sides[view ? 1 : 0];
+        if (name == "sys")
+            side.system = PublishedMac::unpack(value);
+        else if (name == "state")
+            side.state = static_cast<std::uint8_t>(value);
+        else
+            (name == "sp"     ? side.system_priority
+             : name == "key"  ? side.key
+             : name == "prio" ? side.port_priority
+                              : side.port) = static_cast<std::uint16_t>(value);
+    }
+    lacRx(lacNoToPort(1), lacDecodePdu(pdu_bytes(sides[0], sides[1]).data()));
+}
+
+std::string act(const std::string &event)
+{
+    LacPort *const port = lacNoToPort(1);
+    const std::string kind = event.substr(0, event.find(' '));
+    const std::string rest = event.size() == kind.size() ? "" : event.substr(kind.size() + 1);
+    const auto number = static_cast<std::uint32_t>(std::strtoul(rest.c_str(), nullptr, 10));
+    int result = 0;
+    const std::map<std::string, std::function<void()>> EVENTS = {
+        {"mux", [&] { lacMuxMachine(port); }},
+        {"mux-init", [&] { lacMuxMachineInitPort(port); }},
+        {"collect", [&] { Enable_Collecting_Distributing(port); }},
+        {"uncollect", [&] { Disable_Collecting_Distributing(port, port->aggregator); }},
+        {"mask", [&] { lacInitPortMask(port); }},
+        {"attach", [] { Attach_Mux_To_Aggregator(1, 2); }},
+        {"detach", [] { Detach_Mux_From_Aggregator(1, 2); }},
+        {"select", [&] { lacSelect(port); }},
+        {"period", [&] { update_Period(port); }},
+        {"tick", [] { LacTick(); }},
+        {"on", [] { lac_set(1); }},
+        {"off", [] { lac_set(2); }},
+        {"link-up", [] { lacLinkUp(1); }},
+        {"link-down", [] { lacLinkDown(1); }},
+        {"port-on", [] { lacSetPortLacpState(1, 1); }},
+        {"port-off", [] { lacSetPortLacpState(1, 0); }},
+        {"timers",
+         [&] {
+             start_current_while_timer(port, 0), Start_wait_while_timer(port), Start_periodic_timer(port, 1),
+                 Start_tx_scheduler(port), mux_scheduler_start(port);
+         }},
+        {"hears", [&] { hear_partner(rest); }},
+        {"frame", [&] { Engine::receive(1, hex(rest)); }}, // the octets of a PDU
+        {"msg",                                            // CODE/PORT=VALUE
+         [&] {
+             const auto to = static_cast<std::uint32_t>(std::stoul(rest.substr(rest.find('/') + 1)));
+             Engine::send(std::stoull(rest), to, std::stoull(expanded(rest.substr(rest.find('=') + 1)), nullptr, 16));
+             Engine::dispatch();
+         }},
+        {"rx", [&] { lacRxMachine(port, number, nullptr); }},
+        {"tx", [&] { tx_machine(port, number); }},
+        {"periodic", [&] { periodic_machine(port, number); }},
+        {"to", [&] { lacChangeAggregator(port, lacNoToPort(number)); }},
+        {"settle", [&] { result = static_cast<int>(lacSettleMembers(rest == "retry")); }},
+        {"cfg", [&] { result = Engine::configure(rest); }},
+        {"resync", [] { lacp_sclient->reconnected(lacp_sclient); }},
+    };
+    EVENTS.at(kind)();
+    return result == 0 ? "" : " r:" + std::to_string(result);
+}
+
+// Alternatives are separated by " | "; those of a state begin as the first one does.
+static Texts alternatives(const std::string &text)
+{
+    Texts all;
+    for (std::size_t at = 0, end = 0; at <= text.size(); at = end + 3) {
+        end = std::min(text.find(" | ", at), text.size());
+        const std::string one = text.substr(at, end - at);
+        const std::string first = all.empty() ? "" : all[0].substr(0, all[0].find(' ') + 1);
+        all.push_back(first.empty() || isupper(first[0]) == 0 || isupper(one[0]) != 0 ? one : first + one);
+    }
+    return all;
+}
+
+void for_runs(const std::vector<Row> &rows, const std::function<void(const Row &, const Case &)> &use)
+{
+    for (const Row &row : rows)
+        for (const std::string &given : alternatives(row.given))
+            for (const std::string &event : alternatives(row.event))
+                use(row, {given, event});
+}
+
+void arrange(const std::string &given)
+{
+    Engine::switch_on();
+    set(expanded(given));
+}
+
+std::string Case::operator()(std::uint32_t debug, std::string *says) const
+{
+    Engine engine;
+    arrange(given);
+    engine.wire.take();
+    lacDebug = debug;
+    std::string result;
+    std::string seen = changes([&] { result = act(event); }, says) + result;
+    for (const SentFrame &frame : engine.wire.take())
+        seen += " sent:" + std::to_string(frame.port());
+    return sorted(seen);
+}
+
+void check(const std::vector<Row> &rows)
+{
+    for_runs(rows, [](const Row &row, const Case &run) {
+        std::string says;
+        EXPECT_EQ(run(0, &says), sorted(expanded(row.then))) << run.given << ": " << run.event;
+        EXPECT_TRUE(row.says == nullptr || says == row.says) << run.event << " says " << says;
+    });
 }

@@ -1,158 +1,96 @@
 #include "fake_datastore.h"
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <optional>
+#include <regex>
+#include <sysrepo/values.h>
 #include <utility>
 
-namespace fake
-{
+using namespace fake;
+using Size = std::uint32_t;
+using Text = const char *;
 
-static std::atomic<int> iterators;
-
-Datastore &datastore()
+Datastore &fake::datastore()
 {
     static auto *const records = new Datastore;
     return *records;
 }
 
-void reset_datastore()
+void fake::reset_datastore()
 {
     Datastore &db = datastore();
     const std::lock_guard guard(db.lock);
     db.leaves.clear();
     db.failures.clear();
     db.writes.clear();
+    db.subscribed.clear();
     db.missing = SR_ERR_NOT_FOUND;
     db.debug_mask = 0;
-    db.subscribed.clear();
     db.member_changed = nullptr;
 }
 
-std::vector<std::string> take_writes()
+std::vector<std::string> fake::take_writes()
 {
     const std::lock_guard guard(datastore().lock);
     return std::exchange(datastore().writes, {});
 }
 
-// The entries of a list, by what stands behind its name.
-static std::vector<std::string> entries(const std::string &list)
+std::string fake::stored(const std::string &leaf)
 {
     const std::lock_guard guard(datastore().lock);
-    std::vector<std::string> found;
-    for (const auto &[name, value] : datastore().leaves)
-        if (name.starts_with(list + "/"))
-            found.push_back(name.substr(list.size() + 1));
-    return found;
+    const auto found = datastore().leaves.find(leaf);
+    return found == datastore().leaves.end() ? "" : found->second;
 }
-
-std::uint32_t members(int group)
-{
-    std::uint32_t list = 0;
-    for (const std::string &port : entries("g" + std::to_string(group) + "/member-port"))
-        list |= 1U << (std::stoul(port) - 1);
-    return list;
-}
-
-// ---- changes --------------------------------------------------------------------------------------------------
 
 namespace
 {
 
-struct Change {
-    sr_change_oper_t operation = SR_OP_MODIFIED;
-    std::string leaf;
-    std::optional<std::string> old_value, new_value;
-};
+// ---- changes --------------------------------------------------------------------------------------------------
 
 struct Event { // what a handler's session pointer stands for here
-    std::vector<Change> changes;
+    std::string changes;
     std::size_t next = 0;
 };
 
-Change read(std::string text)
-{
-    Change change;
-    const char sign = text[0];
-    text.erase(0, text.find_first_not_of("+-"));
-    const std::size_t at = text.find('=');
-    change.leaf = text.substr(0, at);
-    const std::string value = at == std::string::npos ? "#1" : text.substr(at + 1); // an entry of a list
-    const std::size_t arrow = value.find('>');
-    change.operation = sign == '+' ? SR_OP_CREATED : sign == '-' ? SR_OP_DELETED : SR_OP_MODIFIED;
-    if (sign != '+')
-        change.old_value = value.substr(0, arrow);
-    if (sign != '-')
-        change.new_value = value.substr(arrow + 1);
-    return change;
-}
-
 std::string path_of(const std::string &leaf)
 {
-    const std::size_t slash = leaf.find('/');
-    const std::string rest = slash == std::string::npos ? "" : leaf.substr(slash);
-    const std::string number = leaf.substr(1, slash - 1);
+    const std::size_t slash = std::min(leaf.find('/'), leaf.size());
+    const std::string rest = leaf.substr(slash), number = leaf.substr(1, slash - 1);
     if (leaf.starts_with("sys"))
         return "/olt-lacp:global-configuration" + rest;
     if (leaf[0] == 'g')
         return "/olt-lacp:channel-group/group[id='" + number + "']" + rest;
-    const bool link = rest == "/link-status";
     return "/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/" + number + "']" +
-           (link ? "/interface-basic" : "/olt-lacp:trunk") + rest;
+           (rest == "/link-status" ? "/interface-basic" : "/olt-lacp:trunk") + rest;
 }
 
-sr_val_t *allocate(const std::string &leaf, const std::optional<std::string> &value)
+sr_val_t *value_of(const std::string &leaf, const std::string &text)
 {
-    if (!value)
-        return nullptr;
-    auto *out = static_cast<sr_val_t *>(calloc(1, sizeof(sr_val_t)));
-    const bool is_port = leaf.ends_with("-port") && isdigit(static_cast<unsigned char>((*value)[0])) != 0;
-    out->xpath = strdup(path_of(leaf).c_str());
-    if (value->starts_with("#")) {
-        out->type = static_cast<sr_val_type_t>(std::stoi(value->substr(1)));
+    static const std::regex NUMBER(".*(/channel-group|/id|priority)");
+    sr_val_t *out = nullptr;
+    sr_new_val(path_of(leaf).c_str(), &out);
+    const bool list = leaf.ends_with("-port"), port = list && isdigit(static_cast<unsigned char>(text[0])) != 0;
+    if (text[0] == '#') {
+        out->type = static_cast<sr_val_type_t>(std::stoi(text.substr(1)));
         out->data.uint64_val = 1; // no text
-    } else if (leaf.ends_with("/channel-group") || leaf.ends_with("/id")) {
-        out->type = SR_UINT8_T;
-        out->data.uint8_val = static_cast<std::uint8_t>(std::stoi(*value));
-    } else if (leaf.ends_with("priority")) {
-        out->type = SR_UINT16_T;
-        out->data.uint16_val = static_cast<std::uint16_t>(std::stoi(*value));
+    } else if (std::regex_match(leaf, NUMBER)) {
+        out->type = leaf.ends_with("priority") ? SR_UINT16_T : SR_UINT8_T;
+        out->data.uint16_val = static_cast<std::uint16_t>(std::stoi(text));
     } else {
-        out->type = leaf.ends_with("-port") || leaf.ends_with("system-id") ? SR_STRING_T : SR_ENUM_T;
-        out->data.string_val = strdup(((is_port ? "gigabitethernet 0/" : "") + *value).c_str());
+        sr_val_set_str_data(out, list || leaf.ends_with("system-id") ? SR_STRING_T : SR_ENUM_T,
+                            ((port ? "gigabitethernet 0/" : "") + text).c_str());
     }
     return out;
 }
 
-} // namespace
-
-Delivery deliver(sr_module_change_cb handler, sr_event_t event, const std::string &changes)
-{
-    Event record;
-    for (std::size_t at = 0, end = 0; at < changes.size(); at = end + 2) {
-        end = std::min(changes.find("; ", at), changes.size());
-        record.changes.push_back(read(changes.substr(at, end - at)));
-    }
-    const int result =
-        handler(reinterpret_cast<sr_session_ctx_t *>(&record), 1, "module", "subscribed", event, 1, nullptr);
-    return {result, record.next};
-}
-
-int open_iterators()
-{
-    return iterators;
-}
-
 // ---- access ---------------------------------------------------------------------------------------------------
 
-static int failure(const std::string &what)
+int failure(const std::string &what)
 {
     const auto found = datastore().failures.find(what);
     return found == datastore().failures.end() ? 0 : found->second;
 }
 
-static int write(const std::string &line, const std::string &kind = "write")
+int write(const std::string &line, const std::string &kind = "write")
 {
     const std::lock_guard guard(datastore().lock);
     datastore().writes.push_back(line);
@@ -160,255 +98,216 @@ static int write(const std::string &line, const std::string &kind = "write")
 }
 
 // The handler reads the datastore, perhaps on another thread: it sees what was there before the change.
-static int change_member(bool member, int group, std::uint32_t port)
+int change_member(bool member, int group, const std::string &port)
 {
-    const std::string list = "g" + std::to_string(group) + "/member-port", number = std::to_string(port);
-    const std::string sign = member ? "+" : "-";
+    const std::string sign = member ? "+" : "-", list = "g" + std::to_string(group) + "/member-port";
     Datastore &db = datastore();
     std::unique_lock guard(db.lock);
-    if (const int refused = write(sign + list + "/" + number, sign + "member-port"); refused != 0)
+    if (const int refused = write(sign + list + "/" + port, sign + "member-port"); refused != 0)
         return refused;
-    if (db.leaves.contains(list + "/" + number) == member)
+    if (db.leaves.contains(list + "/" + port) == member)
         return member ? 0 : KEL_DB_NOT_THERE;
     const auto handler = db.member_changed;
     guard.unlock();
-    if (const int refused = handler ? handler(sign + list + "=" + number) : 0; refused != 0)
+    if (const int refused = handler ? handler(sign + list + "=" + port) : 0; refused != 0)
         return refused;
     guard.lock();
-    member ? void(db.leaves[list + "/" + number]) : void(db.leaves.erase(list + "/" + number));
+    member ? void(db.leaves[list + "/" + port]) : void(db.leaves.erase(list + "/" + port));
     return 0;
 }
 
-static std::string name(char kind, int number, const std::string &leaf)
+std::string name(char kind, unsigned number, const std::string &leaf)
 {
     return kind + std::to_string(number) + "/" + leaf;
 }
 
-static int get(const std::string &leaf, char *text, std::uint32_t *size)
+std::string state(Size port, const std::string &role, const std::string &leaf)
+{
+    return name('p', port, role + "/" + leaf);
+}
+
+template <typename T> int get(const std::string &leaf, T *value, Size *size)
 {
     const std::lock_guard guard(datastore().lock);
-    const auto found = datastore().leaves.find(leaf);
-    if (found == datastore().leaves.end())
+    const std::string text = stored(leaf);
+    if (!datastore().leaves.contains(leaf))
         return datastore().missing;
-    if (found->second.size() + 1 > *size)
+    if (std::is_same_v<T, char> ? *size <= text.size() : *size != sizeof(T))
         return -1;
-    memcpy(text, found->second.c_str(), found->second.size() + 1);
+    if constexpr (std::is_same_v<T, char>)
+        memcpy(value, text.c_str(), text.size() + 1);
+    else
+        *value = static_cast<T>(std::stoul(text));
     return 0;
 }
 
-template <typename Number> int get(const std::string &leaf, Number *value, std::uint32_t *size)
+// The entries of a list, by what stands behind its name.
+std::vector<std::string> entries(const std::string &list)
 {
-    char text[16];
-    std::uint32_t room = sizeof(text);
-    const int result = *size != sizeof(Number) ? -1 : get(leaf, text, &room);
-    if (result == 0)
-        *value = static_cast<Number>(std::stoul(text));
-    return result;
+    const std::lock_guard guard(datastore().lock);
+    std::vector<std::string> found;
+    for (const auto &[leaf, value] : datastore().leaves)
+        if (leaf.starts_with(list + "/"))
+            found.push_back(leaf.substr(list.size() + 1));
+    return found;
 }
 
-static int list(const std::string &name, char ***texts, std::uint32_t *count)
+int ports(const std::string &list, char ***texts, Size *count)
 {
-    const std::vector<std::string> found = entries(name);
-    *count = static_cast<std::uint32_t>(found.size());
+    const std::vector<std::string> found = entries(list);
+    *count = static_cast<Size>(found.size());
     *texts = found.empty() ? nullptr : static_cast<char **>(calloc(*count, sizeof(char *)));
-    for (std::uint32_t i = 0; i < *count; ++i)
+    for (Size i = 0; i < *count; ++i)
         (*texts)[i] = strdup(("gigabitethernet 0/" + found[i]).c_str());
     return found.empty() ? datastore().missing : 0;
 }
 
-} // namespace fake
+} // namespace
 
-using namespace fake;
-using Size = std::uint32_t;
-
-void sr_release(sr_val_t *&value)
+std::uint32_t fake::members(int group)
 {
-    sr_free_val(value);
-    value = nullptr;
+    std::uint32_t list = 0;
+    for (const std::string &port : entries(name('g', static_cast<unsigned>(group), "member-port")))
+        list |= 1U << (std::stoul(port) - 1);
+    return list;
+}
+
+int fake::deliver(sr_module_change_cb handler, sr_event_t event, const std::string &changes)
+{
+    Event record{changes};
+    return handler(reinterpret_cast<sr_session_ctx_t *>(&record), 1, "module", "subscribed", event, 1, nullptr);
 }
 
 // In place of sysrepo's.
 extern "C" void sr_free_change_iter(sr_change_iter_t *iterator)
 {
-    iterators -= iterator != nullptr;
+    datastore().iterators -= iterator != nullptr;
     free(iterator);
 }
 
-int kel_db_get_change_next(sr_session_ctx_t *session, const char *, sr_change_iter_t **iterator,
-                           sr_change_oper_t *operation, sr_val_t **old_value, sr_val_t **new_value)
+int kel_db_get_change_next(sr_session_ctx_t *session, Text, sr_change_iter_t **iterator, sr_change_oper_t *operation,
+                           sr_val_t **old_value, sr_val_t **new_value)
 {
-    auto *event = reinterpret_cast<Event *>(session);
-    sr_release(*old_value);
-    sr_release(*new_value);
+    auto &event = *reinterpret_cast<Event *>(session);
+    sr_free_val(std::exchange(*old_value, nullptr));
+    sr_free_val(std::exchange(*new_value, nullptr));
     if (*iterator == nullptr) {
         *iterator = static_cast<sr_change_iter_t *>(malloc(1));
-        ++iterators;
+        ++datastore().iterators;
     }
-    if (event->next == event->changes.size())
+    if (event.next >= event.changes.size())
         return SR_ERR_NOT_FOUND;
-    const Change &change = event->changes[event->next++];
-    *operation = change.operation;
-    *old_value = allocate(change.leaf, change.old_value);
-    *new_value = allocate(change.leaf, change.new_value);
+    const std::size_t end = std::min(event.changes.find("; ", event.next), event.changes.size());
+    const std::string change = event.changes.substr(event.next, end - event.next);
+    event.next = end + 2;
+    static const std::regex FORM("([+-]?)([^=]*)=?([^>]*)>?(.*)");
+    std::smatch part;
+    std::regex_match(change, part, FORM);
+    const std::string value = part[3].length() == 0 ? "#1" : part[3].str(); // without one an entry of a list
+    *operation = part[1] == "+" ? SR_OP_CREATED : part[1] == "-" ? SR_OP_DELETED : SR_OP_MODIFIED;
+    *old_value = *operation == SR_OP_CREATED ? nullptr : value_of(part[2], value);
+    *new_value = *operation == SR_OP_DELETED
+                     ? nullptr
+                     : value_of(part[2], *operation == SR_OP_MODIFIED ? part[4].str() : value);
     return 0;
 }
 
-// ---- connection -----------------------------------------------------------------------------------------------
+// ---- the library's functions ----------------------------------------------------------------------------------
 
-int database_init(KelDb *)
+#define DB(function, parameters, ...)                                                                                \
+    int function parameters                                                                                          \
+    {                                                                                                                \
+        return __VA_ARGS__;                                                                                          \
+    }
+
+DB(database_init, (KelDb *), failure("connect"))
+static KelDb connection;
+DB(kel_db_session_open, (KelDbSession * session), session->db = &connection, 0)
+DB(kel_db_session_close, (KelDbSession *), 0)
+DB(db_connect_init_with_vty, (KelDbSession * session, KelDb *), kel_db_session_open(session))
+DB(db_disconnect_free_with_vty, (KelDbSession *, KelDb *), 0)
+
+DB(db_olt_lacp_get_group_lacp_type, (int g, KelDb *, char *to, Size *size), get(name('g', g, "lacp-type"), to, size))
+DB(db_olt_lacp_get_group_load_balance, (int g, KelDb *, char *to, Size *size),
+   get(name('g', g, "load-balance"), to, size))
+DB(db_olt_lacp_get_group_member_port, (int g, KelDb *, char ***to, Size *count),
+   ports(name('g', g, "member-port"), to, count))
+DB(db_olt_lacp_get_group_join_port, (int g, KelDb *, char ***to, Size *count),
+   ports(name('g', g, "join-port"), to, count))
+DB(db_olt_lacp_get_global_configuration_system_priority, (KelDb *, std::uint16_t *to, Size *size),
+   get("sys/system-priority", to, size))
+
+#define GET(function, leaf, type)                                                                                    \
+    DB(function, (int, Size port, KelDb *, type *to, Size *size), get(name('p', port, leaf), to, size))
+GET(db_olt_ifm_get_interface_basic_link_status, "link-status", char)
+GET(db_olt_lacp_get_trunk_channel_group, "channel-group", std::uint8_t)
+GET(db_olt_lacp_get_trunk_mode, "mode", char)
+GET(db_olt_lacp_get_trunk_timeout, "timeout", char)
+GET(db_olt_lacp_get_trunk_priority, "priority", std::uint16_t)
+
+#define GET_STATE(function, leaf, type)                                                                              \
+    DB(function, (int, Size port, Text role, KelDb *, type *to, Size *size), get(state(port, role, leaf), to, size))
+GET_STATE(db_olt_lacp_get_port_id, "id", std::uint16_t)
+GET_STATE(db_olt_lacp_get_port_oper_key, "oper-key", std::uint16_t)
+GET_STATE(db_olt_lacp_get_port_port_state, "port-state", std::uint8_t)
+GET_STATE(db_olt_lacp_get_port_synchronization, "synchronization", std::uint8_t)
+GET_STATE(db_olt_lacp_get_port_col_dis, "col-dis", std::uint8_t)
+GET_STATE(db_olt_lacp_get_port_priority, "priority", std::uint16_t)
+GET_STATE(db_olt_lacp_get_port_timeout, "timeout", char)
+GET_STATE(db_olt_lacp_get_port_system_id, "system-id", char)
+GET_STATE(db_olt_lacp_get_port_mode, "mode", char)
+
+// What is written is one line; but for members it stores nothing.
+DB(db_olt_lacp_del_trunk_channel_group, (int, Size p, KelDb *), write("-" + name('p', p, "channel-group")))
+DB(db_olt_lacp_del_trunk_mode, (int, Size p, KelDb *), write("-" + name('p', p, "mode")))
+DB(db_olt_lacp_del_trunk_priority, (int, Size p, KelDb *), write("-" + name('p', p, "priority")))
+DB(db_olt_lacp_del_trunk_timeout, (int, Size p, KelDb *), write("-" + name('p', p, "timeout")))
+DB(db_olt_lacp_del_group_id, (int g, KelDb *), write("-g" + std::to_string(g)))
+DB(db_olt_lacp_del_global_configuration_system_priority, (KelDb *), write("-sys/system-priority"))
+DB(db_olt_lacp_set_group_load_balance, (int g, KelDb *, Text text, Size, Size),
+   write(name('g', g, "load-balance=") + text))
+DB(db_olt_lacp_set_global_configuration_system_id, (KelDb *, Text text, Size, Size),
+   write(std::string("sys/system-id=") + text))
+DB(db_olt_lacp_set_global_configuration_system_priority, (KelDb *, std::uint16_t value, Size, Size),
+   write("sys/system-priority=" + std::to_string(value)))
+DB(db_olt_lacp_set_trunk_timeout, (int, Size port, KelDb *, Text text, Size, Size),
+   write(name('p', port, "timeout=") + text))
+std::uint8_t db_olt_lacp_set_trunk_priority(int, Size port, KelDb *, std::uint16_t value, Size, Size)
 {
-    return failure("connect");
+    return write(name('p', port, "priority=") + std::to_string(value)) != 0;
 }
-
-int kel_db_session_open(KelDbSession *session)
-{
-    static KelDb connection;
-    session->db = &connection;
-    return 0;
-}
-
-int kel_db_session_close(KelDbSession *)
-{
-    return 0;
-}
-
-int db_connect_init_with_vty(KelDbSession *session, KelDb *)
-{
-    return kel_db_session_open(session);
-}
-
-int db_disconnect_free_with_vty(KelDbSession *, KelDb *)
-{
-    return 0;
-}
-
-kel_db_debug_flag db_debug_flag_return()
-{
-    return &datastore().debug_mask;
-}
-
-void db_debug_flag_reg(kel_db_debug_flag) {}
-
-kel_db_sysrepo_debug sysrepo_debug_func_return()
-{
-    return nullptr;
-}
-
-void sysrepo_debug_fun_reg(kel_db_sysrepo_debug) {}
-
-std::uint32_t db_debug_get()
-{
-    return datastore().debug_mask;
-}
-
-int db_module_subscription_init(KelDb *, const DbModuleCbs *const *tables)
-{
+DB(db_add_channel_group, (KelDb *, int slot, Size port, int g, Text mode),
+   write(std::to_string(slot) + "/" + name('p', port, "mode=") + mode + " g" + std::to_string(g)))
+DB(db_del_channel_group, (KelDb *, int slot, Size port, int g),
+   write("-" + std::to_string(slot) + "/" + name('p', port, "g") + std::to_string(g)))
+DB(db_olt_lacp_set_group_member_port, (int g, KelDb *, Text port, Size size, Size count),
+   size == 32 && count == 1 ? change_member(true, g, port + strlen("gigabitethernet 0/")) : write(port))
+DB(db_olt_lacp_del_group_member_port, (int g, int, Size port, KelDb *), change_member(false, g, std::to_string(port)))
+DB(db_olt_lacp_show_xml_group_id, (KelDb *, char **out), stored("xml").empty() ? -1 : (*out = strdup("<xml/>\n"), 0))
+DB(db_module_subscription_init, (KelDb *, const DbModuleCbs *const *tables), [tables]() mutable {
     for (; *tables != nullptr; ++tables)
         for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry)
             datastore().subscribed.push_back(std::string((*tables)->module) + " " + entry->xpath);
     return failure("subscribe");
-}
+}())
 
-// ---- accessors ------------------------------------------------------------------------------------------------
-
-#define GROUP_READER(function, read, leaf, ...)                                                                      \
-    int function(int group, KelDb *, __VA_ARGS__ value, Size *size)                                                  \
-    {                                                                                                                \
-        return read(name('g', group, leaf), value, size);                                                            \
-    }
-#define PORT_READER(function, leaf, type)                                                                            \
-    int function(int, Size port, KelDb *, type *value, Size *size)                                                   \
-    {                                                                                                                \
-        return get(name('p', int(port), leaf), value, size);                                                         \
-    }
-#define STATE_READER(leaf, text, type)                                                                               \
-    int db_olt_lacp_get_port_##leaf(int slot, Size port, const char *role, KelDb *, type *value, Size *size)         \
-    {                                                                                                                \
-        return slot != 0 ? -1 : get(name('p', int(port), std::string(role) + "/" text), value, size);                \
-    }
-#define DELETER(leaf, text)                                                                                          \
-    int db_olt_lacp_del_trunk_##leaf(int, Size port, KelDb *)                                                        \
-    {                                                                                                                \
-        return write("-" + name('p', int(port), text));                                                              \
-    }
-
-GROUP_READER(db_olt_lacp_get_group_lacp_type, get, "lacp-type", char *)
-GROUP_READER(db_olt_lacp_get_group_load_balance, get, "load-balance", char *)
-GROUP_READER(db_olt_lacp_get_group_member_port, list, "member-port", char ***)
-GROUP_READER(db_olt_lacp_get_group_join_port, list, "join-port", char ***)
-PORT_READER(db_olt_ifm_get_interface_basic_link_status, "link-status", char)
-PORT_READER(db_olt_lacp_get_trunk_channel_group, "channel-group", std::uint8_t)
-PORT_READER(db_olt_lacp_get_trunk_mode, "mode", char)
-PORT_READER(db_olt_lacp_get_trunk_timeout, "timeout", char)
-PORT_READER(db_olt_lacp_get_trunk_priority, "priority", std::uint16_t)
-STATE_READER(id, "id", std::uint16_t)
-STATE_READER(oper_key, "oper-key", std::uint16_t)
-STATE_READER(port_state, "port-state", std::uint8_t)
-STATE_READER(synchronization, "synchronization", std::uint8_t)
-STATE_READER(col_dis, "col-dis", std::uint8_t)
-STATE_READER(priority, "priority", std::uint16_t)
-STATE_READER(timeout, "timeout", char)
-STATE_READER(system_id, "system-id", char)
-STATE_READER(mode, "mode", char)
-DELETER(channel_group, "channel-group")
-DELETER(mode, "mode")
-DELETER(priority, "priority")
-DELETER(timeout, "timeout")
-
-// What is written is one line; it stores nothing.
-#define WRITER(arguments, function, line)                                                                            \
-    int function arguments                                                                                           \
-    {                                                                                                                \
-        return write(line);                                                                                          \
-    }
-
-WRITER((int group, KelDb *), db_olt_lacp_del_group_id, "-g" + std::to_string(group))
-WRITER((int group, KelDb *, const char *text, std::uint32_t, std::uint32_t), db_olt_lacp_set_group_load_balance,
-       name('g', group, "load-balance=") + text)
-WRITER((KelDb *, const char *text, std::uint32_t, std::uint32_t), db_olt_lacp_set_global_configuration_system_id,
-       std::string("sys/system-id=") + text)
-WRITER((KelDb *, std::uint16_t value, std::uint32_t, std::uint32_t),
-       db_olt_lacp_set_global_configuration_system_priority, "sys/system-priority=" + std::to_string(value))
-WRITER((KelDb *), db_olt_lacp_del_global_configuration_system_priority, "-sys/system-priority")
-WRITER((int, std::uint32_t port, KelDb *, const char *text, std::uint32_t, std::uint32_t),
-       db_olt_lacp_set_trunk_timeout, name('p', int(port), "timeout=") + text)
-WRITER((KelDb *, int slot, std::uint32_t port, int group, const char *mode), db_add_channel_group,
-       std::to_string(slot) + "/" + name('p', int(port), "mode=") + mode + " g" + std::to_string(group))
-WRITER((KelDb *, int slot, std::uint32_t port, int group), db_del_channel_group,
-       "-" + std::to_string(slot) + "/" + name('p', int(port), "g") + std::to_string(group))
-
-void db_free_string_array_val(char **texts, std::uint32_t count)
+void db_debug_flag_reg(kel_db_debug_flag) {}
+void sysrepo_debug_fun_reg(kel_db_sysrepo_debug) {}
+kel_db_sysrepo_debug sysrepo_debug_func_return()
 {
-    for (std::uint32_t i = 0; i < count; ++i)
-        free(texts[i]);
+    return nullptr;
+}
+std::uint32_t *db_debug_flag_return()
+{
+    return &datastore().debug_mask;
+}
+std::uint32_t db_debug_get()
+{
+    return datastore().debug_mask;
+}
+void db_free_string_array_val(char **texts, Size count)
+{
+    while (count > 0)
+        free(texts[--count]);
     free(texts);
-}
-
-int db_olt_lacp_get_global_configuration_system_priority(KelDb *, std::uint16_t *value, std::uint32_t *size)
-{
-    return get("sys/system-priority", value, size);
-}
-
-int db_olt_lacp_show_xml_group_id(KelDb *, char **out)
-{
-    *out = strdup("<channel-group/>\n");
-    return datastore().leaves.contains("xml") ? 0 : (free(*out), -1);
-}
-
-int db_olt_lacp_set_group_member_port(int group, KelDb *, const char *text, std::uint32_t size, std::uint32_t count)
-{
-    const std::string port = text;
-    const bool whole = port.starts_with("gigabitethernet 0/") && size == 32 && count == 1;
-    return whole ? change_member(true, group, Size(std::stoul(port.substr(18)))) : write("no member: " + port);
-}
-
-int db_olt_lacp_del_group_member_port(int group, int, std::uint32_t port, KelDb *)
-{
-    return change_member(false, group, port);
-}
-
-std::uint8_t db_olt_lacp_set_trunk_priority(int, std::uint32_t port, KelDb *, std::uint16_t value, std::uint32_t,
-                                            std::uint32_t)
-{
-    return std::uint8_t(write(name('p', int(port), "priority=") + std::to_string(value)));
 }

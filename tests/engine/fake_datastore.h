@@ -6,7 +6,6 @@
 
 #include "keldatabase/keldatabase.h"
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -16,31 +15,26 @@
 namespace fake
 {
 
-// Outlives every static object: a thread that never ends may still use it when the process exits.
 struct Datastore {
     std::recursive_mutex lock;
     std::map<std::string, std::string> leaves;
-    std::map<std::string, int> failures; // code by "+member-port", "-member-port", "write", "connect", "subscribe"
-    std::vector<std::string> writes;     // by short name, "-" in front of a deletion
-    int missing = SR_ERR_NOT_FOUND;      // what reading a leaf that is not there says
+    std::map<std::string, int> failures;         // code by "+member-port", "-member-port", "write", "subscribe" ...
+    std::vector<std::string> writes, subscribed; // writes by short name, "-" in front of a deletion
+    int missing = SR_ERR_NOT_FOUND;              // what reading a leaf that is not there says
     std::uint32_t debug_mask = 0;
-    std::vector<std::string> subscribed;
+    int iterators = 0;                                            // handed out and not yet released
     std::function<int(const std::string &change)> member_changed; // how the daemon hears of it; non-zero refuses
 };
 
+// Outlives every static object: a thread that never ends may still use it when the process exits.
 Datastore &datastore();
 void reset_datastore();
 std::vector<std::string> take_writes();
-std::uint32_t members(int group); // of the list in the datastore, as bits
-
-struct Delivery {
-    int result;
-    std::size_t fetched; // changes that the handler asked for and got
-};
+std::string stored(const std::string &leaf); // empty: not there
+std::uint32_t members(int group);            // of the list in the datastore, as bits
 
 // Runs a handler on changes that are separated by "; ": "+LEAF=VALUE" created, "-LEAF=VALUE" deleted,
 // "LEAF=OLD>NEW" modified. A value "#N" is no text and of the sysrepo type N; a port's number stands for its name.
-Delivery deliver(sr_module_change_cb handler, sr_event_t event, const std::string &changes);
-int open_iterators(); // handed out and not yet released
+int deliver(sr_module_change_cb handler, sr_event_t event, const std::string &changes);
 
 } // namespace fake

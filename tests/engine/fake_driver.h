@@ -3,7 +3,6 @@
 
 #include "sclient/sclient.h"
 
-#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <vector>
@@ -21,7 +20,6 @@ struct Driver {
 };
 
 Driver &driver();
-void reset_driver();
 std::vector<Message> take_messages();
 
 } // namespace fake

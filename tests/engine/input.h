@@ -1,15 +1,13 @@
-// What the fuzz targets share: their input as a supply of choices, checks, and quiet.
+// What random sequences and fuzz targets share: their input as a supply of choicesand checks.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <span>
 #include <string>
 #include <unistd.h>
-#include <utility>
 
 namespace fuzz
 {
@@ -27,18 +25,14 @@ class Input
         rest_ = rest_.subspan(taken.size());
         return taken;
     }
-    std::uint8_t byte()
-    {
-        const auto taken = bytes(1);
-        return taken.empty() ? 0 : taken[0];
-    }
     std::uint32_t number(int octets) // big-endian
     {
         std::uint32_t value = 0;
-        while (octets-- > 0)
-            value = value << 8 | byte();
+        for (; octets > 0; --octets)
+            value = value << 8 | (rest_.empty() ? 0 : bytes(1)[0]);
         return value;
     }
+    std::uint8_t byte() { return static_cast<std::uint8_t>(number(1)); }
     std::uint32_t below(std::uint32_t limit) { return byte() % limit; }
     template <typename Choices> const auto &pick(const Choices &choices)
     {
@@ -57,38 +51,10 @@ class Input
 // Aborts when something that must hold does not: the fuzzer keeps the input.
 inline void require(bool holds, const char *what)
 {
-    if (holds)
-        return;
-    dprintf(STDERR_FILENO, "does not hold: %s\n", what);
-    abort();
+    if (!holds) {
+        dprintf(STDERR_FILENO, "does not hold: %s\n", what);
+        abort();
+    }
 }
-
-// While it lives nothing is printed through the streams.
-class Quiet
-{
-  public:
-    Quiet()
-    {
-        static FILE *const nowhere = fopen("/dev/null", "w");
-        stdout = stderr = nowhere;
-    }
-    ~Quiet()
-    {
-        stdout = out_;
-        stderr = error_;
-        std::cout.rdbuf(cout_);
-        std::cerr.rdbuf(cerr_);
-        std::cout.clear();
-        std::cerr.clear();
-    }
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-  private:
-    FILE *out_ = stdout;
-    FILE *error_ = stderr;
-    std::streambuf *cout_ = std::cout.rdbuf(nullptr);
-    std::streambuf *cerr_ = std::cerr.rdbuf(nullptr);
-};
 
 } // namespace fuzz

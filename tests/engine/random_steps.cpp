@@ -1,6 +1,11 @@
 #include "random_steps.h"
 
 #include <algorithm>
+#include <bit>
+
+#define HOLDS(condition)                                                                                             \
+    if (!(condition))                                                                                                \
+    return #condition
 
 namespace
 {
@@ -13,41 +18,14 @@ constexpr unsigned SETTLE_TICKS = 12;
 constexpr Mac SYSTEMS[] = {PEER_MAC, PEER_MAC, PEER_MAC, OTHER_MAC, OUR_MAC, {}};
 constexpr std::uint16_t NUMBERS[] = {0x8000, 0, 1, 100, 0xFFFF};
 
-std::string group_leaf(int group, const std::string &leaf)
+std::string leaf(char kind, std::uint32_t number, const std::string &name)
 {
-    return "g" + std::to_string(group) + leaf;
+    return kind + std::to_string(number) + "/" + name;
 }
 
-std::string port_leaf(std::uint32_t port_no, const std::string &leaf)
+std::string type_of(std::uint32_t group)
 {
-    return "p" + std::to_string(port_no) + "/" + leaf;
-}
-
-std::string stored(const std::string &leaf)
-{
-    const auto found = fake::datastore().leaves.find(leaf);
-    return found == fake::datastore().leaves.end() ? "" : found->second;
-}
-
-std::string type_of(int group)
-{
-    return stored(group_leaf(group, "/lacp-type"));
-}
-
-int configured_group(std::uint32_t port_no)
-{
-    const std::string group = stored(port_leaf(port_no, "channel-group"));
-    return group.empty() ? 0 : std::stoi(group);
-}
-
-// A member of a manual group, as its client writes it.
-void set_member(bool member, int group, std::uint32_t port_no)
-{
-    const std::string list = group_leaf(group, "/member-port"), number = std::to_string(port_no);
-    if (fake::datastore().leaves.contains(list + "/" + number) == member)
-        return;
-    if (Engine::configure((member ? "+" : "-") + list + "=" + number).result == 0 && !member)
-        fake::datastore().leaves.erase(list + "/" + number);
+    return fake::stored(leaf('g', group, "lacp-type"));
 }
 
 // What a LACPDU says of the port: the system's identifier may have changed after the port's own copy was taken.
@@ -58,12 +36,68 @@ LacInfo told_by(std::uint32_t port_no)
     return told;
 }
 
-bool is_on_its_way(const LacPort *port)
+bool runs(const LacPort *port)
 {
-    const bool serves = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING;
-    const bool stands_by = port->selected == LAC_STANDBY && port->muxm == LAC_MUX_WAITING;
-    const bool barred = port->member_bar != 0; // or just not any more
-    return port->lacp_enabled == 1 && lacIsLinkUp(port) == 1 && !serves && !stands_by && !barred;
+    return port->lacp_enabled == 1 && port->port_enabled == 1;
+}
+
+// A port in an aggregator of its own is no part of its group's aggregation, and neither is an unselected one.
+bool is_aggregated(const LacPort *port)
+{
+    return port->individual == 0 && port->selected != LAC_UNSELECTED;
+}
+
+// The mux machine follows selection, and selection follows the receive machine when the mux scheduler expires; so
+// where those two may differ the scheduler must be running.
+const char *broken_machines(const LacPort *port)
+{
+    const std::uint32_t rx = port->rxm, mux = port->muxm, selected = port->selected;
+    const bool rests = port->mux_scheduler.active == 0, collects = mux == LAC_MUX_COLLECTING_DISTRIBUTING;
+    HOLDS(rx >= LAC_RX_CURRENT && rx <= LAC_RX_PORT_DISABLED && rx != LAC_RX_INITIALIZE);
+    HOLDS(port->txm <= LAC_SLOW_PERIODIC && port->hold_count <= LAC_HOLD_LIMIT);
+    HOLDS(rx != LAC_RX_CURRENT || (port->actor_oper_state & (LAC_EXPIRED | LAC_DEFAULTED)) == 0);
+    HOLDS((rx != LAC_RX_CURRENT && rx != LAC_RX_EXPIRED) || port->current_while_timer.active == 1);
+    HOLDS(mux == LAC_MUX_DETACHED || mux == LAC_MUX_WAITING || mux == LAC_MUX_ATTACHED || collects);
+    HOLDS((port->attached == 1) == (mux == LAC_MUX_ATTACHED || collects) && (port->coll_dist == 1) == collects);
+    HOLDS(mux != LAC_MUX_WAITING || port->wait_while_timer.active == 1);
+    HOLDS(selected == LAC_UNSELECTED || (selected <= LAC_STANDBY && runs(port)));
+    HOLDS(selected != LAC_UNSELECTED || mux == LAC_MUX_DETACHED || !rests);
+    HOLDS(selected != LAC_STANDBY || mux == LAC_MUX_WAITING);
+    HOLDS(selected != LAC_SELECTED || mux != LAC_MUX_DETACHED);
+    HOLDS(!collects || !rests || (port->actor_oper_state & LAC_SYNCHRONIZATION) != 0);
+    HOLDS(port->attached == 1 || (port->actor_oper_state & LAC_MUX_BITS) == 0);
+    return nullptr;
+}
+
+// A dynamic group has the members that collect and whose both ends agree; a refused write is made up for by ticks.
+const char *broken_aggregation(const LacPort *port, State &words)
+{
+    const LacPort *aggregator = port->aggregator;
+    const std::uint32_t group = port->channel_group_id;
+    HOLDS(port->next_lag_port == port && aggregator->aggregator == aggregator);
+    HOLDS(runs(port) || aggregator == port);
+    std::uint32_t serving = 0;
+    for (const LacPort *other : lac_ports()) {
+        const bool together = is_aggregated(port) && is_aggregated(other) && other->channel_group_id == group;
+        HOLDS(!together || other->aggregator == port->aggregator);
+        serving += together && other->selected == LAC_SELECTED ? 1 : 0;
+        // A port's own bit is also set while it collects for nobody: switching LACP on sets it.
+        const bool collects = other->coll_dist == 1 && other->aggregator == port;
+        const bool marked = (port->port_mask & lac_port_bit(other)) != 0;
+        HOLDS(collects == marked || (other == port && marked));
+    }
+    const bool grouped = group >= 1 && group <= 4;
+    HOLDS(!grouped || serving <= CHANNEL_GROUP_MAX_PORTS);
+    HOLDS(!is_aggregated(port) || aggregator->channel_group_id == group);
+    HOLDS(!is_aggregated(port) || !grouped || words[leaf('g', group, "agg")] == aggregator->port_no);
+    const bool serves = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING && port->selected == LAC_SELECTED &&
+                        port->individual == 0 && (port->heard_state & port->told_state & LAC_SYNCHRONIZATION) != 0;
+    for (std::uint32_t number = 1; number <= 4 && !lacMemberOwed(port); ++number) {
+        const bool is_member = (words[leaf('g', number, "list")] & lac_port_bit(port)) != 0;
+        HOLDS(words[leaf('g', number, "type")] != CHANNEL_GROUP_DYNAMIC ||
+              (serves && port->attached_group == number) == is_member);
+    }
+    return nullptr;
 }
 
 class RandomSteps : private Engine
@@ -89,13 +123,17 @@ class RandomSteps : private Engine
             step();
             broken = check();
         }
-        if (!broken.empty())
-            return broken;
-        settle();
-        broken = check();
-        for (const LacPort *port : lac_ports())
-            if (broken.empty() && get_lac_global_enable() == 1 && (lacMemberOwed(port) || is_on_its_way(port)))
+        if (broken.empty()) {
+            settle();
+            broken = check();
+        }
+        for (const LacPort *port : lac_ports()) {
+            const bool rests = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING || port->member_bar != 0 ||
+                               (port->selected == LAC_STANDBY && port->muxm == LAC_MUX_WAITING);
+            const bool on_its_way = port->lacp_enabled == 1 && lacIsLinkUp(port) == 1 && !rests;
+            if (broken.empty() && get_lac_global_enable() == 1 && (lacMemberOwed(port) || on_its_way))
                 broken = "with partners that answer all come to rest:\n" + text(*port);
+        }
         return broken;
     }
 
@@ -107,6 +145,8 @@ class RandomSteps : private Engine
     };
 
     std::uint32_t any_port() { return 1 + input_.below(intf.last_uplink_port); }
+    std::uint32_t any_group() { return 1 + input_.below(4); }
+    const char *either(const char *one, const char *other) { return input_.below(2) == 0 ? one : other; }
 
     void step()
     {
@@ -120,8 +160,7 @@ class RandomSteps : private Engine
             &R::fail_writes,    &R::lose_driver,    &R::switch_lacp,  &R::hold_queue,    &R::send_message,
         };
         (this->*input_.pick(STEPS))();
-        if (Lac_Queue.count() > static_cast<int>(LAC_QUEUE_LIMIT) - QUEUE_ROOM)
-            held_ = false;
+        held_ = held_ && Lac_Queue.count() <= static_cast<int>(LAC_QUEUE_LIMIT) - QUEUE_ROOM;
         if (!held_)
             dispatch();
         if (auto frames = wire.take(); !frames.empty())
@@ -134,46 +173,87 @@ class RandomSteps : private Engine
     {
         held_ = false;
         fake::datastore().failures.clear();
-        if (std::exchange(fake::driver().unreachable, false))
-            lacp_trunk_resync(lacp_sclient);
-        seen_.trunks_known = true;
+        if (fake::driver().unreachable)
+            lose_driver(); // found again
         dispatch();
         wire.take(); // what was said before the last change of our own settings
         for (std::uint32_t port_no = 1; port_no <= intf.last_uplink_port; ++port_no) {
             Partner &partner = partners_[port_no - 1];
+            partner = {partner.self, told_by(port_no), true};
             partner.self.port = static_cast<std::uint16_t>(port_no);
             partner.self.state = peer().state | LAC_COLLECTING | LAC_DISTRIBUTING;
-            partner.answers = true;
-            partner.heard = told_by(port_no);
             answer(port_no);
         }
         for (unsigned count = 0; count < SETTLE_TICKS; ++count)
             second();
     }
 
+    // The first invariant that is broken, or nothing. The handlers run one at a time, and a check between two of them
+    // sees no half of one.
     std::string check()
     {
-        for (const fake::Message &message : fake::take_messages()) {
-            if (message.at(7) == SCLIENT_MSG_TRUNK_DESTROY)
-                seen_.trunks.at(message.at(11)) = 0;
-            else if (message.at(7) == SCLIENT_MSG_TRUNK_CREATE)
-                seen_.trunks.at(message.at(11)) = message.at(19);
+        for (const fake::Message &message : fake::take_messages())
+            if (message.at(7) != SCLIENT_MSG_TRUNK_PSC_SET)
+                trunks_.at(message.at(11)) = message.at(7) == SCLIENT_MSG_TRUNK_CREATE ? message.at(19) : 0;
+        State words;
+        std::uint32_t taken = 0, up = 0;
+        bool owes = false;
+        for (const LacPort *port : lac_ports()) {
+            owes = owes || lacMemberOwed(port);
+            up |= fake::stored(leaf('p', port->port_no, "link-status")) == "up" ? lac_port_bit(port) : 0;
         }
-        seen_.drained = !held_;
-        return broken_invariant(seen_);
+        const int waiting = Lac_Queue.count();
+        HOLDS(waiting >= 0 && waiting <= static_cast<int>(LAC_QUEUE_LIMIT) && (held_ || waiting == 0));
+        HOLDS(static_cast<int>(MTYPE_LACP_PDU.allocated()) <= waiting && MTYPE_LACP_SSP_PACKET.allocated() == 0);
+        HOLDS(fake::datastore().iterators == 0);
+        for (std::uint32_t number = 1; number <= 4; ++number) {
+            const auto word = [&](const char *name, int (*get)(int, std::uint32_t *)) {
+                std::uint32_t value = 0;
+                get(static_cast<int>(number), &value);
+                words[leaf('g', number, name)] = value;
+                return value;
+            };
+            const std::uint32_t type = word("type", get_channel_group_type);
+            const std::uint32_t list = word("list", get_channel_group_port_list);
+            const std::uint32_t uplinks = word("up", get_channel_group_uplink_port_list);
+            const std::uint32_t count = word("n", get_channel_group_port_count);
+            word("agg", get_channel_group_agg_no);
+            HOLDS(type == CHANNEL_GROUP_UNSET || type == CHANNEL_GROUP_MANUAL || type == CHANNEL_GROUP_DYNAMIC);
+            HOLDS(std::popcount(list) == static_cast<int>(count) && count <= CHANNEL_GROUP_MAX_PORTS);
+            HOLDS(std::popcount(uplinks) == static_cast<int>(word("upn", get_channel_group_uplink_port_count)));
+            HOLDS((uplinks & ~list) == 0 && (type != CHANNEL_GROUP_UNSET || list == 0));
+            HOLDS(list == fake::members(static_cast<int>(number)));
+            HOLDS(type != CHANNEL_GROUP_MANUAL || uplinks == (list & up));
+            HOLDS(!trunks_known_ || trunks_[number] == uplinks);
+            // A port that moves from a dynamic group to a manual one is in both lists until its messages have been
+            // dispatched, and after a refused write until ticks have written again.
+            HOLDS(held_ || owes || (taken & list) == 0);
+            taken |= list;
+        }
+        for (const LacPort *port : lac_ports()) {
+            for (const LacTimer *timer : {&port->current_while_timer, &port->periodic_timer, &port->wait_while_timer,
+                                          &port->tx_scheduler, &port->mux_scheduler})
+                HOLDS(timer->count <= timer->reload && timer->active <= 1 && timer->initialized <= 1);
+            const bool on = !held_ && get_lac_global_enable() == 1;
+            const char *broken = on ? broken_machines(port) : nullptr;
+            broken = on && broken == nullptr ? broken_aggregation(port, words) : broken;
+            if (broken != nullptr)
+                return std::string(broken) + "\n" + text(*port);
+        }
+        return {};
     }
 
     // ---- configuration --------------------------------------------------------------------------------------------
 
     void create_group()
     {
-        const int group = 1 + static_cast<int>(input_.below(4));
+        const std::uint32_t group = any_group();
         const bool dynamic = input_.below(4) != 0;
         dispatch(); // a client gives the members of the group's former type the time to go
         for (const LacPort *port : lac_ports())
             if (!type_of(group).empty() || lacMemberOwed(port))
                 return;
-        configure("+" + group_leaf(group, "/lacp-type=") + (dynamic ? "dynamic" : "manual"));
+        configure("+" + leaf('g', group, "lacp-type=") + (dynamic ? "dynamic" : "manual"));
         if (dynamic && !std::exchange(started_, true))
             send(LAC_Q_LACP_ON);
     }
@@ -181,58 +261,59 @@ class RandomSteps : private Engine
     // Either with its ports, whose module comes first or last, or alone: the ports stay configured for it.
     void delete_group()
     {
-        const int group = 1 + static_cast<int>(input_.below(4));
-        const std::uint32_t order = input_.below(3);
+        const std::uint32_t group = any_group(), order = input_.below(3);
         if (type_of(group).empty())
             return;
         const auto take_ports_away = [group] {
             for (std::uint32_t port_no = 1; port_no <= intf.last_uplink_port; ++port_no)
-                if (configured_group(port_no) == group)
+                if (fake::stored(leaf('p', port_no, "channel-group")) == std::to_string(group))
                     join(port_no, 0);
         };
         if (order == 0)
             take_ports_away();
-        configure("-" + group_leaf(group, ""));
+        configure("-g" + std::to_string(group));
         std::erase_if(fake::datastore().leaves,
-                      [group](const auto &leaf) { return leaf.first.starts_with(group_leaf(group, "/")); });
+                      [group](const auto &entry) { return entry.first.starts_with(leaf('g', group, "")); });
         if (order == 1)
             take_ports_away();
     }
 
-    // A port joins, leaves or moves, also into a group that comes later.
+    // A port joins, leaves or moves, also into a group that comes later; a manual group's member with it.
     void move_port()
     {
-        const std::uint32_t port_no = any_port();
-        const int group = static_cast<int>(input_.below(5)), old = configured_group(port_no);
+        const std::uint32_t port_no = any_port(), group = input_.below(5);
+        const std::string number = std::to_string(port_no), old = fake::stored(leaf('p', port_no, "channel-group"));
+        const std::string before = "g" + old + "/member-port", list = leaf('g', group, "member-port");
         const bool manual = type_of(group) == "manual";
-        if (manual && check_channel_group_port_count(group) != LAC_OK)
+        if (manual && check_channel_group_port_count(static_cast<int>(group)) != LAC_OK)
             return; // refused as a whole
-        if (old != group && type_of(old) == "manual")
-            set_member(false, old, port_no);
-        join(port_no, static_cast<unsigned>(group));
-        if (manual)
-            set_member(true, group, port_no);
+        auto &leaves = fake::datastore().leaves;
+        if (old != std::to_string(group) && fake::stored("g" + old + "/lacp-type") == "manual" &&
+            leaves.contains(before + "/" + number) && configure("-" + before + "=" + number) == 0)
+            leaves.erase(before + "/" + number);
+        join(port_no, group);
+        if (manual && !leaves.contains(list + "/" + number))
+            configure("+" + list + "=" + number);
     }
 
     void set_attribute()
     {
-        const std::uint32_t port_no = any_port();
-        const std::uint32_t kind = input_.below(4);
+        const std::uint32_t port_no = any_port(), kind = input_.below(4);
         if (kind == 0)
-            configure("+" + port_leaf(port_no, "priority=") + std::to_string(input_.pick(NUMBERS)));
+            configure("+" + leaf('p', port_no, "priority=") + std::to_string(input_.pick(NUMBERS)));
         else if (kind == 1)
-            configure("+" + port_leaf(port_no, "mode=") + (input_.below(2) == 0 ? "passive" : "active"));
+            configure("+" + leaf('p', port_no, "mode=") + either("passive", "active"));
         else if (kind == 2)
-            configure("+" + port_leaf(port_no, "timeout=") + (input_.below(2) == 0 ? "long" : "short"));
+            configure("+" + leaf('p', port_no, "timeout=") + either("long", "short"));
         else
             set_lacp_port_oper_key(port_no, input_.pick(NUMBERS));
-        fake::datastore().leaves.erase(port_leaf(port_no, "mode")); // not committed yet when the port joins
+        fake::datastore().leaves.erase(leaf('p', port_no, "mode")); // not committed yet when the port joins
     }
 
     void set_global()
     {
         if (input_.below(2) == 0)
-            configure(std::string("+sys/system-id=") + (input_.below(2) == 0 ? "0233.4455.6677" : "0211.22aa.bbcc"));
+            configure(std::string("+sys/system-id=") + either("0233.4455.6677", "0211.22aa.bbcc"));
         else
             configure("+sys/system-priority=" + std::to_string(input_.pick(NUMBERS)));
     }
@@ -241,9 +322,8 @@ class RandomSteps : private Engine
 
     void flip_link()
     {
-        const std::uint32_t port_no = any_port();
-        const bool up = stored(port_leaf(port_no, "link-status")) == "up";
-        configure(port_leaf(port_no, "link-status=") + (up ? "up>down" : "down>up"));
+        const std::string link = leaf('p', any_port(), "link-status");
+        configure(link + "=" + (fake::stored(link) == "up" ? "up>down" : "down>up"));
     }
 
     void pass_time()
@@ -260,15 +340,15 @@ class RandomSteps : private Engine
     }
 
     // One tick; then the partners that were told something answer, and those that were asked for the short timeout
-    // anyway.
+    // speak whether they were told something or not.
     void second()
     {
         tick();
         std::uint32_t told = 0;
-        for (SentFrame &frame : wire.take()) {
+        for (const SentFrame &frame : wire.take()) {
+            last_sent_ = frame;
+            told |= frame.port() <= LAC_MAX_PORTS ? 1U << (frame.port() - 1) : 0;
             partners_[frame.port() - 1].heard = frame.actor();
-            told |= 1U << (frame.port() - 1);
-            last_sent_ = std::move(frame);
         }
         for (std::uint32_t port_no = 1; port_no <= intf.last_uplink_port; ++port_no) {
             const Partner &partner = partners_[port_no - 1];
@@ -308,19 +388,15 @@ class RandomSteps : private Engine
 
     void fail_writes()
     {
-        auto &failures = fake::datastore().failures;
         const std::uint32_t which = input_.below(4);
-        failures.clear();
-        if ((which & 1) != 0)
-            failures["+member-port"] = KEL_DB_BUSY;
-        if ((which & 2) != 0)
-            failures["-member-port"] = KEL_DB_BUSY;
+        fake::datastore().failures = {{"+member-port", (which & 1) != 0 ? KEL_DB_BUSY : 0},
+                                      {"-member-port", (which & 2) != 0 ? KEL_DB_BUSY : 0}};
     }
 
     void lose_driver()
     {
-        seen_.trunks_known = std::exchange(fake::driver().unreachable, !fake::driver().unreachable);
-        if (seen_.trunks_known)
+        trunks_known_ = std::exchange(fake::driver().unreachable, !fake::driver().unreachable);
+        if (trunks_known_)
             lacp_trunk_resync(lacp_sclient);
     }
 
@@ -338,7 +414,7 @@ class RandomSteps : private Engine
         static constexpr std::uint64_t CODES[] = {0,
                                                   3,
                                                   8,
-                                                  25,
+                                                  25, // most mean nothing here
                                                   26,
                                                   0x100,
                                                   LAC_Q_PORT_TIMEOUT,
@@ -351,13 +427,6 @@ class RandomSteps : private Engine
     }
 
     // ---- frames ---------------------------------------------------------------------------------------------------
-
-    // Flags below a limit, and most often none.
-    std::uint32_t variant(std::uint32_t limit)
-    {
-        const std::uint32_t choice = input_.byte();
-        return choice < limit ? choice : 0;
-    }
 
     // One of a few partners, most often the one of last time.
     LacInfo partner_of(std::uint32_t port_no)
@@ -377,6 +446,11 @@ class RandomSteps : private Engine
             actor.system_priority = input_.pick(NUMBERS);
         return actor;
     }
+    std::uint32_t variant(std::uint32_t limit) // flags below a limit, and most often none
+    {
+        const std::uint32_t choice = input_.byte();
+        return choice < limit ? choice : 0;
+    }
 
     void hear_partner()
     {
@@ -388,9 +462,7 @@ class RandomSteps : private Engine
             view.state = input_.byte();
         if ((choice & 6) == 6)
             view.key = input_.pick(NUMBERS);
-        if ((choice & 24) == 24)
-            view = {};
-        hear(tagged_frame(port_no, pdu_bytes(actor, view)));
+        hear(tagged_frame(port_no, pdu_bytes(actor, (choice & 24) == 24 ? LacInfo{} : view)));
     }
 
     void hear_marker()
@@ -408,18 +480,14 @@ class RandomSteps : private Engine
         Bytes frame = tagged_frame(any_port(), pdu_bytes(partner_of(1), {}));
         const auto given = input_.bytes(input_.below(32));
         const std::size_t at = input_.below(static_cast<std::uint32_t>(frame.size()));
-        std::copy_n(given.begin(), std::min(given.size(), frame.size() - at),
-                    frame.begin() + static_cast<std::ptrdiff_t>(at));
+        std::copy_n(given.begin(), std::min(given.size(), frame.size() - at), frame.data() + at);
         const std::uint32_t size = input_.below(4);
-        if (size == 0)
-            frame.resize(input_.byte());
-        else if (size == 1)
-            frame.resize(input_.number(2) % (LACP_RX_BUFFER_SIZE + 1), 0xA5);
+        if (size < 2)
+            frame.resize(size == 0 ? input_.byte() : input_.number(2) % (LACP_RX_BUFFER_SIZE + 1), 0xA5);
         hear(std::move(frame));
     }
 
-    // A cable back to the port, or to another one.
-    void hear_ourselves()
+    void hear_ourselves() // a cable back to the port, or to another one
     {
         const std::uint32_t port_no = any_port();
         if (!last_sent_.bytes.empty())
@@ -427,10 +495,11 @@ class RandomSteps : private Engine
     }
 
     fuzz::Input &input_;
-    Surroundings seen_;
+    std::array<std::uint32_t, 5> trunks_{}; // members by group, as the driver service has them
     SentFrame last_sent_;
     std::vector<Partner> partners_;
     std::uint32_t ticks_left_ = 600; // of one input, so that all are quick
+    bool trunks_known_ = true;       // the driver service has heard every request
     bool held_ = false;              // messages wait
     bool started_ = false;
 };

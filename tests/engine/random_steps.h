@@ -6,15 +6,5 @@
 #include "engine.h"
 #include "input.h"
 
-// What the invariants must know of what is around the engine.
-struct Surroundings {
-    bool drained = true;                   // no message waits
-    bool trunks_known = true;              // the driver service has heard every request
-    std::array<std::uint32_t, 5> trunks{}; // members by group, as the service has them
-};
-
-// The first invariant that is broken, or nothing.
-std::string broken_invariant(const Surroundings &surroundings);
-
 // All steps of the input and what must follow them: the first invariant that is broken, or nothing.
 std::string run_random_steps(fuzz::Input &input);

@@ -1,5 +1,5 @@
 // A restart: what the file holds, and which ports go on from it.
-#include "rows.h"
+#include "engine.h"
 
 #include "lac_resume.h"
 #include "lac_resume_file.h"
@@ -27,7 +27,7 @@ class Resume : public testing::Test
     void serve()
     {
         const Engine engine;
-        const Machines machines("SERVING");
+        arrange("SERVING");
         lacResumeBegin(path, false);
         Engine::send(LAC_Q_RESUME);
         Engine::dispatch();
@@ -38,9 +38,9 @@ class Resume : public testing::Test
         Engine engine;
         engine.running_port(1);
         lacResumeBegin(path, true);
-        Machines(changed.starts_with("hears") ? "" : changed);
+        arrange(changed.starts_with("hears") ? "" : changed);
         if (changed.starts_with("hears"))
-            Machines("").act(changed);
+            act(changed);
         Engine::tick(9); // the configuration takes its time
         fake::take_messages();
         engine.wire.take();
@@ -50,7 +50,7 @@ class Resume : public testing::Test
         for (const SentFrame &frame : engine.wire.take())
             seen += frame.actor().state == FRAME_STATE ? " told" : " told something else";
         for (const fake::Message &message : fake::take_messages())
-            seen += message.at(7) == SCLIENT_MSG_TRUNK_CREATE ? " " + request_text(message) : "";
+            seen += message.at(7) == SCLIENT_MSG_TRUNK_CREATE ? request_text(message) : "";
         return seen;
     }
     void age(long seconds) const

@@ -3,14 +3,11 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
+    fuzz::Input input(data, size);
     std::string broken;
-    {
-        const fuzz::Quiet quiet;
-        fuzz::Input input(data, size);
-        broken = run_random_steps(input);
-        fake::reset_datastore(); // what is kept would look like a leak
-        fake::reset_system();
-    }
+    printed([&] { broken = run_random_steps(input); });
+    fake::reset_datastore(); // what is kept would look like a leak
+    fake::system() = {};
     fuzz::require(broken.empty(), broken.c_str());
     return 0;
 }

@@ -1,6 +1,5 @@
 // The file of a restart: bytes as they are, and as a record that passes the checks, whose members then resume.
 #include "engine.h"
-#include "input.h"
 
 #include "lac_resume.h"
 #include "lac_resume_file.h"
@@ -10,27 +9,28 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     static const std::string path = "/dev/shm/resume-fuzz." + std::to_string(getpid());
-    const fuzz::Quiet quiet;
-    Engine engine;
-    const LacResume now = lacResumeNow();
-    LacResume record = now;
-    lacDecodeResume({data, size}, now, record);
+    printed([&] {
+        Engine engine;
+        const LacResume now = lacResumeNow();
+        LacResume record = now;
+        lacDecodeResume({data, size}, now, record);
 
-    std::memcpy(&record, data, std::min(size, sizeof(record)));
-    record.boot = now.boot;
-    record.inventory = now.inventory;
-    record.system = now.system;
-    for (std::uint32_t port = 1; port <= 4; ++port) {
-        engine.running_port(port);
-        record.ports[port - 1].group %= 6;
-    }
-    lacWriteResume(path, record);
-    lacResumeBegin(path, true);
-    Engine::send(LAC_Q_RESUME);
-    Engine::dispatch();
-    Engine::tick(5);
-    lacResumeBegin(path, false);
+        std::memcpy(&record, data, std::min(size, sizeof(record)));
+        record.boot = now.boot;
+        record.inventory = now.inventory;
+        record.system = now.system;
+        for (std::uint32_t port = 1; port <= 4; ++port) {
+            engine.running_port(port);
+            record.ports[port - 1].group %= 6;
+        }
+        lacWriteResume(path, record);
+        lacResumeBegin(path, true);
+        Engine::send(LAC_Q_RESUME);
+        Engine::dispatch();
+        Engine::tick(5);
+        lacResumeBegin(path, false);
+    });
     fake::reset_datastore();
-    fake::reset_system();
+    fake::system() = {};
     return 0;
 }

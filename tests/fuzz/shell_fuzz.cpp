@@ -2,11 +2,9 @@
 #include "fake_datastore.h"
 #include "input.h"
 
-#include "lacp.h"
-#include "lacp_cli.h"
+#include "terminal.h"
 
-#include "frr/frr.hpp"
-#include "shell/shell.h"
+#include "lacp.h"
 
 #include <iterator>
 #include <regex>
@@ -38,21 +36,6 @@ static std::string word(Input &input)
     return text;
 }
 
-static vty *terminal()
-{
-    static vty *const only = [] {
-        static cmd_node debug_node = frr::node("debug", SHELL_DEBUG_NODE, ENABLE_NODE, "%s# ", nullptr);
-        cmd_init(0);
-        install_node(&debug_node);
-        lacp_vty_init();
-        vty *made = vty_new();
-        made->type = vty::VTY_FILE;
-        made->buf_size_intermediate = UINT64_MAX; // nothing leaves the buffer by itself
-        return made;
-    }();
-    return only;
-}
-
 // A line that is not taken writes nothing; what is written is in the schema, and a number is the one that was typed.
 static void type_line(Input &input)
 {
@@ -60,12 +43,12 @@ static void type_line(Input &input)
         "g[1-4]/load-balance=(src-|dst-|src-dst-)(mac|ip)|p[0-9]+/timeout=(short|long)|"
         "-?[0-9]+/p[0-9]+/(g|mode=(on|active|passive) g)[1-4]|(sys/system-|p[0-9]+/)priority=([0-9]+)");
     constexpr int NODES[] = {CONFIG_NODE, UPLINK_PORT_NODE, SHELL_DEBUG_NODE, VIEW_NODE};
-    terminal()->node = static_cast<node_type>(input.pick(NODES));
+    const int node = input.pick(NODES);
     std::string line;
     for (std::uint32_t left = 1 + input.below(7); left > 0; --left)
         line += (line.empty() ? "" : " ") + word(input);
-    const int result = cmd_execute(terminal(), line.c_str(), nullptr, 0);
-    buffer_reset(terminal()->obuf);
+    int result = CMD_SUCCESS;
+    Terminal().typed(node, line, &result);
     const auto writes = fake::take_writes();
     require(result == CMD_SUCCESS || writes.empty(), "a line that is not taken writes nothing");
     require(writes.size() <= 4, "a line writes once a group");
@@ -82,7 +65,6 @@ static void type_line(Input &input)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    const fuzz::Quiet quiet;
     intf = {1, 4};
     Input input(data, size);
     while (!input.empty()) {
