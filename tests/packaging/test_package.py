@@ -12,7 +12,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 from lab import eventually  # noqa: E402 (needs the path above)
 from lab.process import Process  # noqa: E402
 
-BUILD = Path(os.environ.get("LACPD_BUILD_DIR", Path(__file__).resolve().parents[2] / "build")).resolve()
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("LACPD_BUILD_DIR", ROOT / "build")).resolve()
 # What an installed program must not need: the build and the libraries that were built for it.
 HIDDEN = [str(BUILD), re.search("^LACPD_DEPS_PREFIX:PATH=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)[1]]
 # A view of this machine that is thrown away: the layers are in memory, what is hidden is there and empty.
@@ -61,9 +62,9 @@ RUNNING = [
 
 
 class Machine(Process):
-    def __init__(self, layers):
+    def __init__(self, layers, hidden=()):
         self.layers = layers
-        command = ["unshare", "-nm", "bash", "-ec", LAYERS, "bash", layers, *HIDDEN]
+        command = ["unshare", "-nm", "bash", "-ec", LAYERS, "bash", layers, *hidden]
         super().__init__("machine", command, {}, f"{layers}.out")
         self.wait_for_output("ready", 10)
 
@@ -95,7 +96,7 @@ class Machine(Process):
 
 
 def test_package(tmp_path, request):
-    machine = Machine(tmp_path / "layers")
+    machine = Machine(tmp_path / "layers", HIDDEN)
     request.addfinalizer(lambda: machine.stop(9))
     folder = tmp_path / "made"
     subprocess.run(["cpack", "--config", BUILD / "CPackConfig.cmake", "-B", folder], check=True, capture_output=True)
@@ -127,3 +128,16 @@ def test_package(tmp_path, request):
     assert machine.changes() == {"/etc/lacpd", "/etc/lacpd/lacpd.conf", "/etc/default/olt-switch"}
     machine.run("dpkg -P lacpd")
     assert machine.changes() == set()
+
+
+def test_what_the_readme_says(tmp_path, request):
+    machine = Machine(tmp_path / "layers")
+    request.addfinalizer(lambda: machine.stop(9))
+    machine.run("for port in 1 2; do ip link add ge$port up type veth peer name far$port; done")
+    [script] = re.findall("^## Run it.*?```sh\nmake build\n(.*?)```", (ROOT / "README.md").read_text(), re.M | re.S)
+    script = script.replace("build/", f"{BUILD}/")
+    run = Process("readme", machine.command(f"cd {ROOT}; {script}\nsysrepocfg --version; wait"), {}, tmp_path / "readme")
+    pids = "pgrep --ns $$ --nslist net"
+    request.addfinalizer(lambda: machine.run(f"kill $({pids} -x lacpd) $({pids} -x olt-switch)"))
+    eventually("the shell listens", lambda: machine.run("ss -Hltn sport = 2704"), bool, 30)
+    assert machine.run("ls /run/lacpd/lacpd.vty /run/olt/switch-driver.sock") and "sysrepocfg" in run.output()
