@@ -31,6 +31,7 @@ const std::vector<Row> MACHINES = {
      "mux=3 attached=1 n_attach=1 actor=d ready_n=0 in=1 TOLD"},
     {"ATTACHED mux=13 attached=0 partner=35 apsys=0 apkey=0 agg=2", "mux", "mux=3 attached=1 n_attach=1 TOLD"},
     {"ATTACHED mux=14 | mux=15 | mux=16", "mux", "COLLECTS TOLD"},
+    {"ATTACHED mux=14 partner=35 | mux=15 partner=35 | mux=16 partner=35", "mux", "mux=3 n_attach=1 TOLD"},
     // A lone port needs no synchronized partner.
     {"ATTACHED partner=35 alone=1 rx=3", "mux", "COLLECTS TOLD"},
     {"ATTACHED partner=35 alone=1 | partner=35 rx=3 | SERVING | SERVING mux=5", "mux", ""},
