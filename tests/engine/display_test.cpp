@@ -96,6 +96,9 @@ TEST(Displays, EightPorts)
         }
     }
     expect_recorded(all, "displays");
+    const std::string rule = std::string(71, '-') + "\n";
+    EXPECT_EQ(terminal.typed("show channel-group 4 detail"),
+              rule + "Channel-group ID:\t\t\t4\nChannel-group Used:\t\t\tNot Used\n" + rule);
     EXPECT_EQ(terminal.shown([](vty *vty) { lacShowLinkAggregation(vty, LAC_SHOW_ALL_PORTS); }),
               terminal.typed("show channel-group interface all"));
 }
