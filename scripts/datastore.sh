@@ -42,12 +42,13 @@ run() { # sysrepoctl, with its output shown only when it fails
 
 is_root() { [ "$(id -u)" = 0 ]; }
 
-# sysrepo sets the group and the access of what it creates, but leaves an existing directory as it finds it.
+# sysrepo leaves an existing directory as it finds it. Every user of the datastore opens what the others have made there,
+# also pipes of subscribers; those take the group from the directory and not from the process, whoever it is.
 prepare_directory() {
   if is_root; then
     getent group "$GROUP" >/dev/null || die "there is no group $GROUP; create it first"
     [ ! -k "$1" ] || die "$1 is shared with every user; name a directory that only the datastore uses"
-    install -d -o "$OWNER" -g "$GROUP" -m 0770 "$1"
+    install -d -o "$OWNER" -g "$GROUP" -m 2770 "$1"
   else
     mkdir -p "$1" 2>/dev/null && [ -w "$1" ] ||
       die "$1 cannot be written; run this as root, or name a private repository"

@@ -13,12 +13,14 @@
 
 #include <zebra.h>
 
+#include <buffer.h>
 #include <command.h>
 #include <frrevent.h>
 #include <jhash.h>
 #include <libfrr.h>
 #include <log.h>
 #include <memory.h>
+#include <northbound_cli.h>
 #include <printfrr.h>
 #include <privs.h>
 #include <sigevent.h>
@@ -125,6 +127,22 @@ template <EventHandler handler> void add_read(EventLoop *loop, void *argument, i
     _event_add_read_write(origin<handler, EVENT_READ>(), loop, handler, argument, fd, reference);
 }
 
+inline void set_flag(Event *event) noexcept
+{
+    *static_cast<bool *>(event->arg) = true;
+}
+
+// Runs the loop for a while from within one of its events, which is the running one again afterwards.
+inline void run_others(EventLoop *loop, std::chrono::milliseconds duration) noexcept
+{
+    void *const running = pthread_getspecific(thread_current);
+    bool over = false;
+    add_timer<set_flag>(loop, &over, duration, nullptr);
+    for (Event next; !over && event_fetch(loop, &next) != nullptr;)
+        event_call(&next);
+    pthread_setspecific(thread_current, running);
+}
+
 inline void cancel(Event **reference) noexcept
 {
     event_cancel(reference);
@@ -200,13 +218,40 @@ class RaisedPrivileges
     zebra_privs_t *privileges_;
 };
 
-// One line to the framework's log at a syslog priority (LOG_INFO, LOG_NOTICE, ...).
-inline void log(int priority, const char *format, ...) noexcept
+// A message of the framework's log with its reference, by which the framework names it. Registered at load, so it
+// must be a static object.
+class LogMessage
 {
-    va_list arguments;
-    va_start(arguments, format);
-    vzlog(priority, format, arguments);
-    va_end(arguments);
-}
+  public:
+    LogMessage(int priority, const char *text) noexcept
+    {
+        data_.xrefdata.hashstr = text;
+        data_.xrefdata.hashu32[0] = static_cast<std::uint32_t>(priority);
+        message_.xref = {&data_.xrefdata, XREFT_LOGMSG, 0, __FILE__, text};
+        message_.fmtstring = text;
+        message_.priority = static_cast<std::uint32_t>(priority);
+        message_.args = "";
+        block_ = {nullptr, &reference_, &reference_ + 1};
+        xref_block_add(&block_);
+    }
+    LogMessage(const LogMessage &) = delete;
+    LogMessage &operator=(const LogMessage &) = delete;
+
+    void write() const noexcept { write_line(message_.fmtstring); }
+
+  private:
+    void write_line(const char *format, ...) const noexcept
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        vzlogx(&message_, static_cast<int>(message_.priority), format, arguments);
+        va_end(arguments);
+    }
+
+    xrefdata_logmsg data_{};
+    xref_logmsg message_{};
+    const xref *reference_ = &message_.xref;
+    xref_block block_{};
+};
 
 } // namespace frr

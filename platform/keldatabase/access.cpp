@@ -15,8 +15,6 @@ namespace kel
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
 // A handler may wait for the protocol's queue for a second per change; a writer may stand behind several others.
 constexpr std::uint32_t HANDLER_TIMEOUT_MS = 15000;
 constexpr auto RETRY_AFTER = std::chrono::milliseconds(20);
@@ -34,6 +32,9 @@ constexpr char HANDLER_MARK[] = "EV ORIGIN";
 // them: on a full file system it would cut the data short, or end the process.
 constexpr int NO_ROOM = SR_ERR_NO_MEMORY;
 constexpr std::uint64_t NEEDED_ROOM = 1 << 20;
+constexpr int NOT_OURS = SR_ERR_UNAUTHORIZED;
+// A lock that is held for longer is told of.
+constexpr auto LOCK_TOLD_AFTER = std::chrono::seconds(1);
 
 bool has_room()
 {
@@ -145,6 +146,12 @@ int copy_text(const Leaf &leaf, char *text, std::uint32_t *size)
     return 0;
 }
 
+Transaction::Transaction(KelDb *db)
+    : db_(db), session_(session_of(db)), may_write_(session_ != nullptr && db->connection->may_write()),
+      result_(session_ != nullptr ? 0 : FAILED)
+{
+}
+
 Transaction::~Transaction()
 {
     if (session_ != nullptr && sr_has_changes(session_) != 0)
@@ -178,25 +185,56 @@ bool Transaction::worth_another_try(int code) const
 
 int Transaction::apply_once()
 {
+    if (!may_write_)
+        return NOT_OURS;
     return has_room() ? sr_apply_changes(session_, HANDLER_TIMEOUT_MS) : NO_ROOM;
+}
+
+// Waits a little, unless the write has waited for long enough.
+bool Transaction::go_on(Clock::duration waited, std::chrono::milliseconds patience)
+{
+    if (const std::optional<bool> decided = run_pause())
+        return *decided;
+    if (waited >= patience)
+        return false;
+    std::this_thread::sleep_for(RETRY_AFTER);
+    return true;
+}
+
+bool Transaction::tell_of_lock(Clock::duration waited) const
+{
+    if (waited < LOCK_TOLD_AFTER)
+        return false;
+    const std::string holder = db_->connection->lock_holder();
+    if (!holder.empty())
+        complain("waiting for the datastore, which is locked by %s", holder.c_str());
+    return true;
+}
+
+// What an operator can do something with.
+std::string Transaction::reason() const
+{
+    if (result_ == NO_ROOM)
+        return "the memory file system is full";
+    if (result_ == NOT_OURS)
+        return "another process serves the datastore";
+    const std::string holder = result_ == SR_ERR_LOCKED ? db_->connection->lock_holder() : "";
+    return holder.empty() ? last_error(session_, result_) : "the datastore is locked by " + holder;
 }
 
 int Transaction::apply_within(std::chrono::milliseconds patience)
 {
     if (session_ == nullptr)
         return FAILED;
-    const auto give_up = Clock::now() + patience;
+    const auto begin = Clock::now();
     if (result_ == 0) {
         result_ = apply_once();
-        while (worth_another_try(result_) && Clock::now() < give_up) {
-            std::this_thread::sleep_for(RETRY_AFTER);
-            result_ = apply_once();
-        }
+        for (bool told = false; worth_another_try(result_) && go_on(Clock::now() - begin, patience);
+             result_ = apply_once())
+            told = told || tell_of_lock(Clock::now() - begin);
     }
-    if (result_ != 0) {
-        complain("%s was not changed: %s", first_path_->text(),
-                 result_ == NO_ROOM ? "the memory file system is full" : last_error(session_, result_));
-    }
+    if (result_ != 0)
+        complain("%s was not changed: %s", first_path_->text(), reason().c_str());
     return result_;
 }
 

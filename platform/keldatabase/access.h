@@ -11,6 +11,8 @@
 namespace kel
 {
 
+using Clock = std::chrono::steady_clock;
+
 // A datastore path, composed as printf does. All paths of this library fit.
 class Path
 {
@@ -89,7 +91,7 @@ template <typename Number> int copy_number(KelDb *db, const Path &path, Number *
     return 0;
 }
 
-// How long a write tries again that found the datastore locked or busy.
+// How long a write tries again that found the datastore locked or busy, on a thread without a pause function.
 constexpr std::chrono::milliseconds WRITE_PATIENCE(15000);
 // The protocol's own writes: its dispatcher has other things to do, and comes back to them.
 constexpr std::chrono::milliseconds PROTOCOL_PATIENCE(300);
@@ -98,7 +100,7 @@ constexpr std::chrono::milliseconds PROTOCOL_PATIENCE(300);
 class Transaction
 {
   public:
-    explicit Transaction(KelDb *db) : session_(session_of(db)), result_(session_ != nullptr ? 0 : FAILED) {}
+    explicit Transaction(KelDb *db);
     ~Transaction();
     Transaction(const Transaction &) = delete;
     Transaction &operator=(const Transaction &) = delete;
@@ -123,8 +125,13 @@ class Transaction
     Transaction &stage_removal(const Path &path, sr_edit_options_t options);
     int apply_once();
     bool worth_another_try(int code) const;
+    static bool go_on(Clock::duration waited, std::chrono::milliseconds patience);
+    bool tell_of_lock(Clock::duration waited) const;
+    std::string reason() const;
 
+    KelDb *db_;
     sr_session_ctx_t *session_;
+    bool may_write_;
     int result_;
     std::optional<Path> first_path_; // for the explanation
 };

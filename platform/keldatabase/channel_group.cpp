@@ -15,7 +15,7 @@ namespace
 
 using kel::Transaction;
 
-using Clock = std::chrono::steady_clock;
+using kel::Clock;
 
 constexpr int FIRST_GROUP = 1;
 constexpr int LAST_GROUP = 4;

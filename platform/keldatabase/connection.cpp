@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <new>
 #include <utility>
@@ -62,6 +63,9 @@ const char *last_error(sr_session_ctx_t *session, int code)
 namespace
 {
 
+thread_local kel_db_pause pause_function;
+thread_local int waiting_writes;
+
 constexpr std::array<const char *, 2> REQUIRED_MODULES = {"olt-ifm", "olt-lacp"};
 constexpr char ACCESS_ADVICE[] = "only root, user daemon and members of group daemon may use it";
 constexpr char INSTALL_ADVICE[] = "install it with scripts/datastore.sh, or olt-datastore where the package is";
@@ -108,7 +112,23 @@ bool module_usable(sr_conn_ctx_t *connection, const char *module)
 }
 
 } // namespace
+
+std::optional<bool> run_pause()
+{
+    if (pause_function == nullptr)
+        return std::nullopt;
+    ++waiting_writes;
+    const bool go_on = pause_function();
+    --waiting_writes;
+    return go_on;
+}
+
 } // namespace kel
+
+void kel_db_set_pause(kel_db_pause pause)
+{
+    kel::pause_function = pause;
+}
 
 std::unique_ptr<KelDb::Connection> KelDb::Connection::open()
 {
@@ -135,7 +155,7 @@ sr_session_ctx_t *KelDb::Connection::thread_session()
 try {
     // A thread that has ended leaves its session to the next one with its identifier.
     const std::lock_guard guard(sessions_lock_);
-    kel::SessionPtr &session = sessions_[std::this_thread::get_id()];
+    kel::SessionPtr &session = sessions_[{std::this_thread::get_id(), kel::waiting_writes}];
     if (!session) {
         sr_session_ctx_t *raw = nullptr;
         if (sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK)
@@ -145,6 +165,26 @@ try {
     return session.get();
 } catch (const std::exception &) {
     return nullptr;
+}
+
+// Sysrepo tells a session's number and no process.
+std::string KelDb::Connection::lock_holder()
+{
+    for (const char *module : kel::REQUIRED_MODULES) {
+        int locked = 0;
+        std::uint32_t session = 0;
+        timespec since{};
+        if (sr_get_lock(connection_.get(), SR_DS_RUNNING, module, &locked, &session, &since) != SR_ERR_OK ||
+            locked == 0)
+            continue;
+        tm local{};
+        localtime_r(&since.tv_sec, &local);
+        std::array<char, 96> text;
+        std::snprintf(text.data(), text.size(), "the client with datastore session %u, since %02d:%02d:%02d", session,
+                      local.tm_hour, local.tm_min, local.tm_sec);
+        return text.data();
+    }
+    return {};
 }
 
 int database_init(KelDb *db)

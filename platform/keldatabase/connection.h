@@ -3,10 +3,13 @@
 
 #include "keldatabase/keldatabase.h"
 
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <thread>
-#include <unordered_map>
+#include <utility>
 
 namespace kel
 {
@@ -43,6 +46,10 @@ constexpr int FAILED = -1;
 // The calling thread's session of a handle; null when the handle is not connected.
 sr_session_ctx_t *session_of(KelDb *db);
 
+// Lets the calling thread's pause function run while a write waits, and says whether to go on waiting. What it calls
+// may write in its turn, with a session of its own. Nothing when the thread has no such function.
+std::optional<bool> run_pause();
+
 // What sysrepo says about the session's last failure.
 const char *last_error(sr_session_ctx_t *session, int code);
 
@@ -53,6 +60,9 @@ struct KelDb::Connection {
     static std::unique_ptr<Connection> open();
 
     sr_session_ctx_t *thread_session();
+    bool claim(const char *module);
+    bool may_write() const { return !foreign_; }
+    std::string lock_holder();
     int subscribe(const DbModuleCbs *const *tables);
 
   private:
@@ -61,7 +71,9 @@ struct KelDb::Connection {
     // Declared so that the subscriptions go first and the connection last.
     kel::ConnectionPtr connection_;
     std::mutex sessions_lock_; // held for the look-up only, never across a datastore operation
-    std::unordered_map<std::thread::id, kel::SessionPtr> sessions_;
+    // By thread and by how many of its writes are waiting.
+    std::map<std::pair<std::thread::id, int>, kel::SessionPtr> sessions_;
+    bool foreign_ = false;                // another process serves the datastore; set at start
     kel::FileDescriptor subscriber_lock_; // an advisory lock; the kernel drops it with the process
     kel::SessionPtr subscriber_session_;
     kel::SubscriptionPtr subscription_;

@@ -8,31 +8,38 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string_view>
 #include <thread>
 
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
+using kel::Clock;
 
 constexpr char LINK_STATUS[] = "interface-basic/link-status";
 constexpr char ALL_NAMES[] = "/olt-ifm:up-link-ports/interface/name";
 constexpr std::chrono::seconds DEFAULT_INVENTORY_WAIT(10);
 constexpr std::chrono::seconds LONGEST_INVENTORY_WAIT(3600);
+constexpr std::string_view WITHOUT_END = "infinity";
+constexpr std::chrono::minutes WAIT_TOLD_EVERY(1);
 constexpr std::chrono::milliseconds INVENTORY_POLL(100);
 // The entries are created one by one; the inventory is complete when it has not grown for this long.
 constexpr std::chrono::milliseconds INVENTORY_SETTLED(300);
 
-std::chrono::seconds inventory_wait()
+// Nothing for a wait without end.
+std::optional<std::chrono::seconds> inventory_wait()
 {
     const char *text = std::getenv(KEL_DB_INVENTORY_WAIT_ENV);
     unsigned seconds = 0;
     if (text == nullptr)
         return DEFAULT_INVENTORY_WAIT;
+    if (text == WITHOUT_END)
+        return std::nullopt;
     const char *end = text + std::strlen(text);
     const auto parsed = std::from_chars(text, end, seconds);
     if (parsed.ec != std::errc() || parsed.ptr != end || text == end) {
-        kel::complain("%s is not a number of seconds; waiting up to %d seconds for interfaces",
+        kel::complain("%s is no number of seconds and not \"infinity\"; waiting up to %d seconds for interfaces",
                       KEL_DB_INVENTORY_WAIT_ENV, static_cast<int>(DEFAULT_INVENTORY_WAIT.count()));
         return DEFAULT_INVENTORY_WAIT;
     }
@@ -59,19 +66,35 @@ DevPortInfo read_inventory(KelDb *db)
     return info;
 }
 
+void pause()
+{
+    if (!kel::run_pause())
+        std::this_thread::sleep_for(INVENTORY_POLL);
+}
+
+void tell_of_wait(std::optional<std::chrono::seconds> limit)
+{
+    if (!limit)
+        kel::complain("the datastore has no uplink interfaces yet; waiting for the switch, however long it takes");
+    else if (limit->count() > 0)
+        kel::complain("the datastore has no uplink interfaces yet; waiting up to %d seconds for the switch",
+                      static_cast<int>(limit->count()));
+}
+
 DevPortInfo wait_for_first_entry(KelDb *db)
 {
     DevPortInfo info = read_inventory(db);
     if (info.port_count != 0)
         return info;
-    const std::chrono::seconds wait = inventory_wait();
-    if (wait.count() > 0) {
-        kel::complain("the datastore has no uplink interfaces yet; waiting up to %d seconds for the switch",
-                      static_cast<int>(wait.count()));
-    }
-    const auto give_up = Clock::now() + wait;
-    while (info.port_count == 0 && Clock::now() < give_up) {
-        std::this_thread::sleep_for(INVENTORY_POLL);
+    const std::optional<std::chrono::seconds> limit = inventory_wait();
+    const auto begin = Clock::now();
+    auto told = Clock::time_point::min();
+    while (info.port_count == 0 && (!limit || Clock::now() < begin + *limit)) {
+        if (told == Clock::time_point::min() || (!limit && Clock::now() > told + WAIT_TOLD_EVERY)) {
+            tell_of_wait(limit);
+            told = Clock::now();
+        }
+        pause();
         info = read_inventory(db);
     }
     return info;
@@ -81,7 +104,7 @@ DevPortInfo wait_until_settled(KelDb *db, DevPortInfo info)
 {
     auto changed = Clock::now();
     while (Clock::now() - changed < INVENTORY_SETTLED) {
-        std::this_thread::sleep_for(INVENTORY_POLL);
+        pause();
         const DevPortInfo now = read_inventory(db);
         if (now.port_count != info.port_count)
             changed = Clock::now();

@@ -41,7 +41,7 @@ constexpr std::uint32_t KEL_DB_DEBUG_SYSREPO_ALL = 0x2; // the rest of what sysr
 constexpr std::uint32_t KEL_DB_DEBUG_DAEMON = 0x4;      // "[DATABASE INFO]" lines of the daemons
 // The debug mask at start, as a number (0x4, 4); 0 when unset.
 constexpr char KEL_DB_DEBUG_ENV[] = "KEL_DB_DEBUG";
-// Seconds that database_dev_get_port_info waits for the first interface entry; 10 when unset.
+// Seconds that database_dev_get_port_info waits for the first interface entry, or "infinity"; 10 when unset.
 constexpr char KEL_DB_INVENTORY_WAIT_ENV[] = "KEL_DB_INVENTORY_WAIT";
 
 // ---- connection, session hooks, debug -------------------------------------------------------------------------
@@ -59,6 +59,12 @@ int kel_db_session_close(KelDbSession *session);
 // Gives the session a handle of its own on the connection of db; takes it back.
 int db_connect_init_with_vty(KelDbSession *session, KelDb *db);
 int db_disconnect_free_with_vty(KelDbSession *session, KelDb *db);
+
+// What the calling thread does, for some milliseconds, while it waits: a write that finds the datastore locked calls
+// it between its attempts, and false gives the write up; the inventory heeds no result. Without one a write tries for
+// 15 s.
+using kel_db_pause = bool (*)();
+void kel_db_set_pause(kel_db_pause pause);
 
 using kel_db_debug_flag = std::uint32_t *;
 using kel_db_sysrepo_debug = void (*)(sr_log_level_t level, const char *message);
@@ -87,8 +93,10 @@ struct DbModuleCbs {
 // thread of the library, one at a time.
 int db_module_subscription_init(KelDb *db, const DbModuleCbs *const *tables);
 
-// Whether a process, this one included, has subscribed to the module's configuration.
-bool db_module_is_served(const char *module);
+// Makes this process the one that serves the module's configuration, until it ends. False, with a sentence on
+// standard error, when another one does: then nothing is written or subscribed to through the handle. An unconnected
+// handle has nobody else to heed.
+bool db_module_claim(KelDb *db, const char *module);
 
 // The next change of an event. The first call (null iterator) opens the iterator. The values of the previous call
 // are released; those of the last one, and the iterator, are the caller's (sr_free_val, sr_free_change_iter).
@@ -177,8 +185,8 @@ int db_olt_lacp_get_port_system_id(int slot, std::uint32_t port, const char *rol
 int db_olt_lacp_get_port_mode(int slot, std::uint32_t port, const char *role, KelDb *db, char *text,
                               std::uint32_t *size);
 
-// The interface entries as port information. Waits for the first entry; non-zero, with a sentence on standard
-// error, when none comes in time.
+// The interface entries as port information. Waits for the first entry, with the thread's pause function when it has
+// one; non-zero, with a sentence on standard error, when none comes in time.
 int database_dev_get_port_info(KelDb *db, DevPortInfo *info);
 
 // ---- for the switch side: who owns the interface entries ------------------------------------------------------

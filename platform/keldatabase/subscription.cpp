@@ -7,14 +7,18 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace
 {
 
 constexpr mode_t LOCK_FILE_MODE = 0660;
+constexpr auto PREDECESSOR_ENDS = std::chrono::seconds(1);
 
 // Whoever may use the repository may take the lock, whatever umask and user made the file.
 void share_with_repository_group(int descriptor)
@@ -45,24 +49,16 @@ std::string lock_path(const char *module)
     return std::string(sr_get_repo_path()) + "/" + module + ".subscriber";
 }
 
-// Only one process at a time may act on the changes of a module's configuration: two would drive one switch.
-kel::FileDescriptor lock_subscriber(const char *module)
+// A predecessor that is just ending still holds it.
+bool lock_patiently(int descriptor)
 {
-    const std::string path = lock_path(module);
-    kel::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_FILE_MODE));
-    if (!file.valid()) {
-        kel::complain("%s cannot be opened (%s); changes are not received", path.c_str(), std::strerror(errno));
-        return file;
+    const auto give_up = std::chrono::steady_clock::now() + PREDECESSOR_ENDS;
+    while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        if (std::chrono::steady_clock::now() >= give_up)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-        kel::complain("process %s already serves the configuration of %s in %s; changes are not received, stop one "
-                      "of the two",
-                      owner_of_lock(file.get()).c_str(), module, sr_get_repo_path());
-        return kel::FileDescriptor();
-    }
-    share_with_repository_group(file.get());
-    write_owner(file.get());
-    return file;
+    return true;
 }
 
 // A transaction that this process has accepted and another subscriber refused comes back reversed. Handlers know
@@ -99,20 +95,43 @@ int KelDb::Connection::subscribe_entry(const char *module, const DbXpathCb &entr
     return code;
 }
 
+// Only one process at a time may act on the changes of a module's configuration: two would drive one switch.
+bool KelDb::Connection::claim(const char *module)
+{
+    if (subscriber_lock_.valid() || foreign_)
+        return !foreign_;
+    const std::string path = lock_path(module);
+    kel::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_FILE_MODE));
+    if (!file.valid()) {
+        kel::complain("%s cannot be opened (%s); changes are not received", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    foreign_ = !lock_patiently(file.get());
+    if (foreign_) {
+        kel::complain(
+            "process %s already serves the configuration of %s in %s; changes are neither made nor received, "
+            "stop one of the two",
+            owner_of_lock(file.get()).c_str(), module, sr_get_repo_path());
+        return false;
+    }
+    share_with_repository_group(file.get());
+    write_owner(file.get());
+    subscriber_lock_ = std::move(file);
+    return true;
+}
+
 int KelDb::Connection::subscribe(const DbModuleCbs *const *tables)
 {
     if (subscription_ || *tables == nullptr)
         return subscription_ ? kel::FAILED : 0;
-    subscriber_lock_ = lock_subscriber((*tables)->module);
     sr_session_ctx_t *raw = nullptr;
-    if (!subscriber_lock_.valid() || sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK)
+    if (!claim((*tables)->module) || sr_session_start(connection_.get(), SR_DS_RUNNING, &raw) != SR_ERR_OK)
         return kel::FAILED;
     subscriber_session_.reset(raw);
     for (; *tables != nullptr; ++tables) {
         for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry) {
             if (subscribe_entry((*tables)->module, *entry) != SR_ERR_OK) {
                 subscription_.reset();
-                subscriber_lock_ = kel::FileDescriptor();
                 return kel::FAILED;
             }
         }
@@ -129,12 +148,11 @@ try {
     return kel::FAILED;
 }
 
-bool db_module_is_served(const char *module)
+bool db_module_claim(KelDb *db, const char *module)
 try {
-    const kel::FileDescriptor file(::open(lock_path(module).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-    return file.valid() && flock(file.get(), LOCK_EX | LOCK_NB) != 0;
+    return db == nullptr || db->connection == nullptr || db->connection->claim(module) || db->connection->may_write();
 } catch (const std::exception &) {
-    return false;
+    return true; // the subscription will say what is wrong
 }
 
 int kel_db_get_change_next(sr_session_ctx_t *session, const char *xpath, sr_change_iter_t **iterator,

@@ -1,6 +1,7 @@
 #include "sclient/sclient.h"
 
 #include "frr/frr.hpp"
+#include "sysutil/sysutil.h"
 
 #include <array>
 #include <atomic>
@@ -283,6 +284,9 @@ void sclient::Transport::take_reply(const std::uint8_t *bytes, std::size_t size)
         return;
     ++error_replies_;
     const std::uint8_t *body = bytes + SCLIENT_HEADER_SIZE;
+    static RepeatedLine line("sclient: the switch-driver service refused a request");
+    if (!line.due())
+        return;
     fprintf(stderr, "sclient: the switch-driver service refused request %u with error code %u\n",
             get_u32(body + sizeof(std::uint32_t)), get_u32(body));
 }

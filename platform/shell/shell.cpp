@@ -1,24 +1,27 @@
 #include "shell/shell.h"
 
+#include "shell/configuration.h"
 #include "shell/grammar.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstdlib>
-#include <fcntl.h>
 #include <list>
 #include <map>
 #include <string>
-#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
+#include <utility>
 
 namespace
 {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::chrono::seconds WATCH_AFTER(1);
+constexpr std::chrono::milliseconds PAUSE(20);
+// What a command may take with a locked datastore, so that it answers within three seconds.
+constexpr std::chrono::milliseconds COMMAND_PATIENCE(2500);
 
 KelDb unconnected;
 
@@ -28,12 +31,19 @@ struct Session {
     ino_t inode = 0; // of the session's socket: tells it from a later one at the same address
 };
 
+struct Command {
+    vty *terminal = nullptr; // null: lines of the configuration file, which wait as long as it takes
+    Clock::time_point give_up = Clock::time_point::max();
+};
+
 // libfrr tells nobody when a session ends, so sessions are recognised by their socket.
 struct Sessions {
     std::map<const vty *, Session> terminals;
     Session files;
     frr::EventLoop *master = nullptr;
     frr::Event *watch = nullptr;
+    Command running;                                    // the command that is carried out now
+    Clock::time_point limit = Clock::time_point::max(); // until when commands that others wait for have to end
 };
 
 // Never destroyed: the event loop may still use it while the process exits.
@@ -106,82 +116,6 @@ Session &terminal_session(const vty *vty)
 
 } // namespace
 
-namespace
-{
-
-constexpr off_t CONFIGURATION_ROOM = 64 * 1024; // more than any configuration takes
-
-struct SavingCommand {
-    cmd_element element;
-    decltype(cmd_element::func) save;
-};
-
-std::list<SavingCommand> &saving_commands()
-{
-    static std::list<SavingCommand> instance;
-    return instance;
-}
-
-// 0, or the error number with which the file's folder takes no other file of that size.
-int lack_of_room(const char *file)
-{
-    std::string probe = std::string(file) + ".room.XXXXXX";
-    const int fd = mkstemp(probe.data());
-    if (fd < 0)
-        return errno;
-    const int error = posix_fallocate(fd, 0, CONFIGURATION_ROOM);
-    unlink(probe.c_str());
-    close(fd);
-    return error;
-}
-
-// libfrr overlooks a full disk and puts the half-written file in the place of the configuration.
-int save_with_room(const cmd_element *self, vty *vty, int argc, cmd_token *argv[])
-{
-    const bool to_terminal = argc > 1 && std::strcmp(argv[1]->text, "terminal") == 0;
-    const char *file = host_config_get();
-    const int error = to_terminal || file == nullptr ? 0 : lack_of_room(file);
-    if (error != 0) {
-        vty_out(vty, "Can't save configuration file %s: %s; it stays as it was.\n", file, strerror(error));
-        return CMD_WARNING;
-    }
-    const auto &all = saving_commands();
-    const auto own = std::ranges::find_if(all, [self](const auto &command) { return &command.element == self; });
-    return own->save(self, vty, argc, argv);
-}
-
-bool saves_the_configuration(const cmd_element &command)
-{
-    const std::string_view syntax = command.string;
-    return syntax.starts_with("write ") || syntax == "copy running-config startup-config";
-}
-
-// A command of a node is found through its graph, which names the record to run. (Removing a command with optional
-// words from a graph, as another way, fails in libfrr.)
-void guard_saving_commands_of(const cmd_node &node)
-{
-    for (unsigned i = 0; i < vector_active(node.cmd_vector); ++i) {
-        const auto *command = static_cast<const cmd_element *>(vector_slot(node.cmd_vector, i));
-        if (command == nullptr || !saves_the_configuration(*command))
-            continue;
-        SavingCommand &guarded = saving_commands().emplace_back(SavingCommand{*command, command->func});
-        guarded.element.func = save_with_room;
-        for (unsigned j = 0; j < vector_active(node.cmdgraph->nodes); ++j)
-            if (auto *place = static_cast<graph_node *>(vector_slot(node.cmdgraph->nodes, j)); place->data == command)
-                place->data = &guarded.element;
-    }
-}
-
-// From the event loop, when every node and its commands are there.
-void guard_saving_commands(frr::Event *)
-{
-    for (unsigned i = 0; i < vector_active(cmdvec); ++i)
-        if (const auto *node = static_cast<const cmd_node *>(vector_slot(cmdvec, i)); node != nullptr)
-            guard_saving_commands_of(*node);
-}
-
-} // namespace
-
 static int enter_debug_mode(const cmd_element *, vty *vty, int, cmd_token *[])
 {
     vty->node = SHELL_DEBUG_NODE;
@@ -191,7 +125,9 @@ static int enter_debug_mode(const cmd_element *, vty *vty, int, cmd_token *[])
 static const cmd_element debug_mode_cmd =
     frr::command("debug_mode_cmd", "debug-mode", "Switch traces and packet dumps on and off.\n", enter_debug_mode);
 
-static cmd_node debug_node = frr::node("debug", SHELL_DEBUG_NODE, ENABLE_NODE, "%s(debug)# ", nullptr);
+// Its writer stands at the end of the running configuration, as the node's number is the highest.
+static cmd_node debug_node =
+    frr::node("debug", SHELL_DEBUG_NODE, ENABLE_NODE, "%s(debug)# ", shell_write_refused_lines);
 
 void shell_init(frr::EventLoop *master)
 {
@@ -200,14 +136,33 @@ void shell_init(frr::EventLoop *master)
     install_default(static_cast<node_type>(SHELL_DEBUG_NODE)); // the record's field is an enumeration without 133
     grammar_init(debug_node);
     _install_element(ENABLE_NODE, &debug_mode_cmd);
-    frr::add_event<guard_saving_commands>(master, nullptr, nullptr);
+    frr::add_event<shell_guard_saving_commands>(master, nullptr, nullptr);
     schedule_watch();
+}
+
+bool shell_serve_others()
+{
+    Sessions &all = sessions();
+    const Command waiting = all.running;
+    if (waiting.terminal != nullptr) {
+        frr::cancel(&waiting.terminal->t_timeout);
+        frr::cancel(&waiting.terminal->t_write);
+    }
+    const Clock::time_point limit = std::exchange(all.limit, std::min(all.limit, waiting.give_up));
+    frr::run_others(all.master, PAUSE);
+    all.limit = limit;
+    all.running = waiting;
+    return Clock::now() < waiting.give_up;
 }
 
 ShellSession &shell_session(vty *vty)
 {
-    if (vty->type != vty::VTY_FILE)
+    Sessions &all = sessions();
+    if (vty->type != vty::VTY_FILE) {
+        all.running = {vty, std::min(Clock::now() + COMMAND_PATIENCE, all.limit)};
         return terminal_session(vty).fields;
+    }
+    all.running = {};
     Session &files = sessions().files;
     if (files.fields.db == nullptr)
         attach(files);

@@ -23,6 +23,26 @@ void shell_init(frr::EventLoop *master);
 // given back within a second after the session has ended. When the hook fails the handle is an unconnected one.
 ShellSession &shell_session(vty *vty);
 
+// The pause function of the main thread's writes (kel_db_set_pause): while a command finds the datastore locked the
+// event loop goes on. The command's session reads nothing before it has its answer, and nothing may close it. A
+// command has 2.5 s; one that begins while another waits has no more than that one, because it has to end first.
+// Lines of the configuration file wait for as long as it takes.
+bool shell_serve_others();
+
+// Prints why a command is refused. A line of the configuration file is remembered with that reason.
+[[gnu::format(printf, 2, 3)]] void shell_refuse(vty *vty, const char *format, ...);
+
+// Reads the configuration file from the event loop, in place of the framework, which keeps no account of what is
+// refused. Each refused line is told on standard error, and from then on "write memory" does not put a file in its
+// place that lacks such a line. `done` is called afterwards; with `read` false nothing is read and nothing may be
+// saved.
+void shell_take_configuration(frr::EventLoop *master, frr_daemon_info *daemon, bool read, void (*done)());
+
+// Carries out the lines of the configuration file at once, tells of those that are refused, and returns their number;
+// -1 when the file cannot be read. The commands learn from shell_checks() that they must not write.
+int shell_check_configuration(const frr_daemon_info *daemon);
+bool shell_checks();
+
 // Installs a node. Its prompt may hold "%d/%d" behind the host name: slot and port of the session that it is shown
 // to.
 void shell_install_node(cmd_node *node);

@@ -3,6 +3,7 @@
 #include "frr/frr.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +16,8 @@
 #include <new>
 #include <pthread.h>
 #include <string>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -134,6 +137,78 @@ int system_pthread_run(SystemThread *thread, int flags, void *argument)
 void *system_pthread_argument(const SystemThread *thread)
 {
     return thread->argument;
+}
+
+// ---- process --------------------------------------------------------------------------------------------------
+
+static int parent_waits = -1; // the end of a pipe whose other end the parent reads
+
+[[noreturn]] static void wait_for_child(pid_t child, int ready)
+{
+    char byte = 0;
+    if (TEMP_FAILURE_RETRY(read(ready, &byte, 1)) == 1)
+        _exit(0);
+    int status = 0;
+    TEMP_FAILURE_RETRY(waitpid(child, &status, 0));
+    _exit(WIFEXITED(status) && WEXITSTATUS(status) != 0 ? WEXITSTATUS(status) : 1);
+}
+
+void system_go_into_background()
+{
+    std::array<int, 2> ready{};
+    fflush(nullptr);
+    const pid_t child = pipe2(ready.data(), O_CLOEXEC) == 0 ? fork() : -1;
+    if (child < 0) {
+        perror("the daemon cannot go into the background");
+        exit(1);
+    }
+    if (child > 0) {
+        close(ready[1]);
+        wait_for_child(child, ready[0]);
+    }
+    close(ready[0]);
+    setsid();
+    parent_waits = ready[1];
+}
+
+void system_detach()
+{
+    if (parent_waits < 0)
+        return;
+    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        dup2(nowhere, stream);
+    close(nowhere);
+    if (write(parent_waits, "", 1) == 1)
+        close(parent_waits);
+    parent_waits = -1;
+}
+
+static struct sigaction framework_terminate;
+constexpr suseconds_t GRACE_US = 1500000;
+
+static void terminate(int number, siginfo_t *info, void *context)
+{
+    constexpr itimerval GRACE{{}, {GRACE_US / 1000000, GRACE_US % 1000000}};
+    setitimer(ITIMER_REAL, &GRACE, nullptr);
+    if ((framework_terminate.sa_flags & SA_SIGINFO) != 0)
+        framework_terminate.sa_sigaction(number, info, context);
+    else
+        framework_terminate.sa_handler(number);
+}
+
+void system_end_in_time()
+{
+    struct sigaction last_resort {
+    };
+    last_resort.sa_handler = [](int) { _exit(0); };
+    sigaction(SIGALRM, &last_resort, nullptr);
+    sigaction(SIGTERM, nullptr, &framework_terminate);
+    struct sigaction action = framework_terminate;
+    action.sa_flags |= SA_SIGINFO;
+    action.sa_sigaction = terminate;
+    for (const int number : {SIGTERM, SIGINT})
+        sigaction(number, &action, nullptr);
 }
 
 // ---- configuration --------------------------------------------------------------------------------------------

@@ -311,7 +311,7 @@ void use(const char *user, bool stay = false)
     if (lacp_database_subs(&g_lacpd_db) != 0)
         _exit(2);
     if (stay)
-        pause();
+        raise(SIGSTOP);
     _exit(command("balance 1 src-mac; balance 1 dst-mac"));
 }
 
@@ -333,8 +333,7 @@ TEST(Processes, RootAndDaemonUseTheDatastoreOneServesIt)
     const pid_t first = fork();
     if (first == 0)
         use("daemon", true);
-    while (!db_module_is_served("olt-lacp") && waitpid(first, nullptr, WNOHANG) == 0)
-        std::this_thread::sleep_for(2ms);
+    waitpid(first, nullptr, WUNTRACED);
     EXPECT_EXIT(use("root"), ExitedWithCode(2),
                 std::to_string(first) + " already serves the configuration of olt-lacp");
     kill(first, SIGKILL);
@@ -348,11 +347,11 @@ TEST(Processes, ScriptMakesClosesAndUpgradesRepositories)
     setenv("SYSREPOCTL", LACPD_SYSREPOCTL, 1);
     const std::tuple<const char *, int, const char *> rows[] = {
         {"stat -c '%U %G %a' $SYSREPO_REPOSITORY_PATH $SYSREPO_SHM_DIR $SYSREPO_SHM_DIR/test_olt-lacp.running >&2", 0,
-         "root daemon 770\nroot daemon 770\nroot daemon 660\n"},
+         "root daemon 2770\nroot daemon 2770\nroot daemon 660\n"},
         {"cd $SYSREPO_SHM_DIR/.. && cp -r $SOURCES/scripts $SOURCES/yang . && chmod 777 shm && "
          "sed -i '0,/revision [0-9-]*/s//revision 2999-12-31/' yang/olt-lacp.yang && scripts/datastore.sh && "
          "$SYSREPOCTL -l >&2; stat -c %a shm >&2",
-         0, "olt-lacp *. 2999-12-31(.|\n)*\n770\n"},
+         0, "olt-lacp *. 2999-12-31(.|\n)*\n2770\n"},
         {"$SOURCES/scripts/datastore.sh", 1, "installed in a newer revision"},
         {"$SOURCES/scripts/datastore.sh --fast", 1, "unknown argument --fast"},
         {"SYSREPO_SHM_DIR= SYSREPO_SHM_PREFIX= $SOURCES/scripts/datastore.sh", 1, "would mix two datastores"},
@@ -478,7 +477,7 @@ TEST_F(HandlersTest, LeavingWaitsForTheDaemon)
     EXPECT_EQ(command("del 1 2", shell.db), 0);
     EXPECT_EQ(db_disconnect_free_with_vty(&shell, nullptr), 0);
     EXPECT_NE(lacp_database_subs(&g_lacpd_db), 0) << "it is there already";
-    EXPECT_TRUE(db_module_is_served("olt-lacp"));
+    EXPECT_TRUE(db_module_claim(&g_lacpd_db, "olt-lacp"));
 }
 
 // The link handler reads a port's group while its members change and a shell reads; first there is a foreign lock.

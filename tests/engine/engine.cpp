@@ -409,8 +409,8 @@ void Engine::switch_on()
 
 void Engine::tick(unsigned count)
 {
-    for (std::uint32_t failures = 0; count > 0; --count) {
-        lacSendTick(failures);
+    for (LacTickCounts counts{}; count > 0; --count) {
+        lacSendTick(counts);
         dispatch();
     }
 }

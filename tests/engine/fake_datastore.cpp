@@ -292,6 +292,7 @@ DB(db_module_subscription_init, (KelDb *, const DbModuleCbs *const *tables), [ta
 }())
 
 void db_debug_flag_reg(kel_db_debug_flag) {}
+void kel_db_set_pause(kel_db_pause) {}
 void sysrepo_debug_fun_reg(kel_db_sysrepo_debug) {}
 kel_db_sysrepo_debug sysrepo_debug_func_return()
 {

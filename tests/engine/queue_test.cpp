@@ -50,22 +50,23 @@ TEST(Queue, TheOneHundredAndTwentyNinthMessageIsLost)
 TEST(Queue, Ticks)
 {
     Engine engine;
-    std::uint32_t failures = 0;
+    LacTickCounts counts{};
     const auto reports = [&](int ticks) {
         return has(printed([&] {
                        while (ticks-- > 0)
-                           lacSendTick(failures);
+                           lacSendTick(counts);
                    }),
                    "lacTimerTask: Timer Tick send failed.\r");
     };
     Engine::send(3);
     Engine::dispatch(); // the tick does not stand first in the ring
-    EXPECT_FALSE(reports(2));
+    EXPECT_FALSE(reports(26)) << "one is sent, the others wait for it";
+    EXPECT_EQ(printed([&] { lacSendTick(counts); }),
+              "LACP Msg: a tick has been waiting for 26 seconds, the dispatcher is busy!\n");
     EXPECT_EQ(Lac_Queue.count(), 1);
-    EXPECT_EQ(failures, 1U);
     Engine::dispatch();
-    lacSendTick(failures);
-    EXPECT_EQ(failures, 0U) << "it has arrived";
+    lacSendTick(counts);
+    EXPECT_EQ(counts.waiting, 0U) << "it has arrived";
     Engine::dispatch();
     fill_queue();
     for (int i = 0; i < 2; ++i) {

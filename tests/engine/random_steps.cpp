@@ -332,9 +332,9 @@ class RandomSteps : private Engine
                                                    1, 1, 2, 2, 2, 2, 3,  3,  3,  4, 4, 5};
         const std::uint32_t count = std::min(input_.pick(COUNTS), ticks_left_);
         ticks_left_ -= count;
-        std::uint32_t failures = 0;
+        LacTickCounts counts{};
         if (held_)
-            lacSendTick(failures);
+            lacSendTick(counts);
         for (std::uint32_t i = 0; i < count && !held_; ++i)
             second();
     }

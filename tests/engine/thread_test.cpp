@@ -98,12 +98,12 @@ TEST(Threads, EveryThreadAtOnce)
         return on_event_thread([&] { return handler(change); });
     };
     std::thread timer([] {
-        std::uint32_t failures = 0;
+        LacTickCounts counts{};
         for (unsigned round = 0; round < 4 * ROUNDS; ++round) {
             while (Lac_Queue.hasTick()) // another one would not be sent
                 std::this_thread::yield();
             engine.await_room();
-            lacSendTick(failures);
+            lacSendTick(counts);
         }
     });
     std::thread packets([] { engine.answer_until_the_end(); });

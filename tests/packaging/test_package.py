@@ -56,7 +56,7 @@ RUNNING = [
     ("grep -E 'Uid|CapPrm' /proc/$(cat /run/lacpd/lacpd.pid)/status | xargs", "Uid: 1 1 1 1 CapPrm: 0000000000203400"),
     ("ss -Hltn sport = 2704 | awk '{ print $4 }'", "127.0.0.1:2704"),
     ("stat -c '%U:%G %a' /run/lacpd/lacpd.vty /run/olt/switch-{driver,state}.sock /etc/sysrepo /dev/shm/sysrepo | uniq",
-     "daemon:daemon 770\nroot:daemon 660\nroot:daemon 770"),
+     "daemon:daemon 770\nroot:daemon 660\nroot:daemon 2770"),
     ("olt-switch --show | grep -o '\"group\": 1'", '"group": 1'),
 ]
 

@@ -8,6 +8,8 @@
 #include "lac_tx.h"
 #include "lac_wire.h"
 
+#include "sysutil/sysutil.h"
+
 #include <algorithm>
 #include <atomic>
 
@@ -28,7 +30,9 @@ static void tell_of_flood(std::uint32_t port_no)
     if (now < next_ms)
         return;
     next_ms = now + FLOOD_REPORT_MS;
-    printf("LACP Msg: port %u receives more PDUs than can be taken, some are dropped!\n", port_no);
+    printf(Lac_Queue.isStalled() ? "LACP Msg: PDUs of port %u are dropped, the dispatcher is busy!\n"
+                                 : "LACP Msg: port %u receives more PDUs than can be taken, some are dropped!\n",
+           port_no);
 }
 
 int lacp_bpdu_deal(std::uint32_t port_no, std::uint32_t, const std::uint8_t *frame, int length)
@@ -83,7 +87,9 @@ void lacClassifyPdu(LacPort *port, const std::uint8_t *bytes)
         port->stats->rx_marker_response += 1;
     } else {
         port->stats->rx_unknown += 1;
-        printf("LACP: not valid PDU with Slow Protocol Type Subtype - %02x TLV type = %02x", subtype, tlv_type);
+        static RepeatedLine line("LACP: not valid PDU");
+        if (line.due())
+            printf("LACP: not valid PDU with Slow Protocol Type Subtype - %02x TLV type = %02x", subtype, tlv_type);
     }
 }
 

@@ -22,6 +22,7 @@ constexpr useconds_t DISPATCH_PAUSE_US = 100;
 constexpr unsigned TICK_SECONDS = 1;
 constexpr unsigned SWITCH_SECONDS = 1; // what set_lac_global_enable leaves the dispatcher
 constexpr std::uint32_t TICK_FAILURES_REPORTED = 26;
+constexpr std::uint64_t STALL_MS = 1000;
 constexpr char SOURCE_NAME[] = "services/l2/lacpd/lac_task";
 
 void wait_for_send_lock()
@@ -87,11 +88,19 @@ bool LacQueue::holdsAllowanceOf(std::uint64_t port, std::uint8_t subtype) noexce
     return waiting(same) >= (is_lacpdu ? LAC_PORT_LACPDU_LIMIT : LAC_PORT_OTHER_PDU_LIMIT);
 }
 
+bool LacQueue::isStalled() noexcept
+{
+    const std::lock_guard guard(lock_);
+    return size_ != 0 && lac_now_ms() - taken_ms_ > STALL_MS;
+}
+
 bool LacQueue::push(const LacQueueMsg &message) noexcept
 {
     const std::lock_guard guard(lock_);
     if (!created_ || size_ == ring_.size())
         return false;
+    if (size_ == 0)
+        taken_ms_ = lac_now_ms();
     ring_[(first_ + size_++) % ring_.size()] = message;
     return sem_post(&items_) == 0;
 }
@@ -104,6 +113,7 @@ bool LacQueue::take(LacQueueMsg &message) noexcept
     message = ring_[first_];
     first_ = (first_ + 1) % ring_.size();
     --size_;
+    taken_ms_ = lac_now_ms();
     return true;
 }
 
@@ -227,23 +237,30 @@ static void *lacRecvTask(SystemThread *)
 
 static int send_tick()
 {
-    if (Lac_Queue.hasTick())
-        return LAC_FAILED;
     lac_trace(LAC_DBG_LOCK, "\n lacTimerTask wait task semaphore for timer tick\r");
     wait_for_send_lock();
     return lacQSend(LAC_Q_TICK, 0, 0);
 }
 
-void lacSendTick(std::uint32_t &failures)
+static bool is_reported(std::uint32_t &count)
 {
-    if (send_tick() == LAC_OK) {
-        failures = 0;
+    count = (count + 1) % TICK_FAILURES_REPORTED;
+    return count == 0;
+}
+
+void lacSendTick(LacTickCounts &counts)
+{
+    if (Lac_Queue.hasTick()) {
+        if (is_reported(counts.waiting))
+            printf("LACP Msg: a tick has been waiting for %u seconds, the dispatcher is busy!\n",
+                   TICK_FAILURES_REPORTED * TICK_SECONDS);
         return;
     }
-    if (++failures < TICK_FAILURES_REPORTED)
-        return;
-    printf("lacTimerTask: Timer Tick send failed.\r");
-    failures = 0;
+    counts.waiting = 0;
+    if (send_tick() == LAC_OK)
+        counts.failures = 0;
+    else if (is_reported(counts.failures))
+        printf("lacTimerTask: Timer Tick send failed.\r");
 }
 
 static void *lacTimerTask(SystemThread *)
@@ -254,9 +271,9 @@ static void *lacTimerTask(SystemThread *)
         wait_for_send_lock();
         lacQSend(LAC_Q_LACP_ON, 0, 0);
     }
-    for (std::uint32_t failures = 0;;) {
+    for (LacTickCounts counts{};;) {
         sleep(TICK_SECONDS);
-        lacSendTick(failures);
+        lacSendTick(counts);
     }
 }
 

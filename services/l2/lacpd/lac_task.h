@@ -68,6 +68,8 @@ class LacQueue
     // Whether a tick waits; whether the queue holds a port's allowance of PDUs of this subtype.
     bool hasTick() noexcept;
     bool holdsAllowanceOf(std::uint64_t port, std::uint8_t subtype) noexcept;
+    // Whether messages wait of which none has been taken for more than a second.
+    bool isStalled() noexcept;
     bool push(const LacQueueMsg &message) noexcept; // false when full or not created
     bool wait(LacQueueMsg &message) noexcept;       // false when interrupted
     bool tryPop(LacQueueMsg &message) noexcept;     // false when empty
@@ -82,6 +84,13 @@ class LacQueue
     std::array<LacQueueMsg, LAC_QUEUE_LIMIT> ring_{};
     std::size_t first_ = 0;
     std::size_t size_ = 0;
+    std::uint64_t taken_ms_ = 0; // when the last message was taken, or the first one came to an empty queue
+};
+
+// What has become of the last ticks: how many in a row were not sent, for how long one has been waiting.
+struct LacTickCounts {
+    std::uint32_t failures;
+    std::uint32_t waiting;
 };
 
 using LacFrame = std::array<std::uint8_t, LAC_FRAME_SIZE>;
@@ -130,7 +139,7 @@ class LacQueueRoom
 
 // Sends one tick and counts lost ones (timer thread). While one still waits no other is sent: after a stall of the
 // dispatcher the protocol's time goes on from where it stood, instead of running through what was missed at once.
-void lacSendTick(std::uint32_t &failures);
+void lacSendTick(LacTickCounts &counts);
 
 void lacDbgCfg(std::uint32_t value);
 std::uint32_t lacDbgGet();

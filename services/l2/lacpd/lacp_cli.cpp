@@ -9,7 +9,9 @@
 #include "keldatabase/keldatabase.h"
 #include "shell/shell.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <string_view>
 
 namespace
@@ -46,12 +48,49 @@ cmd_node lacp_node = frr::node("lacp", LACP_NODE, CONFIG_NODE, "%s(config-lacp)#
 cmd_node uplink_port_node =
     frr::node("uplink-port", UPLINK_PORT_NODE, CONFIG_NODE, "%s(config-if-ge%d/%d)# ", uplink_port_config_write);
 
+// ---- groups of a file that is only checked --------------------------------------------------------------------
+
+struct Membership {
+    int group;
+    bool manual;
+};
+
+std::map<int, Membership> checked_ports;
+
+bool is_port(const ShellSession &session)
+{
+    return session.slot == LAC_SLOT && session.port >= 1 && session.port <= static_cast<int>(LAC_MAX_PORTS);
+}
+
+// What the datastore would refuse whatever it holds.
+int check_join(const ShellSession &session, int group, bool manual)
+{
+    const bool other_type = std::ranges::any_of(checked_ports, [&](const auto &entry) {
+        return entry.first != session.port && entry.second.group == group && entry.second.manual != manual;
+    });
+    if (!is_port(session) || other_type)
+        return LAC_REFUSED;
+    checked_ports[session.port] = {group, manual};
+    return LAC_OK;
+}
+
+int check_leave(const ShellSession &session, int group)
+{
+    const auto entry = checked_ports.find(session.port);
+    if (entry == checked_ports.end() || entry->second.group != group)
+        return LAC_REFUSED;
+    checked_ports.erase(entry);
+    return LAC_OK;
+}
+
 // ---- commands -------------------------------------------------------------------------------------------------
 
 int giga_interface(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
     ShellSession &session = shell_session(vty);
     cmd_parase_intf_str(argv[2]->arg, &session.slot, &session.port);
+    if (shell_checks() && !is_port(session))
+        shell_refuse(vty, "there is no port %s, only 0/1 to 0/%u", argv[2]->arg, LAC_MAX_PORTS);
     vty->node = UPLINK_PORT_NODE;
     return CMD_SUCCESS;
 }
@@ -62,14 +101,28 @@ int cl_giga_interface_exit(const cmd_element *, vty *vty, int, cmd_token *[])
     return CMD_SUCCESS;
 }
 
+int join(const ShellSession &session, int group, const char *mode)
+{
+    return shell_checks() ? check_join(session, group, strcmp(mode, "on") == 0)
+                          : db_add_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port),
+                                                 group, mode);
+}
+
+int leave(const ShellSession &session, int group)
+{
+    return shell_checks()
+               ? check_leave(session, group)
+               : db_del_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group);
+}
+
 int cli_static_lacp_port_add_fun(const cmd_element *, vty *vty, int, cmd_token *argv[])
 {
     const ShellSession &session = shell_session(vty);
     const int group = static_cast<int>(number(argv[1]->arg));
     const char *mode = argv[3]->text;
-    if (db_add_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group, mode) != 0)
-        vty_out(vty, "LACP Msg: set channel-group %d to %s mode failed! This group is already in other mode.\n",
-                group, mode);
+    if (join(session, group, mode) != 0)
+        shell_refuse(vty, "LACP Msg: set channel-group %d to %s mode failed! This group is already in other mode.\n",
+                     group, mode);
     return CMD_SUCCESS;
 }
 
@@ -77,9 +130,9 @@ int cli_static_lacp_port_delete_fun(const cmd_element *, vty *vty, int, cmd_toke
 {
     const ShellSession &session = shell_session(vty);
     const int group = static_cast<int>(number(argv[2]->arg));
-    if (db_del_channel_group(session.db, session.slot, static_cast<std::uint32_t>(session.port), group) != 0)
-        vty_out(vty, "LACP Msg: interface %d/%d delete from channel-group %d %s!\n", session.slot, session.port,
-                group, "failed");
+    if (leave(session, group) != 0)
+        shell_refuse(vty, "LACP Msg: interface %d/%d delete from channel-group %d %s!\n", session.slot, session.port,
+                     group, "failed");
     return CMD_SUCCESS;
 }
 
@@ -97,9 +150,10 @@ int cli_lacp_criteria_set_fun(const cmd_element *, vty *vty, int, cmd_token *arg
     const int first = all ? 1 : static_cast<int>(number(argv[1]->arg));
     const int last = all ? CHANNEL_GROUP_MAX_NUM : first;
     for (int group = first; group <= last; ++group)
-        if (db_olt_lacp_set_group_load_balance(group, session.db, criterion, size_of(criterion), 1) != 0)
-            vty_out(vty, "LACP Msg: interface %d/%d set channel-group %d load-balance to %s failed!\n", session.slot,
-                    session.port, group, criterion);
+        if (!shell_checks() &&
+            db_olt_lacp_set_group_load_balance(group, session.db, criterion, size_of(criterion), 1) != 0)
+            shell_refuse(vty, "LACP Msg: interface %d/%d set channel-group %d load-balance to %s failed!\n",
+                         session.slot, session.port, group, criterion);
     return CMD_SUCCESS;
 }
 
@@ -107,8 +161,9 @@ int cli_lacp_syspri_set_fun(const cmd_element *, vty *vty, int, cmd_token *argv[
 {
     const ShellSession &session = shell_session(vty);
     const std::uint16_t value = priority(argv[2]);
-    if (db_olt_lacp_set_global_configuration_system_priority(session.db, value, sizeof(value), 1) != 0)
-        vty_out(vty, "LACP Msg: set system-priority to %d failed!\n", value);
+    if (!shell_checks() &&
+        db_olt_lacp_set_global_configuration_system_priority(session.db, value, sizeof(value), 1) != 0)
+        shell_refuse(vty, "LACP Msg: set system-priority to %d failed!\n", value);
     return CMD_SUCCESS;
 }
 
@@ -116,9 +171,10 @@ int cli_lacp_port_state_timeout_fun(const cmd_element *, vty *vty, int, cmd_toke
 {
     const ShellSession &session = shell_session(vty);
     const char *timeout = argv[2]->text;
-    if (db_olt_lacp_set_trunk_timeout(session.slot, static_cast<std::uint32_t>(session.port), session.db, timeout,
-                                      size_of(timeout), 1) != 0)
-        vty_out(vty, "LACP Msg: interface %d/%d set timeout to %s failed!\n", session.slot, session.port, timeout);
+    if (!shell_checks() && db_olt_lacp_set_trunk_timeout(session.slot, static_cast<std::uint32_t>(session.port),
+                                                         session.db, timeout, size_of(timeout), 1) != 0)
+        shell_refuse(vty, "LACP Msg: interface %d/%d set timeout to %s failed!\n", session.slot, session.port,
+                     timeout);
     return CMD_SUCCESS;
 }
 
@@ -126,10 +182,10 @@ int cli_lacp_intf_portpri_set_fun(const cmd_element *, vty *vty, int, cmd_token 
 {
     const ShellSession &session = shell_session(vty);
     const std::uint16_t value = priority(argv[2]);
-    if (db_olt_lacp_set_trunk_priority(session.slot, static_cast<std::uint32_t>(session.port), session.db, value,
-                                       sizeof(value), 1) != 0)
-        vty_out(vty, "LACP Msg: interface %d/%d set port-priority to %d failed!\n", session.slot, session.port,
-                value);
+    if (!shell_checks() && db_olt_lacp_set_trunk_priority(session.slot, static_cast<std::uint32_t>(session.port),
+                                                          session.db, value, sizeof(value), 1) != 0)
+        shell_refuse(vty, "LACP Msg: interface %d/%d set port-priority to %d failed!\n", session.slot, session.port,
+                     value);
     return CMD_SUCCESS;
 }
 

@@ -227,6 +227,9 @@ int change_trunk_leaf(const ChangeWalk &walk)
     }
     if (result != LAC_OK)
         printf("set slot %d port %d '%s' %s! ret %d\n", slot, port, leaf.name, "failed", result);
+    // A new interface entry brings the leaf's default along.
+    if (name == "priority" && result != LAC_OK && port <= LAC_MAX_PORTS && lacNoToPort(port) == nullptr)
+        printf("LACP Msg: interface %d/%d was not there at the start: restart lacpd to take it!\n", slot, port);
     return result;
 }
 

@@ -16,19 +16,25 @@
 #include "sysutil/service_manager.h"
 #include "sysutil/sysutil.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <getopt.h>
+#include <string_view>
+#include <unistd.h>
 
 frr::EventLoop *master;
 DevPortInfo lacp_dev_port_info;
 
 // ---- daemon record --------------------------------------------------------------------------------------------
 
+static const frr::LogMessage sighup_received(LOG_INFO, "SIGHUP received");
+static const frr::LogMessage terminating(LOG_NOTICE, "Terminating on signal");
+
 static void sighup()
 {
-    frr::log(LOG_INFO, "SIGHUP received");
+    sighup_received.write();
 }
 
 static void sigusr1()
@@ -38,7 +44,7 @@ static void sigusr1()
 
 static void sigint()
 {
-    frr::log(LOG_NOTICE, "Terminating on signal");
+    terminating.write();
     exit(0);
 }
 
@@ -93,17 +99,53 @@ static void parse_options(int argc, char **argv)
             frr_help_exit(1);
 }
 
-// Neither the worker threads nor the datastore's connection outlive a fork.
-static void refuse_daemon_mode()
+// A shell in the daemon's own terminal would end the daemon with its input.
+static void refuse_terminal_mode()
 {
-    if (!lacpd_daemon_info.daemon_mode && !lacpd_daemon_info.terminal)
+    if (!lacpd_daemon_info.terminal)
         return;
-    fprintf(stderr, "lacpd: options -d and -t are not supported: start lacpd in the foreground and let a service "
-                    "manager keep it running\n");
+    fprintf(stderr, "lacpd: option -t is not supported: the shell is reached over the network or its local socket\n");
     exit(1);
 }
 
+// The framework would fork when threads and subscriptions exist already. A datastore connection outlives no fork.
+static void go_into_background()
+{
+    if (!lacpd_daemon_info.daemon_mode)
+        return;
+    lacpd_daemon_info.daemon_mode = false;
+    const bool connected = g_lacpd_db.connection != nullptr;
+    database_close(&g_lacpd_db);
+    system_go_into_background();
+    if (connected)
+        database_init(&g_lacpd_db);
+}
+
 // ---- start-up -------------------------------------------------------------------------------------------------
+
+// While start-up waits for the switch or for somebody's lock, before the event loop runs.
+static bool heed_signals()
+{
+    constexpr useconds_t PAUSE_US = 20000;
+    usleep(PAUSE_US);
+    frr_sigevent_process();
+    return true;
+}
+
+// Before the framework's parser runs. Spelt in another way it only means that the datastore is connected to for
+// nothing.
+static bool asks_for_check(int argc, char **argv)
+{
+    return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "-C" || word == "--dryrun"; });
+}
+
+// Option -C. The datastore and the switch are left alone; status 1 when a line is bad or the file cannot be read.
+static void check_configuration()
+{
+    shell_init(master);
+    lacp_vty_init();
+    exit(shell_check_configuration(&lacpd_daemon_info) == 0 ? 0 : 1);
+}
 
 static void read_inventory()
 {
@@ -117,13 +159,6 @@ static void read_inventory()
     result = port_init(&lacp_dev_port_info, &intf);
     if (result != 0)
         printf("LACP Msg: get base configuration from database failed! ret %d\n", result);
-}
-
-// What another daemon serves is not stale; the subscription will say that there is one.
-static void clear_stale_configuration()
-{
-    if (!db_module_is_served(lacp_cbs.module))
-        lacp_database_clear(&g_lacpd_db);
 }
 
 // Beside the file of the process number, which every instance has of its own.
@@ -144,42 +179,55 @@ static void tell_alive(frr::Event *)
     configuration_is_told = configuration_is_told || lacConfigurationRestored();
     if (lacStampAlive())
         service_manager_tell("WATCHDOG=1");
+    RepeatedLine::tell();
     frr::add_timer<tell_alive>(master, nullptr, ALIVE_PERIOD, nullptr);
 }
 
-static int configuration_restored(frr::EventLoop *)
+// From here on it serves, for whoever has started it.
+static void configuration_restored()
 {
     tell_alive(nullptr);
     service_manager_tell("READY=1");
-    return 0;
+    system_detach();
 }
 
 int main(int argc, char **argv)
 {
     service_manager_init();
-    setvbuf(stdout, nullptr, _IOLBF, 0); // a log shows a message when it happens
+    setvbuf(stdout, nullptr, _IONBF, 0); // a log shows a message when it happens, also one without a line feed
     kel_db_cb_init_func(lacp_module_change_cb_init, &g_lacpd_db);
     kel_db_cb_free_func(lacp_module_change_cb_free, &g_lacpd_db);
-    lacp_database_init(&g_lacpd_db);
+    if (!asks_for_check(argc, argv))
+        lacp_database_init(&g_lacpd_db);
 
     frr_preinit(&lacpd_daemon_info, argc, argv);
     parse_options(argc, argv);
-    refuse_daemon_mode();
+    refuse_terminal_mode();
+    go_into_background();
     master = frr_init();
+    if (lacpd_daemon_info.dryrun)
+        check_configuration();
+    system_end_in_time();
+    kel_db_set_pause(heed_signals);
 
-    lacp_sclient_init(master, 0, &lacp_privs);
-    lacp_sclient_on_reconnect(lacp_trunk_resync);
+    // A second daemon asks the switch for nothing and writes nothing.
+    const bool serves = db_module_claim(&g_lacpd_db, lacp_cbs.module);
+    if (serves) {
+        lacp_sclient_init(master, 0, &lacp_privs);
+        lacp_sclient_on_reconnect(lacp_trunk_resync);
+    }
     read_inventory();
     lac_set_dispatcher(lacDispatch);
     channel_group_daemon_init();
-    lacResumeBegin(resume_file(), no_resume == 0 && !db_module_is_served(lacp_cbs.module));
+    lacResumeBegin(resume_file(), no_resume == 0 && serves);
     shell_init(master);
     lacp_vty_init();
     daemon_restart_restore_config(&lacpd_daemon_info);
-    clear_stale_configuration();
+    if (serves)
+        lacp_database_clear(&g_lacpd_db);
     lacp_database_subs(&g_lacpd_db);
-    hook_register(frr_config_post, configuration_restored);
     frr_config_fork();
+    shell_take_configuration(master, &lacpd_daemon_info, serves, configuration_restored);
     lacp_rx_tx_packet_init(lacp_bpdu_recv);
     frr_run(master);
     return 0;

@@ -80,7 +80,9 @@ void lacp_pkt_take(std::uint8_t *buffer, int length, LacpReceive receive)
     const std::uint8_t *tag = buffer + ADDRESSES_SIZE;
     const bool whole = length >= static_cast<int>(ADDRESSES_SIZE + KTAG_SIZE);
     if (!whole || tag[0] != KTAG_RECEIVED >> 8 || tag[1] != (KTAG_RECEIVED & 0xFF)) {
-        printf("Msg: Parse msg error.");
+        static RepeatedLine line("Msg: Parse msg error.");
+        if (line.due())
+            printf("Msg: Parse msg error.");
         return;
     }
     const auto port_no = static_cast<std::uint32_t>(tag[KTAG_PORT_OFFSET] << 8 | tag[KTAG_PORT_OFFSET + 1]);
@@ -101,13 +103,24 @@ static bool is_cpu_interface(int fd, int index)
            strncmp(request.ifr_name, LAC_CPU_INTERFACE, sizeof(request.ifr_name)) == 0;
 }
 
+// perror() with a limit; leaves errno as it is.
+static void complain(RepeatedLine &line, const char *text)
+{
+    const int error = errno;
+    const bool due = line.due();
+    errno = error;
+    if (due)
+        perror(text);
+}
+
 static void receive_one(const LacpPktSocket *socket, std::uint8_t *buffer)
 {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(socket->fd, &readable);
     if (select(socket->fd + 1, &readable, nullptr, nullptr, nullptr) < 0) {
-        perror("select");
+        static RepeatedLine line("select");
+        complain(line, "select");
         return;
     }
     if (!FD_ISSET(socket->fd, &readable))
@@ -117,7 +130,8 @@ static void receive_one(const LacpPktSocket *socket, std::uint8_t *buffer)
     const ssize_t length =
         recvfrom(socket->fd, buffer, LACP_RX_BUFFER_SIZE, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &size);
     if (length <= 0) {
-        perror("Msg: Recv packets error.");
+        static RepeatedLine line("Msg: Recv packets error.");
+        complain(line, "Msg: Recv packets error.");
         return;
     }
     if (is_cpu_interface(socket->fd, from.sll_ifindex))
@@ -186,8 +200,9 @@ int lacp_bpdu_transmit(std::uint32_t, std::uint32_t, std::uint32_t port_no, cons
         else
             errno = error;
     }
+    static RepeatedLine failed("send msg to socket error");
     if (sent < 0)
-        perror("send msg to socket error");
+        complain(failed, "send msg to socket error");
     else if (lacp_pkt_tx_debug != 0)
         lacp_pkt_dump(out, static_cast<int>(sent), "send");
     qfree(MTYPE_LACP_SSP_PACKET, out);
