@@ -1,7 +1,6 @@
 """Starts that meet a refusal, a lock, no switch or another daemon: nothing configured is lost, nothing waits for ever."""
 
 import os
-import re
 import signal
 import subprocess
 import sys
@@ -55,8 +54,7 @@ def ends(system):
 
 def test_refused_lines_are_not_lost(left):
     left.start_daemon(environment={"KEL_DB_INVENTORY_WAIT": "0"})
-    left.daemon.wait_for_output("line 4 refused: interface gigabitEthernet 0/1, channel-group 1 mode on: LACP Msg: set",
-                                Ticks.LINK)
+    left.daemon.wait_for_output("line 4 refused: interface gigabitEthernet 0/1, channel-group 1 mode on: ", Ticks.LINK)
     with left.shell() as shell:
         for command in ("write memory", "copy running-config startup-config"):
             said = shell.run(command)
@@ -86,15 +84,17 @@ def test_the_start_waits_for_the_switch_and_for_a_lock(left):
     left.start_switch()
     left.await_trunk(1, {1, 2}, Ticks.of(3))
     with client(left, "lock"), left.shell() as one, left.shell() as other, ThreadPoolExecutor() as pool:
-        refused = pool.submit(seconds, one.configure, *join(1, 2, "active"))
+        for line in ("configure terminal", "interface gigabitEthernet 0/1"):
+            one.run(line)
+        refused = pool.submit(seconds, one.run, "channel-group 2 mode active")
         while not refused.done():
             assert seconds(other.run, "show channel-group detail")[1] < 0.5
         said, took = refused.result()
-        assert "failed" in said and 1 < took < 3
-        answers = [pool.submit(seconds, shell.configure, "lacp system-priority 9") for shell in (one, other)]
+        assert "failed" in said and 1 < took < 3 and one.prompt == "left(config-if-ge0/1)# "
+        answers = [pool.submit(seconds, one.run, "lacp port-priority 9"),
+                   pool.submit(seconds, other.configure, "lacp system-priority 9")]
         assert all("failed" in said and took < 3 for said, took in (answer.result() for answer in answers))
-        one.run("configure terminal")
-        stuck = pool.submit(one.run, "lacp system-priority 9")
+        stuck = pool.submit(one.run, "lacp port-priority 9")
         ends(left)
         assert stuck.exception()
         for signalled in (True, False):
@@ -124,8 +124,7 @@ def test_a_check_and_a_second_daemon_change_nothing(left):
     second.wait_for_output(f"process {left.daemon.pid} already serves", Ticks.LINK)
     time.sleep(2.5)  # longer than the switch keeps what a new daemon does not ask for
     assert left.trunks() == {1: {1, 2}}
-    assert second.stop() == 0
-    assert state == [left.datastore.read(module) for module in ("olt-lacp", "olt-ifm")]
+    assert second.stop() == 0 and state == [left.datastore.read(module) for module in ("olt-lacp", "olt-ifm")]
 
 
 def test_the_background(left):
@@ -155,5 +154,4 @@ def test_what_others_provoke_is_counted(left):
             if frame == 0:
                 left.daemon.wait_for_output("Msg: Parse msg error.", Ticks.LINK)
     left.daemon.wait_for_output(" more within 10 seconds", 12)
-    assert re.search(r'"Msg: Parse msg error.": \d{3,} more', left.daemon.output())
     assert left.daemon.output().count("Msg: Parse msg error.") == 21
