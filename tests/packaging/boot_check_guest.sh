@@ -42,10 +42,11 @@ elif [ $boot = 2 ]; then
   check "the configuration is saved" "shell 'configure terminal' 'interface gigabitEthernet 0/1' \
     'channel-group 1 mode active' exit 'interface gigabitEthernet 0/2' 'channel-group 3 mode active' end \
     'write memory' | grep 'Configuration saved'"
-  for unit in olt-switch lacpd; do
-    pid=$(property MainPID $unit) && kill -KILL "$pid"
-    check "$unit is back after a crash" '[ "$(property MainPID $unit)" != "$pid" ] && serves'
-  done
+  while read -r unit signal what; do
+    pid=$(property MainPID "$unit") && kill -"$signal" "$pid"
+    check "$unit is back after $what" '[ "$(property MainPID $unit)" != "$pid" ] && serves'
+  done <<<$'olt-switch KILL a crash\nlacpd KILL a crash\nlacpd STOP hanging'
+  check "its ports went on" "journalctl -b -u lacpd | grep '2 of 2 member ports go on'"
   check "the daemon stops with success" 'systemctl stop lacpd && [ "$(property Result lacpd)" = success ] && active 2'
   check "the datastore takes the switch along" \
     'systemctl stop olt-datastore && active 0 && [ "$(property Result olt-switch)" = success ]'
