@@ -178,7 +178,8 @@ void lacResume()
     for (LacPort *port : lac_ports())
         if ((resumed & lac_port_bit(port)) != 0)
             lacTxResume(port, before_of(port).actor.state);
-    printf("LACP Msg: %d of %d member ports go on as before the restart\n", std::popcount(resumed), members);
+    if (members != 0)
+        printf("LACP Msg: %d of %d member ports go on as before the restart\n", std::popcount(resumed), members);
 }
 
 void lacKeepResume()
