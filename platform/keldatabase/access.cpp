@@ -18,9 +18,6 @@ namespace
 // A handler may wait for the protocol's queue for a second per change; a writer may stand behind several others.
 constexpr std::uint32_t HANDLER_TIMEOUT_MS = 15000;
 constexpr auto RETRY_AFTER = std::chrono::milliseconds(20);
-// A reader that arrives while a writer waits for its lock can miss being woken when that writer goes on (sysrepo
-// 3.7.11). In a handler that would stop everybody until the reader's time is up, so it looks again by itself.
-constexpr std::uint32_t READ_LOCK_MS = 5;
 constexpr auto READ_FOR = std::chrono::seconds(8);
 // An operational read waits for its provider, which may stand behind a handler. Meanwhile it keeps writers out, so
 // this has to end before the readers above give up.

@@ -13,6 +13,10 @@ namespace kel
 
 using Clock = std::chrono::steady_clock;
 
+// A reader that arrives while a writer waits for its lock can miss being woken when that writer goes on (sysrepo
+// 3.7.11). In a handler that would stop everybody until the reader's time is up, so it looks again by itself.
+constexpr std::uint32_t READ_LOCK_MS = 5;
+
 // A datastore path, composed as printf does. All paths of this library fit.
 class Path
 {

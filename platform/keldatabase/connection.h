@@ -3,6 +3,8 @@
 
 #include "keldatabase/keldatabase.h"
 
+#include <chrono>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,6 +55,14 @@ std::optional<bool> run_pause();
 // What sysrepo says about the session's last failure.
 const char *last_error(sr_session_ctx_t *session, int code);
 
+// A subscribed handler. `open`: it has accepted changes of a transaction whose end it has not been told of.
+struct Subscribed {
+    const DbXpathCb *entry;
+    bool *owed; // the connection's
+    bool open = false;
+    std::chrono::steady_clock::time_point since{};
+};
+
 } // namespace kel
 
 struct KelDb::Connection {
@@ -67,6 +77,8 @@ struct KelDb::Connection {
 
   private:
     int subscribe_entry(const char *module, const DbXpathCb &entry);
+    void serve(const std::stop_token &stop, int pipe);
+    void settle();
 
     // Declared so that the subscriptions go first and the connection last.
     kel::ConnectionPtr connection_;
@@ -76,5 +88,8 @@ struct KelDb::Connection {
     bool foreign_ = false;                // another process serves the datastore; set at start
     kel::FileDescriptor subscriber_lock_; // an advisory lock; the kernel drops it with the process
     kel::SessionPtr subscriber_session_;
+    std::deque<kel::Subscribed> handlers_; // event thread
+    bool settling_owed_ = true;            // event thread
     kel::SubscriptionPtr subscription_;
+    std::jthread events_;
 };

@@ -13,7 +13,11 @@
 
 #include <sysrepo.h>
 
+#include <array>
 #include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
 
 struct DevPortInfo;
 
@@ -89,6 +93,14 @@ struct DbModuleCbs {
     const DbXpathCb *xpaths; // ended by an all-zero entry
 };
 
+// Called on the event thread, outside of every event, when transactions have ended that handlers were told of, be it
+// that they were committed, given up by somebody else or refused by a handler itself; once also at the start. What
+// the datastore then has is to be brought about. `idle` are the handlers whose last transaction has ended: what the
+// others have acted on is under way and cannot be read yet. False: something is owed, and the hook is called again
+// soon.
+using kel_db_settle = bool (*)(std::span<const sr_module_change_cb> idle);
+void db_settle_reg(kel_db_settle hook);
+
 // Subscribes every entry of every table of a null-ended list, in order. All events of all entries arrive on one
 // thread of the library, one at a time.
 int db_module_subscription_init(KelDb *db, const DbModuleCbs *const *tables);
@@ -103,6 +115,37 @@ bool db_module_claim(KelDb *db, const char *module);
 // Non-zero when no change is left; the two values are then null.
 int kel_db_get_change_next(sr_session_ctx_t *session, const char *xpath, sr_change_iter_t **iterator,
                            sr_change_oper_t *operation, sr_val_t **old_value, sr_val_t **new_value);
+
+// In a handler of olt-lacp: a group whose member list is going to be longer than the limit; 0 when there is none.
+int kel_db_group_beyond(sr_session_ctx_t *session, std::uint32_t limit);
+
+// ---- olt-lacp: the whole configuration ------------------------------------------------------------------------
+
+constexpr std::size_t KEL_DB_GROUPS = 4;
+constexpr std::size_t KEL_DB_PORTS = 8;
+
+// Texts are empty for leaves that are not there.
+struct DbLacpGroup {
+    std::string type, load_balance;
+    std::uint32_t members = 0, joined = 0; // member-port and join-port, bit (port - 1)
+};
+
+struct DbLacpPort {
+    bool link_up = false;
+    std::string mode, timeout;
+    std::uint16_t priority = 32768;
+    std::uint8_t group = 0;
+};
+
+struct DbLacpConfiguration {
+    std::array<DbLacpGroup, KEL_DB_GROUPS> groups; // entry id - 1
+    std::array<DbLacpPort, KEL_DB_PORTS> ports;    // entry port - 1
+    std::optional<std::uint16_t> system_priority;
+    std::string system_id;
+};
+
+// All of it as of one moment. Non-zero when a writer keeps the datastore busy: this read does not wait for it.
+int db_olt_lacp_get_configuration(KelDb *db, DbLacpConfiguration *configuration);
 
 // ---- olt-lacp: channel groups ---------------------------------------------------------------------------------
 

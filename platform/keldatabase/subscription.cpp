@@ -1,6 +1,8 @@
 #include "keldatabase/connection.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,9 +15,20 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace
 {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int IDLE_POLL_MS = 1000;
+constexpr int OWED_POLL_MS = 50;
+// A client that dies between change and end of its transaction leaves the handlers without the second. Longer than
+// any transaction that this library makes.
+constexpr std::chrono::seconds ENDED_WITHOUT_A_WORD(20);
+
+kel_db_settle settle_hook; // registered before the event thread starts
 
 constexpr mode_t LOCK_FILE_MODE = 0660;
 constexpr auto PREDECESSOR_ENDS = std::chrono::seconds(1);
@@ -61,14 +74,14 @@ bool lock_patiently(int descriptor)
     return true;
 }
 
-// A transaction that this process has accepted and another subscriber refused comes back reversed. Handlers know
-// changes only, so they are handed the reversal as a change of its own.
 int hand_over(sr_session_ctx_t *session, std::uint32_t id, const char *module, const char *xpath, sr_event_t event,
-              std::uint32_t request, void *entry)
+              std::uint32_t request, void *handler)
 {
-    const sr_event_t handed = event == SR_EV_ABORT ? SR_EV_CHANGE : event;
-    const int result =
-        static_cast<const DbXpathCb *>(entry)->change(session, id, module, xpath, handed, request, nullptr);
+    auto &to = *static_cast<kel::Subscribed *>(handler);
+    const int result = to.entry->change(session, id, module, xpath, event, request, nullptr);
+    to.open = event == SR_EV_CHANGE && result == 0;
+    to.since = Clock::now();
+    *to.owed |= !to.open;
     if (result == 0)
         return SR_ERR_OK;
     // For the client; sysrepo knows no other codes than its own.
@@ -84,11 +97,13 @@ int KelDb::Connection::subscribe_entry(const char *module, const DbXpathCb &entr
     sr_subscription_ctx_t *raw = subscription_.release();
     int code = SR_ERR_OK;
     if (entry.change != nullptr) {
-        code = sr_module_change_subscribe(session, module, entry.xpath, hand_over, const_cast<DbXpathCb *>(&entry), 0,
-                                          SR_SUBSCR_DEFAULT, &raw);
+        kel::Subscribed &handler = handlers_.emplace_back(kel::Subscribed{&entry, &settling_owed_});
+        code = sr_module_change_subscribe(session, module, entry.xpath, hand_over, &handler, 0, SR_SUBSCR_NO_THREAD,
+                                          &raw);
     }
     if (code == SR_ERR_OK && entry.oper_get != nullptr)
-        code = sr_oper_get_subscribe(session, module, entry.xpath, entry.oper_get, nullptr, SR_SUBSCR_DEFAULT, &raw);
+        code =
+            sr_oper_get_subscribe(session, module, entry.xpath, entry.oper_get, nullptr, SR_SUBSCR_NO_THREAD, &raw);
     subscription_.reset(raw);
     if (code != SR_ERR_OK)
         kel::complain("%s cannot be subscribed to (%s)", entry.xpath, kel::last_error(session, code));
@@ -132,11 +147,49 @@ int KelDb::Connection::subscribe(const DbModuleCbs *const *tables)
         for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry) {
             if (subscribe_entry((*tables)->module, *entry) != SR_ERR_OK) {
                 subscription_.reset();
+                handlers_.clear();
                 return kel::FAILED;
             }
         }
     }
+    int pipe = -1;
+    sr_get_event_pipe(subscription_.get(), &pipe);
+    events_ = std::jthread([this, pipe](const std::stop_token &stop) { serve(stop, pipe); });
     return 0;
+}
+
+// The library's own thread rather than sysrepo's: what follows from a transaction is done between events, where it
+// keeps neither a client nor a provider's reader waiting and can be put off.
+void KelDb::Connection::serve(const std::stop_token &stop, int pipe)
+{
+    pthread_setname_np(pthread_self(), "keldb events");
+    while (!stop.stop_requested()) {
+        pollfd event{pipe, POLLIN, 0};
+        poll(&event, 1, settling_owed_ ? OWED_POLL_MS : IDLE_POLL_MS);
+        timespec next{};
+        sr_subscription_process_events(subscription_.get(), nullptr, &next);
+        settle();
+    }
+}
+
+void KelDb::Connection::settle()
+{
+    std::vector<sr_module_change_cb> idle;
+    for (kel::Subscribed &handler : handlers_) {
+        if (handler.open && Clock::now() - handler.since > ENDED_WITHOUT_A_WORD) {
+            handler.open = false;
+            settling_owed_ = true;
+        }
+        if (!handler.open)
+            idle.push_back(handler.entry->change);
+    }
+    if (settling_owed_ && settle_hook != nullptr)
+        settling_owed_ = !settle_hook(idle);
+}
+
+void db_settle_reg(kel_db_settle hook)
+{
+    settle_hook = hook;
 }
 
 int db_module_subscription_init(KelDb *db, const DbModuleCbs *const *tables)

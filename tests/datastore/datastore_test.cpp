@@ -30,6 +30,7 @@ namespace
 
 using namespace std::chrono_literals;
 using testing::ExitedWithCode;
+const std::string PORT = "gigabitethernet 0/";
 
 // Another datastore client: a connection of its own, so that it shares no session with what is tested.
 struct Client {
@@ -46,7 +47,8 @@ struct Client {
 };
 
 // Sets leaves or (without a value) deletes nodes in one transaction of another client:
-// "G1/lacp-type=manual|P1/mode=on|G2" for groups and trunks, or with whole paths. The result is sysrepo's.
+// "G1/lacp-type=manual|P1/mode=on|G2|L1=up" for groups, trunks and links, M for member-port, or with whole paths. The
+// result is sysrepo's.
 int write(const std::string &edits)
 {
     const Client client;
@@ -57,12 +59,18 @@ int write(const std::string &edits)
         std::string path = edit.substr(0, end);
         if (edit[0] == 'G')
             path = "/olt-lacp:channel-group/group[id='" + path.insert(2, "']").substr(1);
+        if (edit[0] == 'M')
+            path = "/olt-lacp:channel-group/group[id='" + path.substr(1, 1) + "']/member-port";
+        if (edit[0] == 'L')
+            path = "/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/" + path.substr(1) +
+                   "']/interface-basic/link-status";
         if (edit[0] == 'P')
             path = "/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/" +
                    path.insert(2, "']/olt-lacp:trunk").substr(1);
         code += end == std::string::npos
                     ? sr_delete_item(client.session, path.c_str(), 0)
-                    : sr_set_item_str(client.session, path.c_str(), edit.c_str() + end + 1, nullptr, 0);
+                    : sr_set_item_str(client.session, path.c_str(),
+                                      ((edit[0] == 'M' ? PORT : "") + edit.substr(end + 1)).c_str(), nullptr, 0);
     }
     return code != 0 ? code : sr_apply_changes(client.session, 0);
 }
@@ -103,8 +111,10 @@ int command(const std::string &lines, KelDb *db = &g_lacpd_db)
         std::string name, text, mode;
         int one = 0;
         words >> name;
-        if (name == "write")
-            return write(line.substr(name.size() + 1));
+        if (name == "write") {
+            code = write(line.substr(line.find("write") + name.size() + 1));
+            continue;
+        }
         words >> one >> text >> mode;
         const int two = std::atoi(text.c_str());
         const auto number = static_cast<std::uint16_t>(name == "system" ? one : two);
@@ -127,9 +137,9 @@ int command(const std::string &lines, KelDb *db = &g_lacpd_db)
 }
 
 // Another process's subscriber. It refuses a transaction, by number: before the daemon knows of it, or late, what
-// goes to module olt-lacp, when the daemon has put a member into group 1.
+// goes to one module, when the daemon has acted on a part.
 struct Subscriber : Client {
-    Subscriber(std::size_t number, bool is_late) : refused(number), late(is_late)
+    Subscriber(std::size_t number, const char *late_module) : refused(number), late(late_module)
     {
         const auto told = [](sr_session_ctx_t *, std::uint32_t, const char *module, const char *, sr_event_t event,
                              std::uint32_t transaction, void *itself) -> int {
@@ -137,26 +147,28 @@ struct Subscriber : Client {
             if (event == SR_EV_CHANGE)
                 self.seen.insert(transaction);
             if (event != SR_EV_CHANGE || self.seen.size() != self.refused ||
-                (self.late && strcmp(module, "olt-ifm") == 0))
+                (self.late != nullptr && strcmp(module, self.late) != 0))
                 return 0;
-            for (std::uint32_t members = 0; self.late && members == 0;)
+            for (std::uint32_t members = 0; self.late != nullptr && members == 0 && Lac_Queue.count() == 0;)
                 get_channel_group_port_list(1, &members);
             return SR_ERR_OPERATION_FAILED;
         };
         for (const char *module : {"olt-ifm", "olt-lacp"})
-            EXPECT_EQ(sr_module_change_subscribe(session, module, nullptr, told, this, late ? 0 : 1, 0, &context), 0);
+            EXPECT_EQ(sr_module_change_subscribe(session, module, nullptr, told, this, late != nullptr ? 0 : 1, 0,
+                                                 &context),
+                      0);
     }
     ~Subscriber() { sr_unsubscribe(context); }
 
     const std::size_t refused;
-    const bool late;
+    const char *const late;
     std::set<std::uint32_t> seen; // transactions
     sr_subscription_ctx_t *context = nullptr;
 };
 
 std::string asked;
 
-// Members (bits) of the groups in the engine's table; of each port with LACP "; PORT: SYSTEM-PRIORITY KEY PRIORITY
+// Members (bits) of the groups in the engine's table; of each port with LACP "; PORT: SYSTEM-PRIORITY GROUP PRIORITY
 // STATE", of the state activity (1) and timeout (2); the driver's requests since the last expectation "| ID FIELDS".
 std::string engine()
 {
@@ -172,7 +184,8 @@ std::string engine()
         if (port->lacp_enabled != 1)
             continue;
         text += "; " + std::to_string(port->port_no) + ":";
-        for (const int value : {int{info.system_priority}, int{info.key}, int{info.port_priority}, info.state & 3})
+        for (const std::uint32_t value : {std::uint32_t{info.system_priority}, port->channel_group_id.get(),
+                                          std::uint32_t{info.port_priority}, info.state & 3U})
             add(text, value);
     }
     for (const fake::Message &message : fake::take_messages()) {
@@ -184,6 +197,7 @@ std::string engine()
 }
 
 const auto state = +[] { return configured() + "#" + engine(); };
+const auto but_for_requests = +[] { return state().substr(0, state().find(" |")); };
 
 // The datastore's thread works on its own time.
 void expect(const std::string &expected, std::string (*read)())
@@ -378,9 +392,11 @@ struct HandlersTest : testing::Test {
 constexpr struct {
     const char *before; // or nothing: the line goes on from the one above
     const char *lines;
-    const char *undone; // a refusal of one of these transactions leaves everything as it was; letters: a late one
-    std::size_t transactions;
-    const char *after; // all of it, or of the engine only
+    // A refusal of one of these transactions leaves everything as it was; letters: a late one, of what goes to module
+    // olt-lacp or (capital) olt-ifm; "?": the daemon refuses.
+    const char *undone;
+    std::size_t transactions = 0;
+    const char *after = ""; // all of it, or of the engine only
 } ROWS[] = {
     {"", "link 1 up; add 1 1 on; add 3 1 on", "1", 6, " 5 0 0 0 | 10 1 9 1 1"},
     {nullptr, "link 3 up", "", 1, " 5 0 0 0 | 10 1 9 5 2"},
@@ -404,35 +420,73 @@ constexpr struct {
     {"add 1 1 on; add 2 1 on", "del 1 1", "1", 2, "P2/on;P2/1;G1/manual;G1/2;# 2 0 0 0"},
     {"add 1 1 on", "del 1 1; add 1 1 active", "1", 6, "P1/active;P1/1;G1/dynamic;# 0 0 0 0; 1: 32768 1 32768 1"},
     {"balance 4 src-ip; add 1 4 active", "del 1 4", "1", 4, "G4/src-ip;# 0 0 0 0"},
-    {"add 1 2 active; member 2 1", "del 1 2", "1", 4, "# 0 0 0 0"}, // nobody detaches it
+    {"add 1 2 active", "member 2 1; del 1 2", "1", 5, "# 0 0 0 0"}, // nobody detaches it
     {"balance 1 src-dst-ip; add 1 1 passive", "add 1 2 active", "123567", 7,
      "P1/active;P1/2;G1/src-dst-ip;G2/dynamic;# 0 0 0 0; 1: 32768 2 32768 1"},
     {"add 1 1 on; add 2 1 on", "add 1 2 on", "12345", 5,
      "P1/on;P1/2;P2/on;P2/1;G1/manual;G1/2;G2/manual;G2/1;# 2 1 0 0"},
-    {"add 1 2 active", "member 2 2; member 2 2; member 2 1; no-member 2 2", "1", 3,
-     "P1/active;P1/2;G2/dynamic;G2/1;# 0 1 0 0; 1: 32768 2 32768 1"},
+    // A member that the engine has not put there goes again.
+    {"add 1 2 active", "member 2 2; member 2 2; member 2 1; no-member 2 2", "1", 4,
+     "P1/active;P1/2;G2/dynamic;# 0 0 0 0; 1: 32768 2 32768 1"},
     {"", "priority 1 100; timeout 2 short; balance 3 dst-mac; link 3 up; interface 3", "1", 5,
      "P1/priority=100;P2/timeout=short;G3/dst-mac;# 0 0 0 0"},
     {"", "priority 2 100; system 77; add 2 2 passive; timeout 2 short", "1", 6, " 0 0 0 0; 2: 77 2 100 2"},
     {nullptr, "link 2 up; member 2 2; no-member 2 2", "", 3, " 0 0 0 0; 2: 77 2 100 2 | 10 2 9 2 1 | 11 2"},
     {nullptr, "del 2 2; add 2 2 passive", "", 6, " 0 0 0 0; 2: 77 2 100 2"},
     {nullptr, "add 2 2 active", "", 1, " 0 0 0 0; 2: 77 2 100 3"},
+    // Whole edits of another client.
+    {"", "write G1/lacp-type=manual|M1=1|M1=2", "1a", 1, " 3 0 0 0"},
+    {nullptr, "link 1 up; link 2 up", "", 2, " 3 0 0 0 | 10 1 9 1 1 | 10 1 9 3 2"},
+    {nullptr, "write M1", "1", 1, " 0 0 0 0 | 10 1 9 2 1 | 11 1"},
+    {nullptr, "write M1=1|M1=2|M1=3|M1=4|M1=5", "?"},
+    {nullptr, "write M1=1", "", 1, " 1 0 0 0 | 10 1 9 1 1"},
+    {nullptr, "write G1/load-balance=src-ip|P5/timeout=short", "1", 1, " 1 0 0 0 | 12 1 0"},
+    {nullptr, "write M1|G3/lacp-type=manual|M3=1|P1/channel-group=3", "1", 1, " 0 0 1 0 | 11 1 | 10 3 9 1 1"},
+    {nullptr, "write M1=1", "?"},
+    {nullptr, "write M1=7", "?"}, // there is no such interface
+    {nullptr, "write G1/load-balance|M1=2|M1=3|M1=4|M1=5", "", 1, " 30 0 1 0 | 10 1 9 2 1"},
+    {nullptr, "write G1/load-balance=dst-ip", "", 1, " 30 0 1 0 | 12 1 1"},
+    {nullptr, "write M3|G1/load-balance|M1=1", "?"}, // five behind a deletion
+    {nullptr, "write M1; write M1=2; write G3/lacp-type|M3|M1=1", "", 3,
+     " 3 0 0 0 | 11 1 | 10 1 1 2 1 | 10 1 1 3 2 | 11 3 | 10 1 1 3 2"}, // in two trunks for a moment
+    {nullptr, "write M1|G3/lacp-type=manual|M3=1", "", 1, " 0 0 1 0 | 10 1 1 2 1 | 11 1 | 10 3 9 1 1"},
+    {nullptr, "write G3/lacp-type|M3; write G3/lacp-type=dynamic|P1/mode=passive", "", 2,
+     " 0 0 0 0; 1: 32768 3 32768 0 | 11 3"},
+    {"", "write L1=up|L2=up|G1/lacp-type=manual|M1=1|M1=2; write L1=down|L2=down", "", 2,
+     " 3 0 0 0 | 10 1 9 1 1 | 10 1 9 3 2 | 10 1 9 2 1 | 11 1"},
+    {"add 2 2 active; system 7",
+     "write /olt-lacp:global-configuration/system-priority=77|P2/timeout=short|P2/priority=9|P2/mode=passive|"
+     "G2/load-balance=dst-ip|P3/channel-group=2|G1/lacp-type=manual|M1=1",
+     "1aA", 1, " 1 0 0 0; 2: 77 2 9 2; 3: 77 2 32768 1"},
+    {nullptr,
+     "write /olt-lacp:global-configuration/system-priority|P2/timeout|P2/priority|P2/mode|G2/load-balance|"
+     "P3/channel-group",
+     "1", 1, " 1 0 0 0; 2: 32768 2 32768 1"},
+    {nullptr, "write G2/join-port=gigabitethernet 0/2", "", 1, " 1 0 0 0; 2: 32768 2 32768 1"},
+    {nullptr, "write G2/join-port", "1a", 1, " 1 0 0 0; 2: 32768 0 32768 1"}, // it has taken the number along
 };
 
 TEST_F(HandlersTest, LinesDoWhatTheySayOrNothing)
 {
     for (const auto &row : ROWS) {
-        for (const char refused : std::string(row.undone) + "-") {
+        for (const char refused : row.undone == std::string("?") ? "?" : std::string(row.undone) + "-") {
             SCOPED_TRACE(std::string(row.lines) + ", transaction refused: " + refused);
             if (row.before != nullptr) {
                 lacp_database_clear(&g_lacpd_db);
                 ASSERT_EQ(command("link 1; link 2; link 3"), 0);
+                engine();
+                asked.clear();
                 ASSERT_EQ(command(row.before), 0);
             }
             const std::string before = state();
-            const Subscriber subscriber(refused & 15, refused >= 'a'); // number 13 is not met
+            const char *const late = refused >= 'a' ? "olt-lacp" : refused >= 'A' ? "olt-ifm" : nullptr;
+            const Subscriber subscriber(refused & 15, late); // numbers 13 and 15 are not met
             EXPECT_EQ(command(row.lines) == 0, refused == '-');
-            expect(refused == '-' ? row.after : before, refused == '-' && row.after[0] == ' ' ? engine : state);
+            const auto undone = refused <= '9' ? state : but_for_requests; // the trunk may have come and gone
+            if (refused == '-')
+                expect(row.after, row.after[0] == ' ' ? engine : state);
+            else
+                expect(before, undone);
             ASSERT_TRUE(refused != '-' || subscriber.seen.size() == row.transactions) << subscriber.seen.size();
             ASSERT_FALSE(HasFailure());
         }
@@ -483,12 +537,12 @@ TEST_F(HandlersTest, LeavingWaitsForTheDaemon)
 // The link handler reads a port's group while its members change and a shell reads; first there is a foreign lock.
 TEST_F(HandlersTest, NobodyWaitsInVain)
 {
-    ASSERT_EQ(command("add 1 1 active; link 1 up"), 0);
+    ASSERT_EQ(command("add 1 1 on; link 1 up; add 2 2 active"), 0);
     Client holder;
     ASSERT_EQ(sr_lock(holder.session, "olt-lacp", 0), 0);
     std::atomic<int> running = 2;
     std::vector<std::jthread> threads;
-    for (const char *lines : {"member 1 1; no-member 1 1; balance 3 src-ip; balance 3 dst-ip", "link 1; link 1 up"})
+    for (const char *lines : {"no-member 1 1; member 1 1; balance 3 src-ip; balance 3 dst-ip", "link 1; link 1 up"})
         threads.emplace_back([&, lines] {
             for (int round = 0; round < 200; ++round) {
                 const auto started = std::chrono::steady_clock::now();
@@ -500,7 +554,18 @@ TEST_F(HandlersTest, NobodyWaitsInVain)
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(sr_unlock(holder.session, "olt-lacp"), 0);
     for (; running > 0; engine())
-        EXPECT_EQ(command("add 1 1 active"), 0);
+        EXPECT_EQ(command("add 2 2 active"), 0);
+}
+
+// What the datastore took has found no room in the queue; it is sent when there is some.
+TEST_F(HandlersTest, WhatFindsNoRoomIsSentLater)
+{
+    ASSERT_EQ(command("add 2 2 passive; write M2=3"), 0);
+    expect(" 0 0 0 0; 2: 32768 2 32768 0", engine);
+    while (Lac_Queue.push({1, LAC_Q_LACP_ON, 0, 0}))
+        ;
+    ASSERT_EQ(command("write P2/mode|M2=3"), 0);
+    expect(" 0 0 0 0; 2: 32768 2 32768 1", engine);
 }
 
 } // namespace

@@ -284,6 +284,9 @@ DB(db_olt_lacp_set_group_member_port, (int g, KelDb *, Text port, Size size, Siz
    size == 32 && count == 1 ? change_member(true, g, port + strlen("gigabitethernet 0/")) : write(port))
 DB(db_olt_lacp_del_group_member_port, (int g, int, Size port, KelDb *), change_member(false, g, std::to_string(port)))
 DB(db_olt_lacp_show_xml_group_id, (KelDb *, char **out), stored("xml").empty() ? -1 : (*out = strdup("<xml/>\n"), 0))
+void db_settle_reg(kel_db_settle) {}
+DB(kel_db_group_beyond, (sr_session_ctx_t *, std::uint32_t), 0)
+DB(db_olt_lacp_get_configuration, (KelDb *, DbLacpConfiguration *), -1)
 DB(db_module_subscription_init, (KelDb *, const DbModuleCbs *const *tables), [tables]() mutable {
     for (; *tables != nullptr; ++tables)
         for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry)

@@ -9,9 +9,31 @@
 #include "frr/frr.hpp"
 #include "sclient/sclient.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <type_traits>
+
+static PortTold told[LAC_MAX_PORTS];
+static std::uint16_t told_system_priority = LAC_DEFAULT_PRIORITY;
+static std::optional<Mac> told_system_mac; // none: what the records began with
+
+const PortTold &lacp_told(std::uint32_t port)
+{
+    return told[(port - 1) % LAC_MAX_PORTS];
+}
+
+std::uint16_t lacp_told_system_priority()
+{
+    return told_system_priority;
+}
+
+Mac lacp_told_system_mac()
+{
+    return told_system_mac.value_or(lacSystem == nullptr ? Mac{} : lacSystem->system_mac.get());
+}
 
 // ---- protocol start -------------------------------------------------------------------------------------------
 
@@ -25,7 +47,9 @@ int dynamic_channel_init()
 {
     lacpCtrl = LacpCtrl{};
     lacpCtrl.channel_group_max = static_cast<std::uint32_t>(CHANNEL_GROUP_MAX_NUM);
-    lacpCtrl.system_priority = LAC_DEFAULT_PRIORITY;
+    lacpCtrl.system_priority = told_system_priority = LAC_DEFAULT_PRIORITY;
+    told_system_mac.reset();
+    std::fill(std::begin(told), std::end(told), PortTold{});
     lacpCtrl.port_count = intf.last_uplink_port;
     for (std::uint32_t port = intf.first_uplink_port;
          port >= 1 && port <= intf.last_uplink_port && port <= LAC_MAX_PORTS; ++port) {
@@ -191,6 +215,15 @@ static int send_attribute(const char *sender, LacAttribute<Value> attribute, std
     return lacNoToPort(port_no) == nullptr ? missing : lacWaitAndSend(sender, attribute.code, value, port_no);
 }
 
+// Notes what an existing port has been told.
+template <typename Field, typename Value>
+static int note(int result, std::uint32_t port_no, Field PortTold::*field, Value value)
+{
+    if (result == LAC_OK && lacNoToPort(port_no) != nullptr)
+        told[(port_no - 1) % LAC_MAX_PORTS].*field = static_cast<Field>(value);
+    return result;
+}
+
 static LacPort *port_when_sent(int result, std::uint32_t port_no)
 {
     return result == LAC_OK ? lacNoToPort(port_no) : nullptr;
@@ -203,7 +236,8 @@ int update_lacp_select_port(int port, std::uint32_t group)
 
 LacPort *set_lacp_channel_group_id(std::uint32_t port, std::uint32_t group)
 {
-    return port_when_sent(send_attribute("set_lacp_channel_group_id", LAC_PORT_GROUP, port, group), port);
+    const int result = send_attribute("set_lacp_channel_group_id", LAC_PORT_GROUP, port, group);
+    return port_when_sent(note(result, port, &PortTold::number, group), port);
 }
 
 int get_lacp_port_individual(std::uint32_t port_no)
@@ -225,41 +259,52 @@ LacPort *set_lacp_port_oper_key(std::uint32_t port, std::uint16_t key)
 
 int set_lacp_port_priority(int, std::uint32_t port, std::uint16_t priority)
 {
-    return send_attribute("set_lacp_port_priority", LAC_PORT_PRIORITY, port, priority, LAC_NO_OBJECT);
+    return note(send_attribute("set_lacp_port_priority", LAC_PORT_PRIORITY, port, priority, LAC_NO_OBJECT), port,
+                &PortTold::priority, priority);
 }
 
 int set_lacp_port_mode(int, std::uint32_t port, std::uint8_t mode)
 {
-    return send_attribute("set_lacp_port_mode", LAC_PORT_MODE, port, mode);
+    return note(send_attribute("set_lacp_port_mode", LAC_PORT_MODE, port, mode), port, &PortTold::passive,
+                (mode & 1) == 0);
 }
 
 int set_lacp_port_timeout(int, std::uint32_t port, std::uint32_t timeout)
 {
-    return send_attribute("set_lacp_port_timeout", LAC_PORT_TIMEOUT, port, timeout, LAC_OK);
+    return note(send_attribute("set_lacp_port_timeout", LAC_PORT_TIMEOUT, port, timeout, LAC_OK), port,
+                &PortTold::short_timeout, timeout == 1);
 }
 
 int set_lacp_port_state(std::uint32_t port, std::uint32_t state)
 {
-    return send_attribute("set_lacp_port_state", LAC_PORT_STATE, port, state);
+    const int result = send_attribute("set_lacp_port_state", LAC_PORT_STATE, port, state);
+    return note(result, port, &PortTold::group, state == 1 ? lacp_told(port).number : 0);
 }
 
 int set_lacp_port_enable(int port)
 {
-    return lacWaitAndSend("set_lacp_port_enable", LAC_Q_PORT_ENABLE, 0, static_cast<std::uint64_t>(port));
+    const auto number = static_cast<std::uint32_t>(port);
+    const int result = lacWaitAndSend("set_lacp_port_enable", LAC_Q_PORT_ENABLE, 0, number);
+    return note(result, number, &PortTold::group, lacp_told(number).number);
 }
 
 int set_lacp_system_priority(std::uint16_t priority)
 {
     if (lacSystem == nullptr)
         return LAC_REFUSED;
-    return lacWaitAndSend("set_lacp_system_priority", LAC_Q_SYSTEM_PRIORITY, priority, 0);
+    const int result = lacWaitAndSend("set_lacp_system_priority", LAC_Q_SYSTEM_PRIORITY, priority, 0);
+    told_system_priority = result == LAC_OK ? priority : told_system_priority;
+    return result;
 }
 
 int set_lacp_system_mac(const Mac &mac)
 {
     if (lacSystem == nullptr)
         return LAC_REFUSED;
-    return lacWaitAndSend("set_lacp_system_mac", LAC_Q_SYSTEM_ID, PublishedMac::pack(mac), 0);
+    const int result = lacWaitAndSend("set_lacp_system_mac", LAC_Q_SYSTEM_ID, PublishedMac::pack(mac), 0);
+    if (result == LAC_OK)
+        told_system_mac = mac;
+    return result;
 }
 
 // ---- after a loss of the driver service --------------------------------------------------------------------------

@@ -36,6 +36,18 @@ int update_lacp_select_port(int port, std::uint32_t group);
 
 // ---- port and system attributes -------------------------------------------------------------------------------
 
+// What the dispatcher was last told of a port: it will have it when it has read its queue. Event thread.
+struct PortTold {
+    std::uint32_t group = 0;  // the dynamic group that it was sent to; 0: LACP off
+    std::uint32_t number = 0; // its group number
+    std::uint16_t priority = LAC_DEFAULT_PRIORITY;
+    bool passive = false;
+    bool short_timeout = false;
+};
+const PortTold &lacp_told(std::uint32_t port);
+std::uint16_t lacp_told_system_priority();
+Mac lacp_told_system_mac();
+
 LacPort *set_lacp_channel_group_id(std::uint32_t port, std::uint32_t group); // null: no such port, or not queued
 int get_lacp_port_individual(std::uint32_t port);                            // -1: no such port
 int get_lacp_port_state(std::uint32_t port);

@@ -81,6 +81,9 @@ static void run_machines(LacQueueMsg &message)
     case LAC_Q_RESUME:
         lacResume();
         break;
+    case LAC_Q_GROUP_LIST:
+        lacMemberListChanged(port_no);
+        break;
     case LAC_Q_PDU:
         dispatch_pdu(message);
         break;
@@ -107,6 +110,6 @@ void lacDispatch(LacQueueMsg &message)
     if (lacStandsStill(message))
         return;
     run_machines(message);
-    settle_members(message.code == LAC_Q_TICK);
+    settle_members(message.code == LAC_Q_TICK || message.code == LAC_Q_GROUP_LIST);
     lacFollowResume();
 }

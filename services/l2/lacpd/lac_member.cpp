@@ -1,5 +1,6 @@
 #include "lac_member.h"
 
+#include "channel_group.h"
 #include "lac_port.h"
 
 #include "keldatabase/keldatabase.h"
@@ -51,18 +52,24 @@ int remove(const LacPort *port, std::uint32_t group)
 class Round
 {
   public:
+    // A group that is not dynamic any more has lost its list, or has one that is not ours.
     void take_out(LacPort *port)
     {
-        const int result = may_write() ? remove(port, port->member_written) : KEL_DB_BUSY;
+        std::uint32_t type = CHANNEL_GROUP_UNSET;
+        get_channel_group_type(static_cast<int>(port->member_written), &type);
+        const int result = type == CHANNEL_GROUP_MANUAL ? KEL_DB_NOT_THERE
+                           : may_write()                ? remove(port, port->member_written)
+                                                        : KEL_DB_BUSY;
         note(result);
         const bool gone = result == 0 || result == KEL_DB_NOT_THERE;
-        port->member_written = gone ? 0 : port->member_written;
+        port->member_written = gone ? 0 : port->member_written.get();
         port->member_tries = gone ? 0 : 1; // what it stays in may go by itself, with the group's entry
     }
 
     // True when the port is barred now.
     bool put_in(LacPort *port, std::uint32_t group)
     {
+        port->member_written = group; // a client may take it out before this write has come back
         const int result = may_write() ? add(port, group) : KEL_DB_BUSY;
         note(result);
         port->member_written = result == 0 || result == KEL_DB_BUSY ? group : 0;
@@ -87,7 +94,52 @@ class Round
     std::uint64_t began_ms_ = lac_now_ms();
 };
 
+// Groups, as bits, whose lists are to be read: somebody else has changed them.
+std::uint32_t lists_due;
+
+std::uint32_t named_ports(char **names, std::uint32_t count)
+{
+    std::uint32_t ports = 0;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        int slot = 0;
+        unsigned port = 0;
+        if (sscanf(names[i], "gigabitethernet %d/%u", &slot, &port) == 2)
+            ports |= 1U << ((port - 1) % 32);
+    }
+    return ports;
+}
+
+// What a list has counts as written, whoever wrote it. A port is in one list at most.
+void read_list(std::uint32_t group)
+{
+    char **names = nullptr;
+    std::uint32_t count = 0;
+    if (db_olt_lacp_get_group_member_port(static_cast<int>(group), &g_lacpd_db, &names, &count) != 0)
+        return;
+    const std::uint32_t list = named_ports(names, count);
+    db_free_string_array_val(names, count);
+    lists_due &= ~(1U << group);
+    lac_note_change();
+    for (LacPort *port : lac_ports()) {
+        const bool is_in = (list & lac_port_bit(port)) != 0;
+        if (is_in || port->member_written == group)
+            port->member_written = is_in ? group : 0;
+    }
+}
+
+void read_lists_due()
+{
+    for (int group = 1; group <= CHANNEL_GROUP_MAX_NUM; ++group)
+        if ((lists_due >> group & 1) != 0)
+            read_list(static_cast<std::uint32_t>(group));
+}
+
 } // namespace
+
+void lacMemberListChanged(std::uint32_t group)
+{
+    lists_due |= 1U << (group % 32);
+}
 
 std::uint32_t lacMemberWanted(const LacPort *port)
 {
@@ -106,6 +158,8 @@ bool lacMemberOwed(const LacPort *port)
 std::uint32_t lacSettleMembers(bool retry)
 {
     std::uint32_t due = 0;
+    if (retry)
+        read_lists_due();
     for (LacPort *port : lac_ports()) {
         const std::uint32_t wanted = lacMemberWanted(port);
         if (!is_certain(port, wanted) && (retry || wanted != port->member_wanted))

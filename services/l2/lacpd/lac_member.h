@@ -11,6 +11,10 @@ std::uint32_t lacMemberWanted(const LacPort *port);
 // Whether the list may differ from what the port wants.
 bool lacMemberOwed(const LacPort *port);
 
+// Somebody else has changed the list of a dynamic group: it is read by the next call with `retry`, and what it should
+// have is written again.
+void lacMemberListChanged(std::uint32_t group);
+
 // Writes what has come to differ; with `retry` also what was refused before. Once per dispatcher message, when its
 // machines have run. Returns the ports, as a mask, whose write was refused for good. They are barred: their groups
 // have to be selected again, and what follows from that be settled by another call.

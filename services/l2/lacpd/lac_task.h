@@ -24,6 +24,7 @@ enum LacQueueCode : std::uint64_t {
     LAC_Q_SYSTEM_PRIORITY = 23,
     LAC_Q_SYSTEM_ID = 24,
     LAC_Q_RESUME = 25,
+    LAC_Q_GROUP_LIST = 26, // a dynamic group's member list has been changed by somebody else
     LAC_Q_PDU = 0xFBFBFBFB,
     LAC_Q_TICK = 0xFCFCFCFC,
 };

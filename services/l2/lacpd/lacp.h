@@ -280,10 +280,10 @@ struct LacPort {
     bool waits_selected;      // lac_mux: the wait_while count runs for a SELECTED port, and is not started over
 
     // lac_member: the groups whose member-port list is to have the port, and may have it; 0 for none.
-    std::uint32_t attached_group; // lac_mux: where it was attached, whatever channel_group_id says by now
-    std::uint32_t member_wanted;  // as of the last attempt to write
-    std::uint32_t member_written;
-    std::uint32_t member_tries;  // refused so far; 0: what is written is certain
+    std::uint32_t attached_group;            // lac_mux: where it was attached, whatever channel_group_id says by now
+    std::uint32_t member_wanted;             // as of the last attempt to write
+    Published<std::uint32_t> member_written; // the event thread compares it with the lists
+    std::uint32_t member_tries;              // refused so far; 0: what is written is certain
     std::uint32_t member_barred; // ticks for which the port still stands by, since its write was refused for good
     std::uint32_t member_bar;    // and for which it did so last
 };

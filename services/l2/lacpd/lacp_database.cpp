@@ -1,10 +1,13 @@
 #include "lacp_database.h"
 
 #include "channel_group.h"
+#include "channel_group_plan.h"
 #include "lacp_database_cb.h"
 #include "lacp_operational.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <span>
 
 KelDb g_lacpd_db;
 
@@ -56,9 +59,30 @@ void lacp_database_init(KelDb *db)
                result);
 }
 
+// Handlers act on single changes, stop at the first deletion and do not learn what became of them. So whatever a
+// transaction was, and whether it was committed or given up, what the datastore has behind it is brought about here.
+static bool settle(std::span<const sr_module_change_cb> idle)
+{
+    DbLacpConfiguration configured;
+    if (db_olt_lacp_get_configuration(&g_lacpd_db, &configured) != 0)
+        return false;
+    const std::pair<sr_module_change_cb, bool (*)(const DbLacpConfiguration &)> parts[] = {
+        {lacp_channel_group_cb, settle_groups},
+        {lacp_port_uplink_change_cb, settle_links},
+        {lacp_interface_trunk_cb, settle_ports},
+        {lacp_global_configuration_cb, settle_system},
+    };
+    bool done = true;
+    for (const auto &[handler, settle_part] : parts)
+        if (std::ranges::find(idle, handler) != idle.end())
+            done &= settle_part(configured);
+    return done;
+}
+
 int lacp_database_subs(KelDb *db)
 {
     const DbModuleCbs *const tables[] = {&lacp_cbs, &ifm_lacp_cbs, nullptr};
+    db_settle_reg(settle);
     const int result = db_module_subscription_init(db, tables);
     if (result != 0)
         fprintf(stderr, "LACP Msg: LACPD subscription callback func %s! ret = %d\n", "failed", result);

@@ -59,13 +59,13 @@ std::string_view text_of(const sr_val_t *value)
 
 struct PortName {
     int slot = 0;
-    int port = 0;
+    std::uint32_t port = 0;
 };
 
 PortName port_name_of(const sr_val_t *value)
 {
     PortName name;
-    sscanf(text_of(value).data(), "gigabitethernet %d/%d", &name.slot, &name.port);
+    sscanf(text_of(value).data(), "gigabitethernet %d/%u", &name.slot, &name.port);
     return name;
 }
 
@@ -102,35 +102,6 @@ int report_failure(const char *leaf, int result)
 
 // ---- channel groups -------------------------------------------------------------------------------------------
 
-// A request that could not be sent reaches the driver service when it is there again. The change stands in the table
-// by then, so it is accepted: the datastore and the table must not part.
-int accept_unsent(int result, int group, std::uint32_t port, bool member)
-{
-    std::uint32_t list = 0;
-    if (result != LAC_FAILED || get_channel_group_port_list(group, &list) != LAC_OK)
-        return result;
-    const bool is_member = (list >> ((port - 1) % 32) & 1) != 0;
-    return is_member == member ? LAC_OK : result;
-}
-
-int add_member(int group, const sr_val_t *value)
-{
-    const PortName name = port_name_of(value);
-    const int result = set_channel_group_add_port(group, name.slot, static_cast<std::uint32_t>(name.port));
-    printf("LACP Msg: interface %d/%d is %s added to channel-group %d!\n", name.slot, name.port,
-           result == LAC_OK ? "OK" : "falied", group);
-    return accept_unsent(result, group, static_cast<std::uint32_t>(name.port), true);
-}
-
-int remove_member(int group, const sr_val_t *value)
-{
-    const PortName name = port_name_of(value);
-    const int result = set_channel_group_del_port(group, name.slot, static_cast<std::uint32_t>(name.port));
-    printf("LACP Msg: interface %d/%d is %s remove from channel-group %d!\n", name.slot, name.port,
-           result == LAC_OK ? "OK" : "failed", group);
-    return accept_unsent(result, group, static_cast<std::uint32_t>(name.port), false);
-}
-
 int change_group_leaf(const ChangeWalk &walk)
 {
     const sr_val_t *value = walk.new_value();
@@ -145,8 +116,10 @@ int change_group_leaf(const ChangeWalk &walk)
     }
     if (name == "load-balance")
         return report_failure(leaf, set_channel_group_load_balance_str(group, text_of(value).data()));
-    if (name == "member-port")
-        return report_failure(leaf, add_member(group, value));
+    if (name == "member-port") {
+        const PortName port = port_name_of(value);
+        return report_failure(leaf, add_member(group, port.slot, port.port));
+    }
     if (name == "join-port" || name == "id")
         return LAC_OK;
     printf("'%s' is not belong to channel group configuration!\n", leaf);
@@ -154,13 +127,6 @@ int change_group_leaf(const ChangeWalk &walk)
 }
 
 // ---- global configuration -------------------------------------------------------------------------------------
-
-int set_system_id(const char *text)
-{
-    Mac mac = lacSystem == nullptr ? Mac{} : lacSystem->system_mac.get();
-    sscanf(text, "%02hhx%02hhx.%02hhx%02hhx.%02hhx%02hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]);
-    return set_lacp_system_mac(mac);
-}
 
 int change_global_leaf(const ChangeWalk &walk)
 {
@@ -170,7 +136,7 @@ int change_global_leaf(const ChangeWalk &walk)
     printf("leaf %s\n", leaf);
     const std::string_view name = leaf;
     if (name == "system-id")
-        return report_failure(leaf, set_system_id(text_of(value).data()));
+        return report_failure(leaf, change_system_id(text_of(value).data()));
     if (name == "system-priority")
         return report_failure(leaf, set_lacp_system_priority(value->data.uint16_val));
     printf("'%s' is not belong to lacp global configuration!\n", leaf);
@@ -191,15 +157,6 @@ struct TrunkLeaf {
     }
 };
 
-// A deletion changes nothing in a running port; a later join must not take the leaf's last value for new.
-int trunk_leaf_deleted(const sr_val_t *old_value)
-{
-    const TrunkLeaf leaf(old_value);
-    if (strcmp(leaf.name, "mode") == 0)
-        forget_mode(leaf.port);
-    return LAC_OK;
-}
-
 int change_trunk_leaf(const ChangeWalk &walk)
 {
     const sr_val_t *value = walk.new_value();
@@ -216,7 +173,7 @@ int change_trunk_leaf(const ChangeWalk &walk)
         const std::uint32_t old_group = walk.old_value() == nullptr ? 0 : walk.old_value()->data.uint8_val;
         result = change_channel_group(port, old_group, value->data.uint8_val);
     } else if (name == "mode") {
-        result = change_mode(port, text_of(value));
+        result = set_lacp_port_mode(slot, port, text_of(value) == "passive" ? 0 : 1);
     } else if (name == "priority") {
         result = set_lacp_port_priority(slot, port, value->data.uint16_val);
     } else if (name == "timeout") {
@@ -271,19 +228,34 @@ int lacp_channel_group_del_cb(const sr_val_t *old_value)
     snprintf(join_path, sizeof(join_path), "/olt-lacp:channel-group/group[id='%d']/join-port", group);
     snprintf(group_path, sizeof(group_path), "/olt-lacp:channel-group/group[id='%d']", group);
     const std::string_view path = old_value->xpath;
-    if (path == member_path)
-        return remove_member(group, old_value);
+    if (path == member_path) {
+        const PortName port = port_name_of(old_value);
+        return remove_member(group, port.slot, port.port);
+    }
     if (path == group_path)
         return remove_group(group);
     if (path == join_path)
-        set_lacp_channel_group_id(static_cast<std::uint32_t>(port_name_of(old_value).port), 0);
+        set_lacp_channel_group_id(port_name_of(old_value).port, 0);
     return LAC_OK;
+}
+
+// Members that come behind a deletion are not looked at one by one; more than a list has room for are refused here.
+static int refuse_overfull(sr_session_ctx_t *session)
+{
+    const int group = kel_db_group_beyond(session, CHANNEL_GROUP_MAX_PORTS);
+    if (group == 0)
+        return LAC_OK;
+    printf("LACP Msg: The number of ports in channel-group %d has already reached the maximum!\n", group);
+    return LAC_BAD_ARGUMENT;
 }
 
 int lacp_channel_group_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath, sr_event_t event,
                           std::uint32_t, void *)
 {
-    return walk_changes(session, xpath, event, change_group_leaf, lacp_channel_group_del_cb);
+    return walk_changes(session, xpath, event, change_group_leaf, [session](const sr_val_t *old_value) {
+        const int result = lacp_channel_group_del_cb(old_value);
+        return result == LAC_OK ? refuse_overfull(session) : result;
+    });
 }
 
 int lacp_global_configuration_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
@@ -295,7 +267,7 @@ int lacp_global_configuration_cb(sr_session_ctx_t *session, std::uint32_t, const
 int lacp_interface_trunk_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
                             sr_event_t event, std::uint32_t, void *)
 {
-    return walk_changes(session, xpath, event, change_trunk_leaf, trunk_leaf_deleted);
+    return walk_changes(session, xpath, event, change_trunk_leaf, ignore_deletion);
 }
 
 int lacp_port_uplink_change_cb(sr_session_ctx_t *session, std::uint32_t, const char *, const char *xpath,
