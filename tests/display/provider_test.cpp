@@ -109,6 +109,10 @@ TEST_F(Provider, EveryLeafOfBothSidesAndNothingElse)
     EXPECT_EQ(heard("1", "actor", "/role"), "|LACP Msg: leaf \"role\" doesn't exist!\n");
     EXPECT_EQ(heard("1", "actor", ""), "|LACP Msg: leaf \"\" doesn't exist!\n") << "whole entries are not answered";
     EXPECT_EQ(ask("1", "actor", "/mode"), "passive") << "and it still answers";
+    *db_debug_flag_return() |= KEL_DB_DEBUG_DAEMON;
+    EXPECT_NE(heard("2", "partner", "/id").find("slot id=> 0, port id=> 2, role=> partner, leaf=> id\n"),
+              std::string::npos);
+    *db_debug_flag_return() = 0;
 }
 
 // Another thread writes the records; nothing is kept of a request.

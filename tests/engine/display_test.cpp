@@ -206,6 +206,8 @@ TEST(Commands, Configuration)
     EXPECT_EQ(written(LACP_NODE), "");
     EXPECT_EQ(written(UPLINK_PORT_NODE), "interface gigabitEthernet 0/1\n lacp port-priority 7\n"
                                          "interface gigabitEthernet 0/2\n channel-group 2 mode passive\n");
+    intf = {0, 0};
+    EXPECT_EQ(written(UPLINK_PORT_NODE), "");
 }
 
 TEST(Commands, Debugging)
@@ -258,26 +260,32 @@ TEST(Commands, Database)
 // ---- traces and dumps -----------------------------------------------------------------------------------------
 
 // The lines that each bit of the trace word turns on in the rows of the machines, at their first occurrence, digits
-// left out. The bits add up, and no line belongs to two of them.
+// left out. The bits add up, and no line belongs to two of them. Rows that say nothing new are passed over.
 TEST(Traces, EachBitHasItsOwn)
 {
     const std::regex NUMBER("[0-9a-f]*[0-9]+[0-9a-f]*");
     std::map<std::string, std::set<int>> owners;
     std::map<int, std::string> texts;
+    const auto forms = [&](const std::string &text) {
+        std::istringstream lines(std::regex_replace(visible(text), NUMBER, "#"));
+        Texts found;
+        for (std::string line; std::getline(lines, line);)
+            if (line.find_first_not_of("\\rn") != std::string::npos && !has(line, "LACP Msg"))
+                found.push_back(line);
+        return found;
+    };
     for_runs(MACHINES, [&](const Row &, const Case &run) {
         std::string always, all, text;
-        run(0, &always);
         run(~0U, &all);
+        if (std::ranges::all_of(forms(all), [&](const std::string &line) { return owners.contains(line); }))
+            return;
+        run(0, &always);
         std::size_t length = always.size();
         for (int bit = 0; bit < 32; ++bit, length += text.size() - always.size()) {
             run(1U << bit, &text);
-            std::istringstream lines(text.size() == always.size() ? "" : visible(text));
-            for (std::string line; std::getline(lines, line);) {
-                line = std::regex_replace(line, NUMBER, "#");
-                if (line.find_first_not_of("\\rn") != std::string::npos && !has(line, "LACP Msg") &&
-                    owners[line].insert(bit).second)
+            for (const std::string &line : forms(text.size() == always.size() ? "" : text))
+                if (owners[line].insert(bit).second)
                     texts[bit] += line + "\n";
-            }
         }
         EXPECT_EQ(all.size(), length) << run.given << ": " << run.event;
     });

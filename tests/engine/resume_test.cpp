@@ -36,8 +36,8 @@ class Resume : public testing::Test
     std::string start(const std::string &changed)
     {
         Engine engine;
-        engine.running_port(1);
         lacResumeBegin(path, true);
+        engine.running_port(1);
         arrange(changed.starts_with("hears") ? "" : changed);
         if (changed.starts_with("hears"))
             act(changed);
