@@ -25,6 +25,7 @@ class CpuPort
     CpuPort(const CpuPort &) = delete;
     CpuPort &operator=(const CpuPort &) = delete;
 
+    PacketSocket &socket() { return socket_; }
     const PacketSocket &socket() const { return socket_; }
     const CpuCounters &counters() const { return counters_; }
     // Hands a port's frame to the CPU.

@@ -11,13 +11,13 @@ DataPlane::DataPlane(EventLoop &loop, const Options &options, const TrunkTable &
                            [this, number = number](FrameBatch &batch) { from_port(number, batch); });
 }
 
-bool DataPlane::attach(const std::string &interface, int index) const
+bool DataPlane::follow(const std::string &interface, int index)
 {
     if (interface == host_.socket().interface())
-        return host_.socket().attach(index);
-    for (const auto &[number, port] : ports_)
+        return host_.socket().follow(index);
+    for (auto &[number, port] : ports_)
         if (interface == port.socket().interface())
-            return port.socket().attach(index);
+            return port.socket().follow(index);
     return true;
 }
 

@@ -32,8 +32,8 @@ class DataPlane
     DataPlane(const DataPlane &) = delete;
     DataPlane &operator=(const DataPlane &) = delete;
 
-    // An interface has got an index (again). False with errno when its frames cannot be had.
-    bool attach(const std::string &interface, int index) const;
+    // An interface has another index, 0 when it is gone. False with errno when its frames cannot be had.
+    bool follow(const std::string &interface, int index);
     const TrafficPort &host() const { return host_; }
     const std::map<std::uint32_t, TrafficPort> &ports() const { return ports_; }
     // By group, of all trunks that have carried traffic since the switch runs.

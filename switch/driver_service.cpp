@@ -58,9 +58,9 @@ bool has_hung_up(int socket)
 
 } // namespace
 
-DriverService::DriverService(EventLoop &loop, const Options &options)
-    : loop_(loop), stale_grace_(options.stale_grace), existing_ports_(members_of(options)),
-      listening_(options.driver_socket, SOCK_SEQPACKET)
+DriverService::DriverService(EventLoop &loop, const Options &options, std::function<void()> changed)
+    : loop_(loop), changed_(std::move(changed)), stale_grace_(options.stale_grace),
+      existing_ports_(members_of(options)), listening_(options.driver_socket, SOCK_SEQPACKET)
 {
     listening_.listen();
     acceptable_ = Event::readable(loop, listening_.get(), [this] { accept(); });
@@ -79,6 +79,7 @@ void DriverService::accept()
         client->readable = Event::readable(loop_, client->socket.get(), [this, client] { read(client); });
         if (daemon_ == nullptr)
             announce(*client);
+        changed_();
     }
 }
 
@@ -129,6 +130,7 @@ void DriverService::leave(Clients::iterator client)
     if (daemon_ == &*client)
         daemon_ = nullptr;
     clients_.erase(client);
+    changed_();
 }
 
 // ---- requests -------------------------------------------------------------------------------------------------

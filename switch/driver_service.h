@@ -27,7 +27,9 @@ struct DriverCounters {
 class DriverService
 {
   public:
-    DriverService(EventLoop &loop, const Options &options);
+    // `changed` is called when a client has come or gone.
+    DriverService(
+        EventLoop &loop, const Options &options, std::function<void()> changed = [] {});
 
     const TrunkTable &trunks() const { return trunks_; }
     const DriverCounters &counters() const { return counters_; }
@@ -54,6 +56,7 @@ class DriverService
     void sweep();
 
     EventLoop &loop_;
+    std::function<void()> changed_;
     std::chrono::seconds stale_grace_;
     Members existing_ports_;
     ListeningSocket listening_;

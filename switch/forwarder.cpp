@@ -12,13 +12,13 @@ Forwarder::Forwarder(EventLoop &loop, const Options &options)
                            [this](Port &port, Frame frame) { from_port(port, frame); });
 }
 
-bool Forwarder::attach(const std::string &interface, int index) const
+bool Forwarder::follow(const std::string &interface, int index)
 {
     if (interface == cpu_.socket().interface())
-        return cpu_.socket().attach(index);
-    for (const auto &[number, port] : ports_)
+        return cpu_.socket().follow(index);
+    for (auto &[number, port] : ports_)
         if (interface == port.socket().interface())
-            return port.socket().attach(index);
+            return port.socket().follow(index);
     return true;
 }
 

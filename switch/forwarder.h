@@ -17,8 +17,8 @@ class Forwarder
     Forwarder(const Forwarder &) = delete;
     Forwarder &operator=(const Forwarder &) = delete;
 
-    // An interface has got an index (again). False with errno when its frames cannot be had.
-    bool attach(const std::string &interface, int index) const;
+    // An interface has another index, 0 when it is gone. False with errno when its frames cannot be had.
+    bool follow(const std::string &interface, int index);
     const std::map<std::uint32_t, Port> &ports() const { return ports_; }
     const CpuPort &cpu() const { return cpu_; }
 

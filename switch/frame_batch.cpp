@@ -1,5 +1,7 @@
 #include "frame_batch.h"
 
+#include <utility>
+
 namespace olt
 {
 
@@ -8,7 +10,8 @@ namespace
 
 std::size_t frame_length(const msghdr &message)
 {
-    return message.msg_iov[1].iov_len;
+    const std::size_t headers = message.msg_iov[1].iov_len; // or all of the frame
+    return message.msg_iovlen == 2 ? headers : headers + message.msg_iov[2].iov_len;
 }
 
 } // namespace
@@ -73,28 +76,59 @@ msghdr FrameBatch::message(std::size_t index)
     return message;
 }
 
-void SendQueue::add(FrameBatch &batch, std::size_t index)
+msghdr &SendQueue::next()
 {
-    messages_[count_++].msg_hdr = batch.message(index);
+    if (count_ == messages_.size())
+        send();
+    return messages_[count_++].msg_hdr;
 }
 
-SendQueue::Outcome SendQueue::flush(int fd)
+void SendQueue::add(FrameBatch &batch, std::size_t index)
 {
-    Outcome outcome;
+    if (const auto tunnel = TunnelFrame::recognise(batch.frame(index), batch.offload(index)))
+        add(*tunnel);
+    else
+        next() = batch.message(index);
+}
+
+void SendQueue::add(const TunnelFrame &tunnel)
+{
+    static OffloadHeader nothing_to_do{};
+    if (!pieces_)
+        pieces_ = std::make_unique<Piece[]>(messages_.size());
+    for (std::size_t number = 0; number < tunnel.pieces(); ++number) {
+        msghdr &message = next();
+        Piece &piece = pieces_[count_ - 1];
+        const Frame headers = tunnel.headers(number, piece.headers), payload = tunnel.payload(number);
+        piece.parts = {{{&nothing_to_do, sizeof(nothing_to_do)},
+                        {piece.headers.data(), headers.size()},
+                        {const_cast<std::uint8_t *>(payload.data()), payload.size()}}};
+        message = {};
+        message.msg_iov = piece.parts.data();
+        message.msg_iovlen = piece.parts.size();
+    }
+}
+
+void SendQueue::send()
+{
     for (std::size_t at = 0; at < count_;) {
-        const int sent = sendmmsg(fd, messages_.data() + at, static_cast<unsigned>(count_ - at), MSG_DONTWAIT);
+        const int sent = sendmmsg(fd_, messages_.data() + at, static_cast<unsigned>(count_ - at), MSG_DONTWAIT);
         if (sent <= 0) { // the first one was not taken
-            ++outcome.dropped;
+            ++outcome_.dropped;
             ++at;
             continue;
         }
-        for (const std::size_t end = at + static_cast<std::size_t>(sent); at < end; ++at) {
-            ++outcome.frames;
-            outcome.bytes += frame_length(messages_[at].msg_hdr);
-        }
+        outcome_.frames += static_cast<std::uint64_t>(sent);
+        for (const std::size_t end = at + static_cast<std::size_t>(sent); at < end; ++at)
+            outcome_.bytes += frame_length(messages_[at].msg_hdr);
     }
     count_ = 0;
-    return outcome;
+}
+
+SendQueue::Outcome SendQueue::flush()
+{
+    send();
+    return std::exchange(outcome_, {});
 }
 
 } // namespace olt

@@ -1,7 +1,9 @@
 // Frames that are received and sent many at a time.
 #pragma once
 
+#include "offload_header.h"
 #include "switch_tag.h"
+#include "tunnel_frame.h"
 #include "vlan_tag.h"
 
 #include <memory>
@@ -9,20 +11,6 @@
 
 namespace olt
 {
-
-// What the kernel puts before a frame on a socket with PACKET_VNET_HDR; its own header of it is not for C++.
-struct OffloadHeader {
-    static constexpr std::uint8_t NEEDS_CHECKSUM = 1; // flags
-    static constexpr std::uint8_t NO_SEGMENTS = 0;    // segments_type
-
-    std::uint8_t flags;
-    std::uint8_t segments_type;
-    std::uint16_t header_length;
-    std::uint16_t segment_size;
-    std::uint16_t checksum_start;
-    std::uint16_t checksum_offset;
-};
-static_assert(sizeof(OffloadHeader) == 10);
 
 // The frames of one reception, as they were on the wire, in buffers that are used again and again. Each keeps what
 // the kernel says of it: a checksum that is still to be filled in, or a train of segments that is still to be cut.
@@ -39,6 +27,7 @@ class FrameBatch
     std::size_t size() const { return size_; }
     // Empty for a frame that did not fit.
     Frame frame(std::size_t index) const;
+    const OffloadHeader &offload(std::size_t index) const { return slots_[index].offload; }
     // The frame with what the kernel said of it, to be sent. Valid until the next reception.
     msghdr message(std::size_t index);
 
@@ -65,24 +54,37 @@ class FrameBatch
     std::size_t size_ = 0;
 };
 
-// Frames on their way to one socket, in order.
+// Frames on their way to one socket, in order. Those of a tunnel are finished here.
 class SendQueue
 {
   public:
-    bool empty() const { return count_ == 0; }
-    void add(FrameBatch &batch, std::size_t index);
-
     struct Outcome {
         std::uint64_t frames = 0;
         std::uint64_t bytes = 0;
         std::uint64_t dropped = 0;
     };
-    // Sends what is queued; what the socket does not take is dropped.
-    Outcome flush(int fd);
+
+    explicit SendQueue(int fd) : fd_(fd) {}
+    bool empty() const { return count_ == 0; }
+    void add(FrameBatch &batch, std::size_t index);
+    // Sends what is queued; what the socket does not take is dropped. The outcome since the last time.
+    Outcome flush();
 
   private:
+    struct Piece {
+        std::array<std::uint8_t, TunnelFrame::HEADERS_LIMIT> headers;
+        std::array<iovec, 3> parts;
+    };
+
+    msghdr &next();
+    void add(const TunnelFrame &tunnel);
+    void send();
+
+    int fd_;
     std::array<mmsghdr, FrameBatch::CAPACITY> messages_{};
     std::size_t count_ = 0;
+    std::unique_ptr<Piece[]> pieces_; // by message; made with the first tunnel
+    Outcome outcome_;
 };
 
 } // namespace olt

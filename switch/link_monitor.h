@@ -18,6 +18,8 @@ namespace olt
 struct Link {
     int index = 0; // 0: there is no such interface
     bool carrier = false;
+    bool ethernet = false;
+    unsigned mtu = 0;
 
     bool operator==(const Link &) const = default;
 };
@@ -28,10 +30,13 @@ class LinkMonitor
   public:
     using Changed = std::function<void(const std::string &interface, const Link &before, const Link &now)>;
 
-    // Throws when one of the interfaces is not there. Later they may come and go.
-    LinkMonitor(EventLoop &loop, const std::vector<std::string> &interfaces, Changed changed);
+    // The interfaces may come and go. `addressed` is called when one of them may have got another address.
+    LinkMonitor(EventLoop &loop, const std::vector<std::string> &interfaces, Changed changed,
+                std::function<void()> addressed);
 
     const Link &link(const std::string &interface) const { return links_.at(interface); }
+    // The interface's own network addresses, with commas between them.
+    std::string addresses(const std::string &interface) const;
 
   private:
     struct Notice {
@@ -55,9 +60,11 @@ class LinkMonitor
 
     std::map<std::string, Link> links_;
     Changed changed_;
+    std::function<void()> addressed_;
     Socket notices_socket_;
     Socket requests_socket_;
     std::vector<Notice> notices_; // of one reception
+    bool address_notice_ = false;
     std::unique_ptr<Event> readable_;
 };
 

@@ -1,5 +1,6 @@
 #include "link_publisher.h"
 
+#include <iostream>
 #include <stdexcept>
 #include <sys/eventfd.h>
 
@@ -22,6 +23,14 @@ void LinkPublisher::publish(std::uint32_t port, bool up)
 {
     const std::lock_guard guard(lock_);
     queue_.push(port, up);
+    news_ = true;
+    changed_.notify_all();
+}
+
+void LinkPublisher::try_again()
+{
+    const std::lock_guard guard(lock_);
+    queue_.try_again();
     news_ = true;
     changed_.notify_all();
 }
@@ -63,7 +72,10 @@ void LinkPublisher::write(std::unique_lock<std::mutex> &guard, const LinkWrite &
         queue_.written(write.port);
     } else {
         ++counters_.failed;
-        queue_.failed(write.port, LinkQueue::Clock::now());
+        if (queue_.failed(write.port, LinkQueue::Clock::now()))
+            std::cerr << "olt-switch: the link status of port " << write.port
+                      << " is refused; it is tried again after growing pauses, and when a daemon comes or goes"
+                      << std::endl;
     }
 }
 

@@ -28,6 +28,8 @@ class LinkPublisher
                   std::function<void()> ready);
 
     void publish(std::uint32_t port, bool up);
+    // Whoever refused a write has gone, or another one has come.
+    void try_again();
     std::map<std::uint32_t, bool> published() const;
     PublisherCounters counters() const;
 

@@ -15,6 +15,7 @@ constexpr std::size_t MOST_WAITING = 2;
 void LinkQueue::push(std::uint32_t port, bool up)
 {
     Port &state = ports_[port];
+    state.given_up = false;
     const std::optional<bool> last = state.waiting.empty() ? state.published : std::optional(state.waiting.back().up);
     if (last == up)
         return;
@@ -29,7 +30,7 @@ std::optional<LinkWrite> LinkQueue::next(Clock::time_point now)
     auto oldest = ports_.end();
     for (auto entry = ports_.begin(); entry != ports_.end(); ++entry) {
         const Port &port = entry->second;
-        if (port.waiting.empty() || now < port.not_before)
+        if (port.waiting.empty() || port.given_up || now < port.not_before)
             continue;
         if (oldest == ports_.end() || port.waiting.front().number < oldest->second.waiting.front().number)
             oldest = entry;
@@ -49,25 +50,37 @@ void LinkQueue::written(std::uint32_t port)
     state.writing = false;
     state.entry_exists = true;
     state.tried = true;
+    state.pause = {};
     state.not_before = {};
-    state.pause = FIRST_PAUSE;
 }
 
-void LinkQueue::failed(std::uint32_t port, Clock::time_point now)
+bool LinkQueue::failed(std::uint32_t port, Clock::time_point now)
 {
     Port &state = ports_.at(port);
     state.writing = false;
     state.entry_exists = false; // somebody may have removed it
     state.tried = true;
+    const bool first = state.pause == std::chrono::seconds{};
+    state.given_up = state.pause == LONGEST_PAUSE;
+    state.pause = std::clamp(2 * state.pause, FIRST_PAUSE, LONGEST_PAUSE);
     state.not_before = now + state.pause;
-    state.pause = std::min(2 * state.pause, LONGEST_PAUSE);
+    return first;
+}
+
+void LinkQueue::try_again()
+{
+    for (auto &[number, port] : ports_) {
+        port.given_up = false;
+        port.not_before = {};
+        port.pause = std::min(port.pause, FIRST_PAUSE);
+    }
 }
 
 std::optional<LinkQueue::Clock::time_point> LinkQueue::due() const
 {
     std::optional<Clock::time_point> first;
     for (const auto &[number, port] : ports_)
-        if (!port.waiting.empty() && (!first || port.not_before < *first))
+        if (!port.waiting.empty() && !port.given_up && (!first || port.not_before < *first))
             first = port.not_before;
     return first;
 }

@@ -19,7 +19,8 @@ struct LinkWrite {
 // Changes leave in the order in which they came in. A link that goes down and up again while earlier writes take
 // their time is still written as down and then up, so that the daemon sees it; more flapping than that is left out.
 // So a port never has more than two writes waiting, and the last one is its present state. A write that fails is due
-// again after a pause that grows; other ports do not wait for it.
+// again after a pause that grows, and given up after the longest one until the link changes or somebody says that it
+// may go better now; other ports do not wait for it.
 //
 // One write at a time: next(), then written() or failed().
 class LinkQueue
@@ -28,13 +29,15 @@ class LinkQueue
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::chrono::seconds FIRST_PAUSE{1};
-    static constexpr std::chrono::seconds LONGEST_PAUSE{8};
+    static constexpr std::chrono::seconds LONGEST_PAUSE{256};
 
     void push(std::uint32_t port, bool up);
     // The oldest write that is due.
     std::optional<LinkWrite> next(Clock::time_point now);
     void written(std::uint32_t port);
-    void failed(std::uint32_t port, Clock::time_point now);
+    // Whether it is the first failure since a write went well.
+    bool failed(std::uint32_t port, Clock::time_point now);
+    void try_again(); // at once, with short pauses
 
     // When the next failed write is due again.
     std::optional<Clock::time_point> due() const;
@@ -53,9 +56,10 @@ class LinkQueue
         bool writing = false;
         bool entry_exists = false;
         bool tried = false;
+        bool given_up = false;
         std::optional<bool> published;
         Clock::time_point not_before{};
-        std::chrono::seconds pause = FIRST_PAUSE;
+        std::chrono::seconds pause{}; // behind the last failure; none while writes go well
     };
 
     std::map<std::uint32_t, Port> ports_;

@@ -12,6 +12,7 @@ namespace olt
 namespace
 {
 
+constexpr int USAGE = 2; // exit status that tells a service manager that another try is no use
 constexpr std::uint32_t MAX_PORTS = 8;
 constexpr std::uint32_t LONGEST_GRACE = 24 * 60 * 60;
 
@@ -54,7 +55,7 @@ void check_required(const Options &options)
     if (error.get_exit_code() == 0)
         std::exit(app.exit(error));
     std::cerr << "olt-switch: " << error.what() << "; see olt-switch --help" << std::endl;
-    std::exit(1);
+    std::exit(USAGE);
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <utility>
 
 namespace olt
 {
@@ -22,10 +23,20 @@ namespace
 
 constexpr std::size_t FRAME_LIMIT = 9216; // jumbo frames
 constexpr int FRAMES_A_TURN = 64;
+constexpr std::uint16_t NO_TYPE = 0xFFFF; // reserved: no frame has it
 
 bool set_option(int fd, int option, const void *value, socklen_t size)
 {
     return setsockopt(fd, SOL_PACKET, option, value, size) == 0;
+}
+
+// A switch port takes every frame, whomever it is for.
+bool set_promiscuous(int fd, int option, int index)
+{
+    packet_mreq all{};
+    all.mr_ifindex = index;
+    all.mr_type = PACKET_MR_PROMISC;
+    return set_option(fd, option, &all, sizeof(all));
 }
 
 bool turn_on(int fd, int option)
@@ -90,17 +101,21 @@ void PacketSocket::want_slow_protocols_only() const
         throw std::runtime_error("interface " + interface_ + ": no filter: " + std::strerror(errno));
 }
 
-bool PacketSocket::attach(int index) const
+// An interface that has got another name is still there: it is left alone again, and no frame goes out on it.
+bool PacketSocket::follow(int index)
 {
-    packet_mreq all{};
-    all.mr_ifindex = index;
-    all.mr_type = PACKET_MR_PROMISC; // a switch port takes every frame, whomever it is for
+    if (index_ != 0)
+        set_promiscuous(get(), PACKET_DROP_MEMBERSHIP, std::exchange(index_, 0));
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(ETH_P_ALL);
+    address.sll_protocol = htons(index == 0 ? NO_TYPE : ETH_P_ALL);
     address.sll_ifindex = index;
-    return bind(get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0 &&
-           set_option(get(), PACKET_ADD_MEMBERSHIP, &all, sizeof(all));
+    if (bind(get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+        return false;
+    if (index != 0 && !set_promiscuous(get(), PACKET_ADD_MEMBERSHIP, index))
+        return false;
+    index_ = index;
+    return true;
 }
 
 void PacketSocket::receive(const Take &take) const

@@ -20,8 +20,8 @@ class PacketSocket
 
     // Leaves user traffic to others: it must not fill the buffer in which LACPDUs wait. Before attach().
     void want_slow_protocols_only() const;
-    // Follows the interface to its present index; false with errno when it cannot be listened to.
-    bool attach(int index) const;
+    // Follows the interface to its present index, 0 when it is gone; false with errno when it cannot be listened to.
+    bool follow(int index);
     int get() const { return socket_.get(); }
     const std::string &interface() const { return interface_; }
     // Hands waiting frames on, up to a bound, so that no interface starves another.
@@ -31,6 +31,7 @@ class PacketSocket
   private:
     std::string interface_;
     Descriptor socket_;
+    int index_ = 0; // of the interface that is listened to
 };
 
 } // namespace olt

@@ -23,6 +23,7 @@ class Port
     Port &operator=(const Port &) = delete;
 
     std::uint32_t number() const { return number_; }
+    PacketSocket &socket() { return socket_; }
     const PacketSocket &socket() const { return socket_; }
     bool send(Frame frame) const { return socket_.send(frame); }
 

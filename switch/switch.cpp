@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 
 namespace olt
@@ -29,12 +31,14 @@ const char *word(bool up)
 } // namespace
 
 Switch::Switch(EventLoop &loop, const Options &options)
-    : loop_(loop), options_(options), driver_(loop, options_),
+    : loop_(loop), options_(options), driver_(loop, options_, [this] { daemon_changed(); }),
       state_(loop, options_.state_socket, [this] { return state_text(sources()); }), forwarder_(loop, options_),
-      links_(loop, interfaces_of(options_),
-             [this](const std::string &interface, const Link &before, const Link &now) {
-                 link_changed(interface, before, now);
-             })
+      links_(
+          loop, interfaces_of(options_),
+          [this](const std::string &interface, const Link &before, const Link &now) {
+              link_changed(interface, before, now);
+          },
+          [this] { advise(); })
 {
     for (const auto &[number, interface] : options_.ports)
         numbers_[interface] = number;
@@ -43,7 +47,7 @@ Switch::Switch(EventLoop &loop, const Options &options)
     if (options_.datastore)
         store_ = std::make_unique<DatastoreLinks>();
     for (const std::string &interface : interfaces_of(options_))
-        attach(interface, links_.link(interface).index);
+        follow(interface, links_.link(interface));
     if (store_)
         publish_links();
     else
@@ -64,11 +68,15 @@ std::string Switch::name_of(const std::string &interface) const
     return "port " + std::to_string(numbers_.at(interface));
 }
 
-void Switch::attach(const std::string &interface, int index) const
+// An interface that has gone before it could be followed is told of by the next notice.
+void Switch::follow(const std::string &interface, const Link &link)
 {
-    if (!forwarder_.attach(interface, index) || (plane_ && !plane_->attach(interface, index)))
+    if (link.index != 0 && !link.ethernet)
+        throw std::runtime_error("interface " + interface + " is no Ethernet interface; name another one");
+    if ((!forwarder_.follow(interface, link.index) || (plane_ && !plane_->follow(interface, link.index))) &&
+        errno != ENODEV)
         throw std::runtime_error("interface " + interface + " cannot be listened to: " + std::strerror(errno) +
-                                 "; check that it is an Ethernet interface and that this program runs as root");
+                                 "; check that this program runs as root");
 }
 
 void Switch::publish_links()
@@ -79,12 +87,24 @@ void Switch::publish_links()
     publisher_.emplace(loop_, *store_, links, [this] { ready(); });
 }
 
+void Switch::daemon_changed()
+{
+    if (publisher_)
+        publisher_->try_again();
+}
+
 void Switch::ready()
 {
     state_.start();
     for (const auto &[number, interface] : options_.ports)
         std::cout << "port " << number << ": interface " << interface << ", carrier "
                   << word(links_.link(interface).carrier) << std::endl;
+    for (const std::string &interface : interfaces_of(options_))
+        if (links_.link(interface).index == 0)
+            std::cout << name_of(interface) << ": interface "
+                      << interface << " is not there; it is taken when it comes" << std::endl;
+    ready_ = true;
+    advise();
     std::cout << "switch runs with " << options_.ports.size() << " ports" << std::endl;
 }
 
@@ -98,8 +118,40 @@ void Switch::link_changed(const std::string &interface, const Link &before, cons
         std::cout << name << ": interface " << interface << " is gone" << std::endl;
     if (number != numbers_.end() && publisher_ && now.carrier != before.carrier)
         publisher_->publish(number->second, now.carrier);
-    if (now.index != before.index && now.index != 0)
-        attach(interface, now.index); // another interface of that name: its frames come in anew
+    if (now.mtu != before.mtu)
+        advise();
+    if (now.index != before.index)
+        follow(interface, now);
+}
+
+// ---- what the operator had better change ----------------------------------------------------------------------
+
+void Switch::advise()
+{
+    if (!ready_ || advice() == advice_)
+        return;
+    advice_ = advice();
+    std::cout << advice_ << std::flush;
+}
+
+// The ports are left as they are: a switch that is killed could not put anything back.
+std::string Switch::advice() const
+{
+    std::ostringstream text, mtus;
+    std::set<unsigned> sizes;
+    for (const std::string &interface : interfaces_of(options_)) {
+        const Link &link = links_.link(interface);
+        if (link.index == 0 || interface == options_.cpu)
+            continue;
+        if (const std::string addresses = links_.addresses(interface); !addresses.empty())
+            text << name_of(interface) << ": interface " << interface << " has addresses of its own (" << addresses
+                 << "), which answer in the user's network; take them off, and switch IPv6 off on it\n";
+        mtus << (sizes.empty() ? "" : ", ") << interface << " " << link.mtu;
+        sizes.insert(link.mtu);
+    }
+    if (sizes.size() > 1)
+        text << "the MTUs differ (" << mtus.str() << "): a frame too long for where it leaves is lost\n";
+    return text.str();
 }
 
 } // namespace olt

@@ -13,9 +13,9 @@
 namespace olt
 {
 
-// Everything that can be wrong at start-up throws from the constructor, before anything is written. Frames are
-// passed on from then on; the state socket, which tells that the switch is ready, answers when the interface entries
-// have been written.
+// Everything that can be wrong at start-up throws from the constructor, before anything is written; an interface that
+// is not there is not wrong, it is followed when it comes. Frames are passed on from then on; the state socket, which
+// tells that the switch is ready, answers when the interface entries have been written.
 class Switch
 {
   public:
@@ -26,12 +26,17 @@ class Switch
   private:
     StateSources sources() const;
     std::string name_of(const std::string &interface) const;
-    void attach(const std::string &interface, int index) const;
+    void follow(const std::string &interface, const Link &link);
     void link_changed(const std::string &interface, const Link &before, const Link &now);
     void publish_links();
+    void daemon_changed();
     void ready();
+    void advise();
+    std::string advice() const;
 
     EventLoop &loop_;
+    std::string advice_; // as it was printed last
+    bool ready_ = false;
     const Options options_;
     std::map<std::string, std::uint32_t> numbers_; // by interface
     DriverService driver_;                         // first: it refuses a second switch

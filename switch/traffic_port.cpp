@@ -31,7 +31,7 @@ void add(TrafficCount &count, const SendQueue::Outcome &outcome)
 } // namespace
 
 TrafficPort::TrafficPort(EventLoop &loop, FrameBatch &batch, const std::string &interface, Received received)
-    : socket_(interface)
+    : socket_(interface), queue_(socket_.get())
 {
     const int on = 1;
     if (setsockopt(socket_.get(), SOL_PACKET, PACKET_VNET_HDR, &on, sizeof(on)) != 0)
@@ -48,7 +48,7 @@ void TrafficPort::flush(TrafficCount &trunk)
 {
     if (queue_.empty())
         return;
-    const auto outcome = queue_.flush(socket_.get());
+    const auto outcome = queue_.flush();
     add(counters.tx, outcome);
     add(trunk, outcome);
 }

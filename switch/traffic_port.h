@@ -8,7 +8,8 @@
 namespace olt
 {
 
-// A train of segments that the kernel hands over in one piece counts as one frame.
+// A train of segments that the kernel hands over in one piece counts as one frame, and by segment when it is cut
+// here.
 struct TrafficCount {
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0;
@@ -30,6 +31,7 @@ class TrafficPort
     TrafficPort(const TrafficPort &) = delete;
     TrafficPort &operator=(const TrafficPort &) = delete;
 
+    PacketSocket &socket() { return socket_; }
     const PacketSocket &socket() const { return socket_; }
     void queue(FrameBatch &batch, std::size_t index) { queue_.add(batch, index); }
     // Sends what is queued, and counts it here and in `trunk`.

@@ -17,7 +17,8 @@ std::string word(bool create, std::uint32_t port, bool up)
 }
 
 // Plays a script of changes and writes on a queue. "1+" and "1-" are changes of a port's link; "w" is a write, "f" a
-// failed one, "n" the start of one that "d" ends; "t" lets time pass until the next write is due. The result is what
+// failed one, "n" the start of one that "d" ends; "t" lets time pass until the next write is due; "r" is
+// somebody who says that it may go better now. The result is what
 // each "w", "f" and "n" got, with "!" in front when the entry is to be made, "." for nothing, and the seconds of each
 // "t".
 std::string play(const std::string &script)
@@ -32,6 +33,8 @@ std::string play(const std::string &script)
             queue.push(static_cast<std::uint32_t>(step[0] - '0'), step[1] == '+');
         } else if (step == "d") {
             queue.written(port);
+        } else if (step == "r") {
+            queue.try_again();
         } else if (step == "t") {
             result += std::to_string((*queue.due() - now) / 1s) + " ";
             now = *queue.due();
@@ -58,7 +61,9 @@ TEST(LinkQueue, Scripts)
         {"1+ w 1- 1+ 1- 1+ 1- w w", "!1+ 1- . "},
         {"1+ w 1- n 1+ 1- 1+ 1- 1+ d w w", "!1+ 1- 1+ . "},
         {"1+ w 2+ w 1- 2- f w w t w", "!1+ !2+ 1- 2- . 1 !1- "},
-        {"1+ f t f t f t f t f t w 1- f t", "!1+ 1 !1+ 2 !1+ 4 !1+ 8 !1+ 8 !1+ 1- 1 waits"},
+        {"1+ f t f t f t f t f t w 1- f t", "!1+ 1 !1+ 2 !1+ 4 !1+ 8 !1+ 16 !1+ 1- 1 waits"},
+        {"1+ f t f t f t f t f t f t f t f t f t f w r f t w",
+         "!1+ 1 !1+ 2 !1+ 4 !1+ 8 !1+ 16 !1+ 32 !1+ 64 !1+ 128 !1+ 256 !1+ . !1+ 2 !1+ "},
         {"1+ f t f 2+ f t", "!1+ 1 !1+ !2+ 1 waits"},
     };
     for (const auto &[script, result] : rows)

@@ -1,6 +1,7 @@
 """The software switch as a program, without a daemon: frames, interfaces, requests, traffic, beginning and end."""
 
 import contextlib
+import fcntl
 import os
 import signal
 import socket
@@ -12,7 +13,7 @@ import time
 from pathlib import Path
 
 import pytest
-from scapy.all import ARP, IP, TCP, UDP, Ether, IPv6, conf
+from scapy.all import ARP, GRE, IP, TCP, UDP, VXLAN, Ether, IPv6, checksum, conf
 
 TESTS = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TESTS))
@@ -28,6 +29,7 @@ TAG, SERVICE_TAG = b"\x81\x00\x60\x05", b"\x88\xa8\x00\x05"
 LACPDU = bytes(Ether(dst=SLOW, src=HOST, type=0x8809) / bytes(range(110)))
 SOON, GRACE = 5.0, 1
 SOL_PACKET, PACKET_VNET_HDR = 263, 15
+TUNSETIFF, IFF_TAP, IFF_NO_PI, IFF_VNET_HDR = 0x400454CA, 2, 0x1000, 0x4000
 conf.bufsize = 4 << 20  # the system's limit
 
 
@@ -167,12 +169,18 @@ def test_link_status_follows_the_carriers(switch):
     assert switch.system.state()["datastore"] == {"written": 8, "failed": 1}
 
 
-def test_interfaces_that_are_renamed_or_come_again_carry_frames_again(switch):
+def test_interfaces_that_are_late_renamed_or_come_again_carry_frames(switch):
+    ip, sends = switch.system.namespace.ip, ((1, LACPDU), ("cpu", from_cpu(LACPDU, 1)), (1, packet()), ("host", packet()))
+    passed = {"cpu": [to_cpu(LACPDU, 1)], 1: [LACPDU, packet()], "host": [packet()]}
+    ip("link", "set", "ge1", "name", "other")
     switch.restart()
+    assert "port 1: interface ge1 is not there; it is taken when it comes\n" in switch.system.switch.output()
     switch.ask((CREATE, 1, SRC_MAC, 1, 1))
-    for old, new, carrier in (("ge1", "other", False), ("other", "ge1", True)):
-        switch.system.namespace.ip("link", "set", old, "name", new)
+    for old, new, carrier in (("other", "ge1", True), ("ge1", "other", False), ("other", "ge1", True)):
+        assert switch.exchange(*sends) == ({} if carrier else passed)
+        ip("link", "set", old, "name", new)
         switch.until(lambda now, carrier=carrier: now["ports"][0]["carrier"] is carrier)
+        assert ("promiscuity 2 " in ip("-d", "link", "show", new)) is carrier
     for near, end in (("ge1", 1), ("hostsw", "host"), ("cpu0", "cpu")):
         switch.system.namespace.ip("link", "del", near)
         switch.system.switch.wait_for_output(f"interface {near} is gone\n", SOON)
@@ -180,8 +188,17 @@ def test_interfaces_that_are_renamed_or_come_again_carry_frames_again(switch):
         switch.plug_in(end)
     switch.await_links()
     switch.until(lambda now: now["ports"][0]["carrier"])
-    assert switch.exchange((1, LACPDU), ("cpu", from_cpu(LACPDU, 1)), (1, packet()), ("host", packet())) == {
-        "cpu": [to_cpu(LACPDU, 1)], 1: [LACPDU, packet()], "host": [packet()]}
+    assert switch.exchange(*sends) == passed
+    for _ in range(20):
+        ip("link", "del", "ge1")
+        switch.lab.veth(switch.system.namespace, "ge1", *switch.ends[1])
+    ip("link", "set", "ge2", "mtu", 9000)
+    ip("address", "add", "10.9.9.9/24", "dev", "ge1")
+    switch.system.switch.wait_for_output("port 1: interface ge1 has addresses of its own (10.9.9.9/24), which", SOON)
+    assert "the MTUs differ (hostsw 1500, ge1 1500, ge2 9000, ge3 1500): a frame too" in switch.system.switch.output()
+    ip("link", "set", "ge2", "mtu", 1500)
+    ip("address", "flush", "dev", "ge1")
+    assert "olt-switch: " not in switch.system.switch.output(), "none of this is an error"
 
 
 def test_requests_make_change_and_remove_trunks(switch):
@@ -321,6 +338,52 @@ def test_what_the_kernel_has_left_to_do_stays_so(switch):
             assert struct.unpack("=HHH", received[4:10]) == (size, 34, offset)
 
 
+def tunnel(kind, piece, rest):
+    """A frame within a tunnel, as the numbered one of a train of segments."""
+    ends, first = Ether(src=HOST, dst=HOST), IP(id=9 + piece)
+    inner = IP(src="10.1.0.1", dst="10.1.0.2", id=70 + piece) / rest
+    return bytes(ends / {"VXLAN": first / UDP(sport=9, dport=4789) / VXLAN(vni=5) / ends / inner,
+                         "VXLAN over IPv6": IPv6() / UDP(sport=9, dport=4789) / VXLAN(vni=5) / ends / inner,
+                         "GRE": first / GRE(chksum_present=1) / inner, "IPIP": first / IPv6() / rest}[kind])
+
+
+def unfinished(frame, start, field):
+    """The frame with the sum of a pseudo header for the checksum of what begins at `start`."""
+    head, rest = frame[:start + field], frame[start + field + 2:]
+    total = (0xFFFF ^ struct.unpack_from("!H", frame, start + field)[0]) + checksum(head[start:] + bytes(2) + rest)
+    return head + struct.pack("!H", total % 0xFFFF) + rest
+
+
+def test_what_the_kernel_has_left_to_do_in_a_tunnel_is_done(switch):
+    def tap():  # brings frames in as a tunnel in the kernel leaves them
+        device = os.open("/dev/net/tun", os.O_RDWR)
+        fcntl.ioctl(device, TUNSETIFF, struct.pack("16sH22x", b"ge2", IFF_TAP | IFF_NO_PI | IFF_VNET_HDR))
+        return device
+    namespace = switch.system.namespace
+    namespace.ip("link", "del", "ge2")
+    del switch.wires[2]
+    device = namespace.call(tap)
+    namespace.ip("link", "set", "ge2", "up")
+    switch.until(lambda now: now["ports"][1]["carrier"])
+    switch.ask((CREATE, 1, SRC_MAC, 2, 1))
+    for kind in ("VXLAN", "VXLAN over IPv6", "GRE", "IPIP"):
+        for layer, field, segments, size in ((UDP, 6, 5, 1000), (TCP, 16, 1, 1000), (TCP, 16, 0, 1001), (UDP, 6, 0, 1001)):
+            data = bytes(range(250)) * (11 if segments else 4) + b"!"
+            cuts = range(0, len(data), size)
+            flags = ["CPF"] if len(cuts) == 1 else ["C", *[""] * (len(cuts) - 2), "PF"]
+            whole, *pieces = (tunnel(kind, number, (TCP(seq=5 + at, flags=flag) if layer is TCP else layer()) / part)
+                              for number, at, flag, part in [(0, 0, "CPF", data)] + [
+                                  (number, at, flags[number], data[at:at + size]) for number, at in enumerate(cuts)])
+            start = whole.index(data[:100]) - len(layer())
+            outside = segments and "VXLAN" in kind
+            frame = unfinished(whole, whole.index(struct.pack("!H", 4789)) - 2, 6) if outside else whole
+            frame = unfinished(frame, start, field)
+            os.write(device, struct.pack("=BBHHHH", 1, segments, start + 20, size if segments else 0, start, field) + frame)
+            assert switch.exchange() == {"host": pieces}, (kind, layer, segments)
+    os.close(device)
+    switch.lab.veth(namespace, "ge2", *switch.ends[2])
+
+
 def test_what_cannot_be_is_refused_with_one_sentence(switch):
     folder, taken = switch.system.directory, switch.system.environment["SCLIENT_SOCKET"]
     (folder / "precious").write_text("kept")
@@ -333,8 +396,7 @@ def test_what_cannot_be_is_refused_with_one_sentence(switch):
             ("", "--stale-grace -1", "--stale-grace"), ("", "--port x", "N=IFACE"), ("", "--port 9=ge9", "9=ge9"),
             ("", "--port 0=ge9", "0=ge9"), ("", "--port 4=", "4="), ("", "--port 1=ge9", "port 1 is given twice"),
             ("", "--port 4=ge1", "interface ge1 is given twice"), ("", "--host cpu0", "interface cpu0 is given twice"),
-            ("", "--host none", "no interface none"),
-            ("", "--port 7=ge7", "there is no interface ge7; create it first, or name another one"),
+            ("", "--no-datastore --port 7=lo", "interface lo is no Ethernet interface; name another one"),
             ("", "", "the datastore cannot be used; install its modules first, or give --no-datastore")):
         environment = {"SCLIENT_SOCKET": str(path or folder / "d"), "SYSREPO_REPOSITORY_PATH": str(folder / "none"),
                        "SYSREPO_SHM_DIR": str(folder / "none"), "SYSREPO_SHM_PREFIX": "none"}
@@ -342,7 +404,7 @@ def test_what_cannot_be_is_refused_with_one_sentence(switch):
                                  "1=ge1", "--state-socket", folder / "s", *options.split()], capture_output=True, text=True,
                                 check=False, timeout=SOON, env=environment)
         said = [line for line in result.stderr.splitlines() if line.startswith("olt-switch: ")]
-        assert (result.returncode, result.stdout, len(said)) == (1, "", 1) and words in said[0], result
+        assert (result.returncode, result.stdout, len(said)) == (2 if "--help" in said[0] else 1, "", 1) and words in said[0], result
     assert (folder / "precious").read_text() == "kept"
 
 
