@@ -17,9 +17,10 @@ constexpr char FRAME_STATE = '\x3D';
 class Resume : public testing::Test
 {
   protected:
+    Resume() { lacResumeFile(path); }
     ~Resume() override
     {
-        lacResumeBegin(path, false); // nothing is kept any more
+        lacResumeBegin(false); // nothing is kept any more
         std::filesystem::remove_all(folder);
     }
 
@@ -28,7 +29,7 @@ class Resume : public testing::Test
     {
         const Engine engine;
         arrange("SERVING");
-        lacResumeBegin(path, false);
+        lacResumeBegin(false);
         Engine::send(LAC_Q_RESUME);
         Engine::dispatch();
     }
@@ -36,7 +37,7 @@ class Resume : public testing::Test
     std::string start(const std::string &changed)
     {
         Engine engine;
-        lacResumeBegin(path, true);
+        lacResumeBegin(true);
         engine.running_port(1);
         arrange(changed.starts_with("hears") ? "" : changed);
         if (changed.starts_with("hears"))

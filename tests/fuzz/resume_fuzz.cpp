@@ -10,7 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
     static const std::string path = "/dev/shm/resume-fuzz." + std::to_string(getpid());
     printed([&] {
-        Engine engine;
+        lacResumeFile(path);
+    Engine engine;
         const LacResume now = lacResumeNow();
         LacResume record = now;
         lacDecodeResume({data, size}, now, record);
@@ -24,11 +25,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             record.ports[port - 1].group %= 6;
         }
         lacWriteResume(path, record);
-        lacResumeBegin(path, true);
+        lacResumeBegin(true);
         Engine::send(LAC_Q_RESUME);
         Engine::dispatch();
         Engine::tick(5);
-        lacResumeBegin(path, false);
+        lacResumeBegin(false);
     });
     fake::reset_datastore();
     fake::system() = {};

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstdio>
 
+Published<bool> lacMemberWriting;
+
 namespace
 {
 
@@ -169,6 +171,7 @@ std::uint32_t lacSettleMembers(bool retry)
     if (due == 0)
         return 0;
     lac_note_change();
+    lacMemberWriting = true;
     Round round;
     std::uint32_t barred = 0;
     for (LacPort *port : lac_ports())
@@ -181,5 +184,6 @@ std::uint32_t lacSettleMembers(bool retry)
             round.put_in(port, port->member_wanted))
             barred |= lac_port_bit(port);
     }
+    lacMemberWriting = false;
     return barred;
 }

@@ -15,6 +15,9 @@ bool lacMemberOwed(const LacPort *port);
 // have is written again.
 void lacMemberListChanged(std::uint32_t group);
 
+// Whether the dispatcher is within such writes, which other clients of the datastore can make long. Any thread.
+extern Published<bool> lacMemberWriting;
+
 // Writes what has come to differ; with `retry` also what was refused before. Once per dispatcher message, when its
 // machines have run. Returns the ports, as a mask, whose write was refused for good. They are barred: their groups
 // have to be selected again, and what follows from that be settled by another call.

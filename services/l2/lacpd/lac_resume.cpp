@@ -24,10 +24,12 @@ namespace
 
 constexpr std::uint64_t SETTLING_TICKS = 3; // for a datastore that is busy; then trunks follow what is written
 constexpr std::uint64_t TICK_MS = 1000;
+constexpr std::uint32_t LONGEST_WRITE_SECONDS = 20; // the datastore gives one up after 15
 constexpr std::uint64_t WRITE_PAUSE_MS = 100; // a partner that changes with every LACPDU costs no more than this
 
+std::string file; // set before the threads start
+
 // Written before LAC_Q_RESUME by the main thread, read behind it by the dispatcher.
-std::string file;
 LacResume identity; // without ports
 LacResume before;
 std::uint64_t left_ms; // monotonic: when the daemon before was last alive
@@ -37,7 +39,9 @@ std::uint64_t settling_since; // in ticks
 std::uint64_t written_ms;
 int write_error;
 
-std::uint64_t seen_ticks; // main thread
+// Timer thread.
+std::uint64_t seen_ticks;
+std::uint32_t silent_seconds;
 
 // ---- resuming -------------------------------------------------------------------------------------------------
 
@@ -118,18 +122,22 @@ bool members_are_settled()
 
 } // namespace
 
-void lacResumeBegin(const std::string &path, bool wanted)
+void lacResumeFile(const std::string &path)
 {
     file = path;
+}
+
+void lacResumeBegin(bool wanted)
+{
     identity = lacResumeNow();
     lacResumeStage = LAC_STARTING;
     written_ms = 0;
     std::uint64_t away_ms = 0;
-    const char *const refused = wanted ? lacReadResume(path, identity, before, away_ms) : "";
+    const char *const refused = wanted ? lacReadResume(file, identity, before, away_ms) : "";
     if (refused != nullptr) {
         if (refused[0] != 0)
-            printf("LACP Msg: %s is not used: %s; links form anew\n", path.c_str(), refused);
-        unlink(path.c_str()); // true no longer
+            printf("LACP Msg: %s is not used: %s; links form anew\n", file.c_str(), refused);
+        unlink(file.c_str()); // true no longer
         return;
     }
     left_ms = lac_now_ms() - std::min(away_ms, lac_now_ms());
@@ -146,9 +154,10 @@ bool lacConfigurationRestored()
 bool lacStampAlive()
 {
     const std::uint64_t ticks = lacTicks;
-    if (ticks == seen_ticks)
-        return false;
+    silent_seconds = ticks == seen_ticks ? silent_seconds + 1 : 0;
     seen_ticks = ticks;
+    if (silent_seconds > (lacMemberWriting ? LONGEST_WRITE_SECONDS : 0))
+        return false;
     if (lacResumeStage == LAC_KEEPING)
         lacStampResume(file);
     return true;

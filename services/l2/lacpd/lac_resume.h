@@ -6,15 +6,17 @@
 
 #include <string>
 
-// Reads what the daemon before has left at `path`, if that is wanted, and takes the file away. When there are members
+// Where what is kept stands. Before the protocol's threads start.
+void lacResumeFile(const std::string &path);
+// Reads what the daemon before has left, if that is wanted; what is not used is taken away. When there are members
 // to resume: LACP is switched on, time stands still and the trunks stay as they are, until the configuration is
 // restored. Start-up, when the protocol's threads run.
-void lacResumeBegin(const std::string &path, bool wanted);
+void lacResumeBegin(bool wanted);
 // The configuration is restored: ports resume, and from now on the file is kept. False when the dispatcher cannot be
 // told yet. Main thread.
 bool lacConfigurationRestored();
-// Keeps the file's time of modification while the dispatcher's ticks go on; whether they have gone on since the last
-// call. Main thread.
+// Once a second: whether the dispatcher goes on, its ticks or, for as long as a datastore may take, a write. Keeps
+// the file's time of modification then. Timer thread.
 bool lacStampAlive();
 
 // ---- dispatcher ---------------------------------------------------------------------------------------------------

@@ -13,6 +13,7 @@ namespace
 {
 
 LacDispatcher dispatcher;
+void (*watch)();
 
 // Messages that the queue keeps room for, and whether it is for the calling thread.
 std::atomic<std::size_t> room_taken;
@@ -274,6 +275,8 @@ static void *lacTimerTask(SystemThread *)
     for (LacTickCounts counts{};;) {
         sleep(TICK_SECONDS);
         lacSendTick(counts);
+        if (watch != nullptr)
+            watch();
     }
 }
 
@@ -286,6 +289,11 @@ static bool start_thread(SystemThread *&thread, const char *name, SystemThreadBo
 void lac_set_dispatcher(LacDispatcher function)
 {
     dispatcher = function;
+}
+
+void lac_set_watch(void (*function)())
+{
+    watch = function;
 }
 
 int lac_TaskInit()

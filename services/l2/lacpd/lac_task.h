@@ -114,6 +114,8 @@ extern SystemThread *lacTimer_tid;
 using LacDispatcher = void (*)(LacQueueMsg &message);
 // Before lac_TaskInit.
 void lac_set_dispatcher(LacDispatcher function);
+// What the timer thread does once a second, behind its tick. Before lac_TaskInit.
+void lac_set_watch(void (*function)());
 // Creates queue, send lock and both threads. 0, or -1 when the protocol cannot run. Start-up.
 int lac_TaskInit();
 void lacpDrvCtrlInit();

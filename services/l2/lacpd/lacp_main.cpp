@@ -169,24 +169,28 @@ static std::string resume_file()
 
 // ---- running --------------------------------------------------------------------------------------------------
 
-constexpr std::chrono::milliseconds ALIVE_PERIOD(500); // between looks at the dispatcher's ticks
+constexpr std::chrono::milliseconds TELLING_PERIOD(500);
 
 static bool configuration_is_told;
 
-// The service manager hears of a dispatcher that goes on, not of this loop.
-static void tell_alive(frr::Event *)
+// Timer thread. The service manager hears of a dispatcher that goes on: a command in the event loop may take its time.
+static void tell_alive()
 {
-    configuration_is_told = configuration_is_told || lacConfigurationRestored();
     if (lacStampAlive())
         service_manager_tell("WATCHDOG=1");
+}
+
+static void tell_what_waits(frr::Event *)
+{
+    configuration_is_told = configuration_is_told || lacConfigurationRestored();
     RepeatedLine::tell();
-    frr::add_timer<tell_alive>(master, nullptr, ALIVE_PERIOD, nullptr);
+    frr::add_timer<tell_what_waits>(master, nullptr, TELLING_PERIOD, nullptr);
 }
 
 // From here on it serves, for whoever has started it.
 static void configuration_restored()
 {
-    tell_alive(nullptr);
+    tell_what_waits(nullptr);
     service_manager_tell("READY=1");
     system_detach();
 }
@@ -218,8 +222,10 @@ int main(int argc, char **argv)
     }
     read_inventory();
     lac_set_dispatcher(lacDispatch);
+    lac_set_watch(tell_alive);
+    lacResumeFile(resume_file());
     channel_group_daemon_init();
-    lacResumeBegin(resume_file(), no_resume == 0 && serves);
+    lacResumeBegin(no_resume == 0 && serves);
     shell_init(master);
     lacp_vty_init();
     daemon_restart_restore_config(&lacpd_daemon_info);
