@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static const std::string path = "/dev/shm/resume-fuzz." + std::to_string(getpid());
     printed([&] {
         lacResumeFile(path);
-    Engine engine;
+        Engine engine;
         const LacResume now = lacResumeNow();
         LacResume record = now;
         lacDecodeResume({data, size}, now, record);

@@ -173,7 +173,8 @@ constexpr std::chrono::milliseconds TELLING_PERIOD(500);
 
 static bool configuration_is_told;
 
-// Timer thread. The service manager hears of a dispatcher that goes on: a command in the event loop may take its time.
+// Timer thread. The service manager hears of a dispatcher that goes on: a command in the event loop may take its
+// time.
 static void tell_alive()
 {
     if (lacStampAlive())
