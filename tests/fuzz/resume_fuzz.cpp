@@ -20,12 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         record.boot = now.boot;
         record.inventory = now.inventory;
         record.system = now.system;
-        for (std::uint32_t port = 1; port <= 4; ++port) {
-            engine.running_port(port);
-            record.ports[port - 1].group %= 6;
-        }
+        for (LacResumePort &port : record.ports)
+            port.group %= 6;
         lacWriteResume(path, record);
         lacResumeBegin(true);
+        for (std::uint32_t port = 1; port <= 4; ++port)
+            engine.running_port(port);
         Engine::send(LAC_Q_RESUME);
         Engine::dispatch();
         Engine::tick(5);
