@@ -4,7 +4,14 @@ import re
 import subprocess
 from collections import namedtuple
 
+from scapy.all import Ether
+from scapy.contrib.lacp import MarkerProtocol, SlowProtocol
+
 from lab import eventually
+from lab.wire import SLOW_PROTOCOLS_ADDRESS
+
+PARTNER = "02:00:00:00:00:ee"  # made by hand
+SLOW_FRAME = bytes(Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=PARTNER, type=0x8809))
 
 # A row of the state machines, as the shell shows them.
 Machines = namedtuple("Machines", "receive periodic selection mux lacp aggregator forwards")
@@ -14,6 +21,16 @@ Side = namedtuple("Side", "system_priority system flags priority key number stat
 _MACHINES = re.compile(r"^(\d\d) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +(YES|NO) +(\d\d) ([01])$", re.MULTILINE)
 _SIDE = re.compile(r"ystem ID:0x([0-9a-f]{4}), +([0-9a-f.]+).*?"
                    r"^gigabitEthernet0/(\d\d) (\S+) +(\d+) +([\d ]+?) +(\S+) *$", re.MULTILINE | re.DOTALL)
+
+
+def frame(pdu, source=PARTNER):
+    return Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=source) / SlowProtocol() / pdu
+
+
+def marker(kind):
+    """Marker (1) or its response (2) of a port."""
+    return frame(MarkerProtocol(marker_type=kind, requester_port=9, requester_system=PARTNER,
+                                requester_transaction_id=0x01020304))
 
 
 def enter(port, *commands):
@@ -91,3 +108,10 @@ def address_on(source, target, port, members):
         if max(members, key=lambda member: after[member] - before[member]) == port:
             return address
     raise AssertionError(f"{source.name}: no address leaves over port {port}")
+
+
+def crossings(system, ports):
+    """How often user frames have left and entered by ports, and how many the host has sent and got."""
+    counts = [*map(system.traffic, ports), system.state()["traffic"]["host"]]
+    return [sum(count[way]["frames"] for count in counts[:-1]) for way in ("tx", "rx")] + [
+        counts[-1][way]["frames"] for way in ("rx", "tx")]

@@ -5,7 +5,8 @@
                            is right
     $ words                the system's tools, in its namespace and folder; [1] is a status that is not 0
     ! words                Python, of lab and the systems
-    ; words                a comment; the first tells how many ports the systems have"""
+    ; words                a comment; the first tells how many ports the systems have; "left 8, right 3 ports" are not
+                           cabled and not started"""
 
 import contextlib
 import os
@@ -15,17 +16,20 @@ from pathlib import Path
 
 import pytest
 
+import helpers
 from lab import Lab, LabError, Programs, Ticks, eventually, stays
 from lab.programs import ROOT
 
-STEP = re.compile(r"^(?:(?P<kind>[;$!]) |(?:~(?P<ticks>\d+) )?(?P<who>(?:2 )?(?P<name>left|right))\S*?[>#] )"
+STEP = re.compile(r"^(?:(?P<kind>[;$!]) |(?:~(?P<ticks>\d+) )?(?P<who>(?:2 )?(?P<name>left|right|other))\S*?[>#] )"
                   r"(?P<line>.*)\n", re.MULTILINE)
 
 
 class Replay:
     def __init__(self, lab, text):
-        ports = int(re.match(r"; (\d+) ports", text)[1])
-        if re.search("^right", text, re.MULTILINE):
+        ports, head = int(re.match(r"; .*?(\d+) ports", text)[1]), text.partition(".")[0]
+        if apart := re.findall(r"(\w+) (\d+)[, ]", head):
+            self.systems = {name: lab.system(name, int(count)) for name, count in apart}
+        elif re.search("^right", text, re.MULTILINE):
             self.systems = dict(zip(("left", "right"), lab.pair(ports)))
         else:
             self.systems = {"left": lab.system("left", ports)}
@@ -34,7 +38,7 @@ class Replay:
             if ports:
                 self.systems["left"].start()
         self.left, self.sessions = self.systems["left"], {}
-        self.names = {"lab": lab, "Ticks": Ticks, "eventually": eventually, "stays": stays, **self.systems}
+        self.names = {**vars(helpers), "lab": lab, "Ticks": Ticks, "stays": stays, **self.systems}
         programs = lab.programs
         folders = *(path.parent for path in (programs.lacpd, programs.switch, programs.sysrepocfg)), ROOT / "scripts"
         self.environment = {**os.environ, **self.left.environment, "ROOT": str(ROOT),

@@ -2,20 +2,15 @@
 
 import pytest
 from scapy.all import Ether
-from scapy.contrib.lacp import LACP, MarkerProtocol, SlowProtocol
+from scapy.contrib.lacp import LACP
 
-from helpers import enter, join, quietly
+from helpers import PARTNER, SLOW_FRAME, enter, frame, join, leave, marker, quietly
 from lab import Capture, Ticks
-from lab.wire import ACTIVITY, AGGREGATION, COLLECTING, DISTRIBUTING, SLOW_PROTOCOLS_ADDRESS, SYNCHRONIZATION, TIMEOUT
+from lab.wire import ACTIVITY, AGGREGATION, COLLECTING, DISTRIBUTING, SYNCHRONIZATION, TIMEOUT
 
-SLOW, PARTNER = SLOW_PROTOCOLS_ADDRESS.hex(":"), "02:00:00:00:00:ee"
 ASKING = ACTIVITY | TIMEOUT | AGGREGATION
 IN_USE = SYNCHRONIZATION | COLLECTING | DISTRIBUTING
 STATE = "_system_priority _system _key _port_priority _port_number _state".split()
-
-
-def frame(pdu, source=PARTNER):
-    return Ether(dst=SLOW, src=source) / SlowProtocol() / pdu
 
 
 def answer(seen, state):
@@ -35,8 +30,9 @@ def system(lab):
 
 def test_frames(lab, system):
     with Capture(lab.bench, system.end) as wire:
-        assert wire.frames(1, within=Ticks.FAST_PERIOD) == [], "nothing is sent before a port joins"
-        quietly(system, "lacp system-priority 4660", *enter(1, "lacp timeout short", "lacp port-priority 258"),
+        quietly(system, *join(1, 1, "passive"))
+        assert wire.frames(1, within=4 * Ticks.FAST_PERIOD) == [], "neither end speaks first"
+        quietly(system, *leave(1, 1), "lacp system-priority 4660", *enter(1, "lacp timeout short", "lacp port-priority 258"),
                 *join(1, 1, "active"))
         talk = ((Ether(data)[LACP], data, moment) for moment, data in wire.each(3 * Ticks.FORM))
         seen, data, _ = next(talk)
@@ -66,13 +62,11 @@ def test_frames(lab, system):
         gaps = [later - earlier for earlier, later in zip(times, times[1:])]
         assert abs(sum(gaps) / 4 - Ticks.FAST_PERIOD) < 0.3 and all(1.5 < gap < 3.5 for gap in gaps), gaps
         for noise in (b"", b"\1", b"\x09" + bytes(109), b"\1" * 1400, b"\2" + b"\xff" * 109):
-            wire.send(bytes(Ether(dst=SLOW, src=PARTNER, type=0x8809)) + noise)
+            wire.send(SLOW_FRAME + noise)
         for kind in (0x9082, 0x0800):
             wire.send(bytes(Ether(dst="ff:ff:ff:ff:ff:ff", src=PARTNER, type=kind)) + bytes(60))
         wire.send(answer(seen, ASKING))
         persuade()
-        marker = MarkerProtocol(requester_port=9, requester_system=PARTNER, requester_transaction_id=0x01020304)
-        wire.send(frame(marker))
-        marker.marker_type = 2
+        wire.send(marker(1))
         replies = [data for _, data in wire.each(Ticks.FAST_PERIOD) if data[14] == 2]
-        assert [reply[14:] for reply in replies] == [bytes(frame(marker))[14:]]
+        assert [reply[14:] for reply in replies] == [bytes(marker(2))[14:]]
