@@ -10,6 +10,8 @@
 
 #include <chrono>
 #include <cstring> // before zebra.h, which redefines parts of it
+#include <filesystem>
+#include <string>
 
 #include <zebra.h>
 
@@ -163,6 +165,14 @@ inline void *running_event_argument() noexcept
 {
     const auto *running = static_cast<const Event *>(pthread_getspecific(thread_current));
     return running == nullptr ? nullptr : running->arg;
+}
+
+// Before the library starts. It keeps a folder for its log buffers by process number, does without them when there is
+// one already, and a daemon that was killed leaves its own: after a boot a number can be the same again.
+inline void remove_left_log_buffers(const char *program)
+{
+    std::error_code failure;
+    std::filesystem::remove_all(std::string("/var/tmp/frr/") + program + '.' + std::to_string(getpid()), failure);
 }
 
 // ---- records of the shell and the module ----------------------------------------------------------------------

@@ -26,7 +26,7 @@ STEP = re.compile(r"^(?:(?P<kind>[;$!]) |(?:~(?P<ticks>\d+) )?(?P<who>(?:2 )?(?P
 
 class Replay:
     def __init__(self, lab, text):
-        ports, head = int(re.match(r"; .*?(\d+) ports", text)[1]), text.partition(".")[0]
+        ports, head = int(re.match(r"; .*?(\d+) ports", text)[1]), text.splitlines()[0].partition(".")[0]
         if apart := re.findall(r"(\w+) (\d+)[, ]", head):
             self.systems = {name: lab.system(name, int(count)) for name, count in apart}
         elif re.search("^right", text, re.MULTILINE):

@@ -209,6 +209,7 @@ int main(int argc, char **argv)
     parse_options(argc, argv);
     refuse_terminal_mode();
     go_into_background();
+    frr::remove_left_log_buffers(lacpd_daemon_info.name);
     master = frr_init();
     if (lacpd_daemon_info.dryrun)
         check_configuration();
