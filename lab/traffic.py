@@ -9,7 +9,7 @@ from collections import namedtuple
 RATE = 1000            # packets a second
 SETTLE = 0.5           # the last packets are on their way
 _BUFFER = 4 << 20
-_SO_RCVBUFFORCE, _SO_TIMESTAMPNS = 33, 35
+_SO_NO_CHECK, _SO_RCVBUFFORCE, _SO_TIMESTAMPNS = 11, 33, 35
 _NUMBER = struct.Struct("!I")
 _TIMESPEC = struct.Struct("@qq")
 
@@ -33,6 +33,8 @@ class Flow:
         self._receiver.settimeout(SETTLE)
         self._receiver.bind((target.host_address, 0))
         self._sender = source.host.call(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        # Who forwards in user space may not know of checksums that are left to a network card.
+        self._sender.setsockopt(socket.SOL_SOCKET, _SO_NO_CHECK, 1)
         self._sender.bind((address or source.host_address, 0))
         self._sender.setblocking(False)
         self._threads = [threading.Thread(target=self._receive), threading.Thread(target=self._send)]

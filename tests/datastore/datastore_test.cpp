@@ -281,7 +281,7 @@ TEST(Library, WaitsForTheInventory)
               "keldatabase: the datastore has no uplink interfaces: start the switch first, then this program\n");
     const std::jthread creator([] { // an inventory that grows is taken whole
         for (const char *line : {"interface 2", "interface 3", "interface 4"}) {
-            std::this_thread::sleep_for(120ms);
+            std::this_thread::sleep_for(20ms);
             EXPECT_EQ(command(line), 0);
         }
     });

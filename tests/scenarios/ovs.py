@@ -57,6 +57,12 @@ class OpenVSwitch(Station):
         self.switch = self._start("ovs-vswitchd", self._socket)
         self.configure(f"add-br {BRIDGE} -- set bridge {BRIDGE} datapath_type=netdev")
 
+    def add_host(self, address):
+        """A user of its bridge. After start()."""
+        self.host, self.host_address, self.host_addresses = self.namespace, address, [address]
+        self.namespace.ip("address", "add", f"{address}/16", "dev", BRIDGE)
+        self.namespace.ip("link", "set", BRIDGE, "up")
+
     def _start(self, program, *arguments):
         control = self._control(program)
         process = self._run(program, [program, *arguments, f"--unixctl={control}", "-vsyslog:off"], self._environment)

@@ -2,12 +2,15 @@
 
 import contextlib
 import signal
+import subprocess
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from helpers import await_groups, join, leave, quietly
 from lab import Flow, Ticks, eventually
+from lab.system import System
 from lab.waiting import POLL
 from lab.wire import EXPIRED, TIMEOUT
 from ovs import OpenVSwitch
@@ -17,31 +20,32 @@ LOST = 4.0  # seconds: a partner that has heard nothing since the restart says s
 
 
 class Bench:
-    """One system, with a dynamic group of two cables to a system of ours and one to a partner of another make."""
+    """Two systems with a dynamic group of two cables: one to a system of ours, one to a partner of another make."""
 
     def __init__(self, lab):
-        self.own, self.ours = lab.system("own", 4), lab.system("ours", 2)
-        self.other = lab.add(OpenVSwitch, "other")
-        for port in PORTS:
-            lab.cable(self.own, port, self.ours, port)
-            lab.cable(self.own, port + 2, self.other, port)
-        for system in (self.own, self.ours):
+        self.pairs = (lab.system("own", 2), lab.system("ours", 2)), (lab.system("beside", 2), lab.add(OpenVSwitch, "other"))
+        (self.own, self.ours), (self.beside, self.other) = self.pairs
+        self.restarting = self.own, self.beside
+        for pair in self.pairs:
+            for port in PORTS:
+                lab.cable(pair[0], port, pair[1], port)
+        for system in (*self.restarting, self.ours):
             system.add_host()
             system.start()
         self.other.start()
+        self.other.add_host("10.77.99.1")
         self.other.add_bond("bond", list(PORTS), "lacp=active other_config:lacp-time=fast")
-        self.file = self.own.run_directory / "lacpd.resume"
 
     def form(self, timeout):
         """Anew: a changed timeout is told with the next LACPDU, which may be long in coming."""
-        for system, ports in ((self.ours, PORTS), (self.own, (*PORTS, 3, 4))):
-            system.configure(*(line for port in ports for line in leave(port, (port + 1) // 2)))
-            quietly(system, *(line for port in ports for line in join(
-                port, (port + 1) // 2, "active", f"lacp timeout {timeout}")))
+        for system in (*self.restarting, self.ours):
+            system.configure(*(line for port in PORTS for line in leave(port, 1)))
+            quietly(system, *(line for port in PORTS for line in join(port, 1, "active", f"lacp timeout {timeout}")))
         rate = "fast" if timeout == "short" else "slow"
         self.other.configure(f"set port bond other_config:lacp-time={rate}")
-        with self.own.shell() as shell:
-            shell.run("write memory")
+        for system in self.restarting:
+            with system.shell() as shell:
+                shell.run("write memory")
         both = TIMEOUT if timeout == "short" else 0
         eventually("the partner has both timeouts", self.other.members, lambda seen: all(
             member.enabled and member.actor.state & member.partner.state & TIMEOUT == both and
@@ -50,17 +54,18 @@ class Bench:
         self.await_formed()
 
     def await_formed(self, within=Ticks.FORM):
-        await_groups([self.own], {1: {1, 2}, 2: {3, 4}}, within)
-        await_groups([self.ours], {1: {1, 2}}, within)
+        await_groups([*self.restarting, self.ours], {1: {1, 2}}, within)
 
     def losses(self):
         return [self.other.losses(port) for port in PORTS]
 
     def restart(self, number, away, change=lambda: None):
-        self.own.stop_daemon(number)
+        for system in self.restarting:
+            system.stop_daemon(number)
         change()
         time.sleep(away)
-        self.own.start_daemon()
+        with ThreadPoolExecutor() as pool:
+            list(pool.map(System.start_daemon, self.restarting))
 
 
 @pytest.fixture(scope="module")
@@ -68,16 +73,18 @@ def bench(lab):
     return Bench(lab)
 
 
-# Our LACPDUs come every two seconds where the partner waits for three.
-@pytest.mark.parametrize("timeout, number, away", [("short", signal.SIGKILL, 0.5), ("long", signal.SIGTERM, 8)])
+# Our LACPDUs come every two seconds where the partner waits for three; before a stop on purpose another one leaves.
+@pytest.mark.parametrize("timeout, number, away", [
+    ("short", signal.SIGTERM, 1.9), ("short", signal.SIGKILL, 0.3), ("long", signal.SIGKILL, 8)])
 def test_nobody_notices(bench, timeout, number, away):
     bench.form(timeout)
-    losses, pair = bench.losses(), (bench.own, bench.ours)
+    losses = bench.losses()
     with contextlib.ExitStack() as stack:
-        flows = [stack.enter_context(Flow(*ends, address)) for ends in (pair, pair[::-1])
+        flows = [stack.enter_context(Flow(*ends, address)) for pair in bench.pairs for ends in (pair, pair[::-1])
                  for address in ends[0].host_addresses[:2]]
         bench.restart(number, away)
-        bench.own.daemon.wait_for_output("4 of 4 member ports go on", Ticks.LINK)
+        for system in bench.restarting:
+            system.daemon.wait_for_output("2 of 2 member ports go on", Ticks.LINK)
         time.sleep(LOST)
     assert bench.losses() == losses
     assert [flow.report.lost for flow in flows if flow.report.lost > 1] == []
@@ -94,8 +101,27 @@ def test_what_has_changed_forms_anew(bench):
         bench.other.configure(" -- ".join(f"set interface ge{port} other_config:lacp-aggregation-key=77"
                                           for port in PORTS))
     bench.restart(signal.SIGKILL, 0, change)
-    bench.own.daemon.wait_for_output("2 of 4 member ports go on", Ticks.LINK)  # until their partner is heard
-    for system in (bench.own, bench.ours):
-        await_groups([system], {1: {2}, **({2: {3, 4}} if system is bench.own else {})}, Ticks.FORM)
+    bench.own.daemon.wait_for_output("0 of 2 member ports go on", Ticks.LINK)
+    bench.beside.daemon.wait_for_output("2 of 2 member ports go on", Ticks.LINK)  # until their partner is heard
+    await_groups([bench.own, bench.ours], {1: {2}}, Ticks.FORM)
+    await_groups([bench.beside], {1: {1, 2}}, Ticks.FORM)
     eventually("the partner uses both ports", bench.other.members, lambda seen: all(
         member.enabled and member.actor.key == 77 for member in seen.values()), Ticks.FORM)
+
+
+def test_a_full_disk(bench):
+    bench.form("short")
+    folder = bench.own.directory / "small"
+    folder.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8k,mode=777", "none", folder], check=True)
+    try:
+        (folder / "filler").write_bytes(bytes(4096))  # the process number takes the other page
+        bench.own.stop_daemon()
+        for _ in range(2):
+            bench.own.start_daemon("-i", folder / "lacpd.pid")
+            bench.own.daemon.wait_for_output("lacpd.resume cannot be written: No space left on device", Ticks.LINK)
+            await_groups([bench.own, bench.ours], {1: {1, 2}}, Ticks.FORM)
+            assert [path.name for path in folder.glob("*.resume*")] == []
+            bench.own.stop_daemon(signal.SIGKILL)
+    finally:
+        subprocess.run(["umount", "--lazy", folder], check=True)

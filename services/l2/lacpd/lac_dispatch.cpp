@@ -81,6 +81,9 @@ static void run_machines(LacQueueMsg &message)
     case LAC_Q_RESUME:
         lacResume();
         break;
+    case LAC_Q_STOP:
+        lacTellLast();
+        break;
     case LAC_Q_GROUP_LIST:
         lacMemberListChanged(port_no);
         break;

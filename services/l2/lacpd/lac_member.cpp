@@ -164,7 +164,7 @@ std::uint32_t lacSettleMembers(bool retry)
         read_lists_due();
     for (LacPort *port : lac_ports()) {
         const std::uint32_t wanted = lacMemberWanted(port);
-        if (!is_certain(port, wanted) && (retry || wanted != port->member_wanted))
+        if ((retry || wanted != port->member_wanted) && !is_certain(port, wanted))
             due |= lac_port_bit(port);
         port->member_wanted = wanted;
     }

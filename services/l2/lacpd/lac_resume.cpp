@@ -26,6 +26,8 @@ constexpr std::uint64_t SETTLING_TICKS = 3; // for a datastore that is busy; the
 constexpr std::uint64_t TICK_MS = 1000;
 constexpr std::uint32_t LONGEST_WRITE_SECONDS = 20; // the datastore gives one up after 15
 constexpr std::uint64_t WRITE_PAUSE_MS = 100; // a partner that changes with every LACPDU costs no more than this
+constexpr int LONGEST_STOP_MS = 200;          // a dispatcher that waits for the datastore is not waited for
+constexpr useconds_t MS_US = 1000;
 
 std::string file; // set before the threads start
 
@@ -38,6 +40,9 @@ std::uint64_t left_ms; // monotonic: when the daemon before was last alive
 std::uint64_t settling_since; // in ticks
 std::uint64_t written_ms;
 int write_error;
+
+// Written by the dispatcher, read by the main thread.
+Published<bool> told_last;
 
 // Timer thread.
 std::uint64_t seen_ticks;
@@ -149,6 +154,23 @@ void lacResumeBegin(bool wanted)
 bool lacConfigurationRestored()
 {
     return lacWaitAndSend("lacConfigurationRestored", LAC_Q_RESUME, 0, 0) == LAC_OK;
+}
+
+void lacStop()
+{
+    if (get_lac_global_enable() != 1 || lacWaitAndSend("lacStop", LAC_Q_STOP, 0, 0) != LAC_OK)
+        return;
+    for (int waited_ms = 0; waited_ms < LONGEST_STOP_MS && !told_last; ++waited_ms)
+        usleep(MS_US);
+}
+
+void lacTellLast()
+{
+    if (lacResumeStage == LAC_KEEPING)
+        for (LacPort *port : lac_ports())
+            if (kept_of(port).group != 0)
+                lacTxLast(port);
+    told_last = true;
 }
 
 bool lacStampAlive()

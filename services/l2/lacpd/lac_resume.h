@@ -18,6 +18,9 @@ bool lacConfigurationRestored();
 // Once a second: whether the dispatcher goes on, its ticks or, for as long as a datastore may take, a write. Keeps
 // the file's time of modification then. Timer thread.
 bool lacStampAlive();
+// Before an end on purpose: partners of members hear of them once more, so that their timeouts begin with it and not
+// up to a period earlier. Waits for the dispatcher, a moment only. Main thread.
+void lacStop();
 
 // ---- dispatcher ---------------------------------------------------------------------------------------------------
 
@@ -36,6 +39,8 @@ inline bool lacStandsStill(const LacQueueMsg &message)
 }
 // Ports that fit go on as members; LAC_Q_RESUME.
 void lacResume();
+// LACPDUs of the members that are kept; LAC_Q_STOP.
+void lacTellLast();
 // Trunks follow when the members are written, and what has changed is kept.
 void lacKeepResume();
 // Behind every message.

@@ -25,6 +25,7 @@ enum LacQueueCode : std::uint64_t {
     LAC_Q_SYSTEM_ID = 24,
     LAC_Q_RESUME = 25,
     LAC_Q_GROUP_LIST = 26, // a dynamic group's member list has been changed by somebody else
+    LAC_Q_STOP = 27,       // the process is about to end on purpose
     LAC_Q_PDU = 0xFBFBFBFB,
     LAC_Q_TICK = 0xFCFCFCFC,
 };

@@ -205,6 +205,12 @@ void lacTxResume(LacPort *port, std::uint8_t told_state)
     tx_machine(port, Lac_ntt);
 }
 
+void lacTxLast(LacPort *port)
+{
+    if (port->txm != LAC_NO_PERIODIC && port->lacp_enabled != 0)
+        transmit(port, Lac_ntt);
+}
+
 int lac_send_pdu(std::uint32_t port_no, const std::uint8_t *frame)
 {
     lac_trace(LAC_DBG_SEND, "\r\n %s  port %d  bridge port %d cos %d vlan %d\n\r", "lac_send_pdu", port_no, port_no,

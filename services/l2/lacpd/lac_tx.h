@@ -13,6 +13,8 @@ void tx_machine(LacPort *port, std::uint32_t event);
 
 // What a port last told before a restart; tells at once what it is now. Its periodic transmission starts.
 void lacTxResume(LacPort *port, std::uint8_t told_state);
+// A LACPDU at once, whatever else is due: the last one before an end on purpose.
+void lacTxLast(LacPort *port);
 
 // Sends a 124-byte frame (header and PDU) out of a port; the socket's result.
 int lac_send_pdu(std::uint32_t port_no, const std::uint8_t *frame);

@@ -45,6 +45,7 @@ static void sigusr1()
 static void sigint()
 {
     terminating.write();
+    lacStop();
     exit(0);
 }
 
