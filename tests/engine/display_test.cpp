@@ -1,11 +1,9 @@
-// What is shown, typed and traced. Recorded texts are in recorded/, every octet visible.
+// What is shown and traced. Recorded texts are in recorded/, every octet visible.
 #include "engine.h"
 #include "terminal.h"
 
 #include "channel_group_show.h"
 #include "lac_show.h"
-#include "lacp_cli_debug.h"
-#include "lacp_cli_show.h"
 
 #include <algorithm>
 #include <fstream>
@@ -36,9 +34,10 @@ std::string visible(std::string text)
     return text.ends_with('\n') || text.empty() ? text : text + '\n';
 }
 
-std::string page(Terminal &terminal, int node, const std::string &line)
+std::string page(Terminal &terminal, const std::string &rest)
 {
-    return "==== " + line + "\n" + visible(terminal.typed(node, line));
+    const std::string line = "show channel-group " + rest;
+    return "==== " + line + "\n" + visible(terminal.typed(line));
 }
 
 // Each word of each port has a value of its own, wider than its column with the later ports.
@@ -85,176 +84,19 @@ void arrange_eight_ports()
 TEST(Displays, EightPorts)
 {
     Engine engine(1, 8);
-    arrange_eight_ports();
     Terminal terminal;
     std::string all;
+    for (const char *line : {"information", "interface all", "1 port"}) // while LACP is off
+        all += page(terminal, line);
+    arrange_eight_ports();
     for (const char *line : {"information", "interface all", "1 port", "detail", "ports"}) {
-        all += page(terminal, CONFIG_NODE, std::string("show channel-group ") + line);
+        all += page(terminal, line);
         if (line[1] == ' ') {
             intf = {1, 4}; // members are listed inside the inventory's range, uplink ports whatever it is
             set("2.lacp=0 3.up=0 4.lacp=0 4.up=0 5.lacp=0 5.up=0 6.lacp=0 6.up=0 7.lacp=0 7.up=0 8.lacp=0 8.up=0");
         }
     }
     expect_recorded(all, "displays");
-    const std::string rule = std::string(71, '-') + "\n";
-    EXPECT_EQ(terminal.typed("show channel-group 4 detail"),
-              rule + "Channel-group ID:\t\t\t4\nChannel-group Used:\t\t\tNot Used\n" + rule);
-    EXPECT_EQ(terminal.shown([](vty *vty) { lacShowLinkAggregation(vty, LAC_SHOW_ALL_PORTS); }),
-              terminal.typed("show channel-group interface all"));
-}
-
-TEST(Displays, Refusals)
-{
-    Engine engine;
-    Terminal terminal;
-    const auto aggregation = [&] { return terminal.shown([](vty *vty) { lacShowLinkAggregation(vty, 1); }); };
-    const auto neighbor = [&](int group) { return terminal.shown([&](vty *vty) { lacShowNeighbor(vty, group); }); };
-    for (const char *line : {"show channel-group interface all", "show channel-group information"})
-        EXPECT_EQ(terminal.typed(line), "please lacp enable first!\r\n");
-    EXPECT_EQ(terminal.typed("show channel-group 1 port"), "\r\nLACP disabled\r\n");
-    EXPECT_EQ(aggregation(), "\r\nLACP disabled\r\n");
-    set("sys.state=1");
-    for (const int group : {-1, 5})
-        EXPECT_EQ(neighbor(group), "Invalid group id, correct group id is 1 to 4.\r\n");
-    LacSystem *const system = std::exchange(lacSystem, nullptr);
-    EXPECT_EQ(aggregation(), "\r\nLACP not initialization.\r\n");
-    EXPECT_EQ(neighbor(1), "\r\nLACP not initialization.\r\n");
-    lacSystem = system;
-    char text[] = "5"; // what the shell's own syntax does not let through
-    cmd_token token{};
-    token.arg = token.text = text;
-    cmd_token *argv[] = {&token, &token, &token, &token};
-    EXPECT_EQ(printed([&] { cli_lacp_show_neighbor_cmd.func(&cli_lacp_show_neighbor_cmd, nullptr, 4, argv); }),
-              "\r\nInvalid channel group number.\r");
-    EXPECT_EQ(
-        terminal.shown([&](vty *vty) { cli_lacp_sys_debug_set_cmd.func(&cli_lacp_sys_debug_set_cmd, vty, 3, argv); }),
-        "\r\n Msg:wrong lacp debug type\r\n");
-}
-
-// ---- commands -------------------------------------------------------------------------------------------------
-
-TEST(Commands, SyntaxAndHelp)
-{
-    const Terminal terminal;
-    std::string all;
-    for (const int node : {int(VIEW_NODE), int(CONFIG_NODE), UPLINK_PORT_NODE, SHELL_DEBUG_NODE}) {
-        const auto *found = static_cast<const cmd_node *>(vector_lookup(cmdvec, static_cast<unsigned>(node)));
-        for (unsigned i = 0; i < vector_active(found->cmd_vector); ++i) {
-            const auto *command = static_cast<const cmd_element *>(vector_lookup(found->cmd_vector, i));
-            if (const std::string name = command->name; name.ends_with("_cmd") && name[0] != 's')
-                all += found->name + (" " + name) + " [" + command->string + "] " + std::to_string(command->attr) +
-                       " " + std::regex_replace(command->doc, std::regex("\n"), "|") + "\n";
-        }
-    }
-    expect_recorded(all, "commands");
-}
-
-// Keywords may be shortened.
-TEST(Commands, Configuration)
-{
-    struct Line {
-        int node;
-        const char *line, *writes, *fails;
-    };
-    Engine engine;
-    Terminal terminal;
-    for (const bool fails : {false, true}) {
-        set(fails ? "!write=1" : "!write=0");
-        for (const Line &row :
-             {Line{CONFIG_NODE, "lacp system-priority 5", "sys/system-priority=5", "set system-priority to 5"},
-              {CONFIG_NODE, "lacp system-priority def", "sys/system-priority=32768", "set system-priority to 32768"},
-              {CONFIG_NODE, "channel-group 2 load-balance dst-mac", "g2/load-balance=dst-mac",
-               "interface 0/3 set channel-group 2 load-balance to dst-mac"},
-              {UPLINK_PORT_NODE, "no channel-group 2", "-0/p3/g2", "interface 0/3 delete from channel-group 2"},
-              {UPLINK_PORT_NODE, "lacp timeout sh", "p3/timeout=short", "interface 0/3 set timeout to short"},
-              {UPLINK_PORT_NODE, "lacp port-priority 65535", "p3/priority=65535",
-               "interface 0/3 set port-priority to 65535"},
-              {UPLINK_PORT_NODE, "lacp port-priority d", "p3/priority=32768",
-               "interface 0/3 set port-priority to 32768"},
-              {UPLINK_PORT_NODE, "channel-group 2 mode act", "0/p3/mode=active g2",
-               "set channel-group 2 to active mode"}}) {
-            const std::string end =
-                has(row.line, "mode") ? " failed! This group is already in other mode.\n" : " failed!\n";
-            EXPECT_EQ(terminal.typed(row.node, row.line), fails ? "LACP Msg: " + (row.fails + end) : "");
-            EXPECT_EQ(fake::take_writes(), Texts{row.writes}) << row.line;
-        }
-    }
-    terminal.typed("channel-group al load-balance src-ip");
-    EXPECT_EQ(fake::take_writes(), (Texts{"g1/load-balance=src-ip", "g2/load-balance=src-ip",
-                                          "g3/load-balance=src-ip", "g4/load-balance=src-ip"}));
-    for (const char *line : {"interface gigabitEthernet 0/2", "interface gigabitethernet 0/1"}) {
-        terminal.typed(line);
-        EXPECT_EQ(terminal.node() * 10 + terminal.session().port, UPLINK_PORT_NODE * 10 + line[28] - '0');
-    }
-    terminal.typed(UPLINK_PORT_NODE, "exit");
-    EXPECT_EQ(terminal.node(), CONFIG_NODE);
-    // What is written into the configuration.
-    const auto written = [&](int node) {
-        const auto *found = static_cast<const cmd_node *>(vector_lookup(cmdvec, static_cast<unsigned>(node)));
-        return terminal.shown(found->config_write);
-    };
-    set("@g1/load-balance=dst-ip @g1/lacp-type=manual @g2/lacp-type=dynamic @sys/system-priority=5 "
-        "@p1/channel-group=1 @g0/lacp-type=manual @p2/channel-group=2 @p2/mode=passive @p2/timeout=short "
-        "@p2/priority=9 @p3/channel-group=0 @p3/mode=active @p4/channel-group=2 @p4/priority=9");
-    EXPECT_EQ(written(LACP_NODE), "channel-group 1 load-balance dst-ip\nlacp system-priority 5\n");
-    EXPECT_EQ(written(UPLINK_PORT_NODE),
-              "interface gigabitEthernet 0/1\n channel-group 1 mode on\n"
-              "interface gigabitEthernet 0/2\n channel-group 2 mode passive\n lacp timeout "
-              "short\n lacp port-priority 9\n");
-    set("@sys/system-priority=32768 @-p2/timeout @p2/priority=32768 @-g1/load-balance @g1/lacp-type=other "
-        "@p1/priority=7");
-    EXPECT_EQ(written(LACP_NODE), "");
-    EXPECT_EQ(written(UPLINK_PORT_NODE), "interface gigabitEthernet 0/1\n lacp port-priority 7\n"
-                                         "interface gigabitEthernet 0/2\n channel-group 2 mode passive\n");
-    intf = {0, 0};
-    EXPECT_EQ(written(UPLINK_PORT_NODE), "");
-}
-
-TEST(Commands, Debugging)
-{
-    Engine engine;
-    Terminal terminal;
-    const std::tuple<const char *, std::uint32_t, std::uint32_t> words[] = {
-        {"off", ~0U, 0}, {"rx", 7, 0x17},      {"tx", 0x80000010, 0x80008010}, {"task", 0x17, 0x40017},
-        {"pdu", 0, 7},   {"other", 0, 0x2400}, {"all", 0x40007, 0x3FFF8},      {"other", 0x2400, 0x2400}};
-    for (const auto &[keyword, before, after] : words) {
-        lacDebug = before;
-        char confirmation[64];
-        snprintf(confirmation, sizeof(confirmation), "\r\nMsg lacDbgCfg lacDebug %08x\n\r", after);
-        EXPECT_EQ(
-            printed([&, word = keyword] { terminal.typed(SHELL_DEBUG_NODE, std::string("debug lacp ") + word); }),
-            confirmation);
-        EXPECT_EQ(lacDbgGet(), after) << keyword;
-    }
-    const std::tuple<const char *, const char *, const char *> packets[] = {
-        {"no debug lacp packet all", "disable", "disable"}, {"debug lacp packet tx", "disable", "enable"},
-        {"debug lacp packet rx", "enable", "enable"},       {"no debug lacp packet tx", "enable", "disable"},
-        {"no debug lacp packet rx", "disable", "disable"},  {"debug lacp packet all", "enable", "enable"}};
-    for (const auto &[line, rx, tx] : packets) {
-        EXPECT_EQ(terminal.typed(SHELL_DEBUG_NODE, line),
-                  std::string("LACP packet debug rx ") + rx + " tx " + tx + "\n");
-        EXPECT_EQ(lacp_get_pkt_debug(0) << 1 | lacp_get_pkt_debug(5),
-                  (rx[0] == 'e' ? 2U : 0U) | (tx[0] == 'e' ? 1U : 0U));
-    }
-}
-
-TEST(Commands, Database)
-{
-    Engine engine;
-    Terminal terminal;
-    fake::datastore().missing = 255;
-    set("@g1/load-balance=src-dst-mac @g1/lacp-type=dynamic @g2/lacp-type=manual @g1/join-port/1 @g1/join-port/2 "
-        "@g1/member-port/2 @g2/member-port/3 @sys/system-priority=65535 @xml=1");
-    std::string all = page(terminal, CONFIG_NODE, "show lacp database");
-    set("@p3/channel-group=2 @p3/priority=100 @p3/timeout=short @p3/mode=passive @p3/actor/id=3 "
-        "@p3/actor/synchronization=1 @p3/actor/col-dis=0 @p3/actor/mode=passive @p3/actor/oper-key=65535 "
-        "@p3/actor/port-state=61 @p3/actor/priority=100 @p3/actor/timeout=short "
-        "@p3/actor/system-id=0211.22aa.bbcc");
-    for (const char *rest : {"", " actor information", " partner information"})
-        all += page(terminal, UPLINK_PORT_NODE, std::string("show lacp database") + rest);
-    expect_recorded(all, "database");
-    terminal.session().port = 1;
-    EXPECT_EQ(terminal.typed(UPLINK_PORT_NODE, "show lacp database"), "");
 }
 
 // ---- traces and dumps -----------------------------------------------------------------------------------------
@@ -305,11 +147,6 @@ TEST(Traces, FramesAreDumped)
     };
     EXPECT_EQ(printed([] { lacp_pkt_dump(hex("abcdef").data(), 3, "send"); }), dump("send", "3", "abcd ef"));
     EXPECT_EQ(printed([] { lacp_pkt_dump(nullptr, -1, "send"); }), dump("send", "-1", ""));
-    std::string longest;
-    for (int i = 0; i < 136; ++i)
-        longest += "a5a5 a5a5 a5a5 a5a5 a5a5 a5a5 a5a5 a5a5 \n";
-    EXPECT_EQ(printed([] { lacp_pkt_dump(Bytes(2176, 0xA5).data(), 2176, "send"); }), dump("send", "2176", longest));
-
     Engine engine;
     const auto exchange = [&](std::uint32_t rx, std::uint32_t tx) {
         lacp_set_pkt_debug(LACP_PKT_RX, rx);
