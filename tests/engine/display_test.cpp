@@ -1,11 +1,13 @@
-// What is shown and traced. Recorded texts are in recorded/, every octet visible.
+// What is shown, typed and traced. Recorded texts are in recorded/, every octet visible.
 #include "engine.h"
 #include "terminal.h"
 
-#include "channel_group_show.h"
 #include "lac_show.h"
+#include "lacp_cli_debug.h"
+#include "lacp_cli_show.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -34,51 +36,34 @@ std::string visible(std::string text)
     return text.ends_with('\n') || text.empty() ? text : text + '\n';
 }
 
-std::string page(Terminal &terminal, const std::string &rest)
-{
-    const std::string line = "show channel-group " + rest;
-    return "==== " + line + "\n" + visible(terminal.typed(line));
-}
-
 // Each word of each port has a value of its own, wider than its column with the later ports.
 void arrange_eight_ports()
 {
     std::ostringstream words;
     for (unsigned port = 1; port <= 8; ++port) {
-        const auto word = [&](const char *name, std::uint64_t value) {
-            words << ' ' << std::dec << port << '.' << name << '=' << std::hex << value;
+        std::uint64_t at = 0;
+        const auto put = [&](const char *names, const std::function<std::uint64_t()> &value) {
+            std::istringstream list(names);
+            for (std::string name; list >> name;)
+                words << ' ' << std::dec << port << '.' << name << '=' << std::hex << (++at, value());
         };
-        std::uint64_t value = 0;
-        for (const char *name :
-             {"asp",     "key",      "prio",       "no",        "psp",       "pkey",     "pprio",   "pno",
-              "aokey",   "apsp",     "apkey",      "aggid",     "hold",      "n_moved",  "n_rx",    "n_tx",
-              "n_trans", "n_marker", "n_response", "n_unknown", "n_illegal", "n_answer", "n_change"})
-            word(name, ++value * (port == 1 ? 1 : 273 * port));
-        for (const char *name : {"asys", "psys", "apsys", "amac"})
-            word(name, value++ * 0x10F0E0D0C0 * port);
-        for (const char *name : {"cw", "per", "ww", "txs"})
-            word(name, (port & 1) << 16 | (++value * 31 * port) % 256 << 8 | port * 29);
-        unsigned bit = 0;
-        for (const char *name : {"up", "alone", "ready", "lacp", "collects", "ntt", "moved", "ready_n"})
-            word(name, (port * 0x5Du >> bit++) & 1);
-        for (const auto &[name, from] : {std::pair("rx", "01234567"),
-                                         {"tx", "01234512"},
-                                         {"sel", "01230012"},
-                                         {"mux", "01234567"},
-                                         {"group", "11223332"},
-                                         {"agg", "11334578"}})
-            word(name, static_cast<std::uint64_t>(from[port - 1] - '0'));
-        word("actor", port * 0x2B % 256);
-        word("partner", port * 0x35 % 256);
-        word("mask", port * 0x1F0A5u);
+        put("asp key prio no psp pkey pprio pno aokey apsp apkey aggid hold n_moved n_rx n_tx n_trans n_marker "
+            "n_response n_unknown n_illegal n_answer n_change",
+            [&] { return at * (port == 1 ? 1 : 273 * port); });
+        put("asys psys apsys amac", [&] { return (at - 1) * 0x10F0E0D0C0 * port; });
+        put("cw per ww txs", [&] { return (port & 1) << 16 | at * 31 * port % 256 << 8 | port * 29; });
+        put("up alone ready lacp collects ntt moved ready_n", [&] { return port * 0x5D >> (at & 7) & 1; });
+        put("actor", [&] { return port * 0x2B % 256; });
+        put("partner", [&] { return port * 0x35 % 256; });
+        put("mask", [&] { return port * 0x1F0A5; });
+        for (const char *column : {"rx=01234567", "tx=01234512", "sel=01230012", "mux=01234567", "agg=11334578"})
+            put(std::string(column, strcspn(column, "=")).c_str(), [&] { return strchr(column, '=')[port] - '0'; });
         lacNoToPort(port)->port_mac[5] = static_cast<std::uint8_t>(0xC0 + port);
     }
     set(words.str());
-    set("2.up=1 1.chain=2 2.chain=1 8.rx=9 8.mux=13 sys.state=1 sys.on=1 sys.prio=1234 sys.mac=21122aabbcc link1=1 "
-        "link2=1 link3=0 link4=1 "
-        "link8=1 "
-        "g1.used=1 g2.used=1 g1.type=5 g2.type=3 g1.list=3 g1.up=1 g2.code=13 g2.list=cc g2.up=cc "
-        "g3.code=1");
+    set("1.group=1 2.group=1 3.group=2 4.group=2 2.up=1 1.chain=2 2.chain=1 8.rx=9 8.mux=13 sys.state=1 sys.on=1 "
+        "sys.prio=1234 sys.mac=21122aabbcc link1=1 link2=1 link3=0 link4=1 link8=1 g1.used=1 g2.used=1 g1.type=5 "
+        "g2.type=3 g1.list=3 g1.up=1 g2.code=13 g2.list=cc g2.up=cc g3.code=1");
 }
 
 TEST(Displays, EightPorts)
@@ -86,17 +71,43 @@ TEST(Displays, EightPorts)
     Engine engine(1, 8);
     Terminal terminal;
     std::string all;
-    for (const char *line : {"information", "interface all", "1 port"}) // while LACP is off
-        all += page(terminal, line);
+    const auto page = [&](const std::string &line) { all += "==== " + line + "\n" + visible(terminal.typed(line)); };
+    for (const std::string line : {"information", "interface all", "1 port"}) // while LACP is off
+        page("show channel-group " + line);
     arrange_eight_ports();
-    for (const char *line : {"information", "interface all", "1 port", "detail", "ports"}) {
-        all += page(terminal, line);
+    for (const std::string line : {"information", "interface all", "1 port", "detail", "ports"}) {
+        page("show channel-group " + line);
         if (line[1] == ' ') {
             intf = {1, 4}; // members are listed inside the inventory's range, uplink ports whatever it is
             set("2.lacp=0 3.up=0 4.lacp=0 4.up=0 5.lacp=0 5.up=0 6.lacp=0 6.up=0 7.lacp=0 7.up=0 8.lacp=0 8.up=0");
         }
     }
     expect_recorded(all, "displays");
+}
+
+// What no line of the shell's own syntax leads to.
+TEST(Displays, Refusals)
+{
+    Engine engine;
+    Terminal terminal;
+    const auto shown = [&](const char *text, const auto &show) { EXPECT_EQ(terminal.shown(show), text); };
+    const auto aggregation = [](vty *vty) { lacShowLinkAggregation(vty, 1); };
+    shown("\r\nLACP disabled\r\n", aggregation);
+    set("sys.state=1");
+    for (const int group : {-1, 5})
+        shown("Invalid group id, correct group id is 1 to 4.\r\n", [=](vty *vty) { lacShowNeighbor(vty, group); });
+    LacSystem *const system = std::exchange(lacSystem, nullptr);
+    shown("\r\nLACP not initialization.\r\n", aggregation);
+    shown("\r\nLACP not initialization.\r\n", [](vty *vty) { lacShowNeighbor(vty, 1); });
+    lacSystem = system;
+    char text[] = "5";
+    cmd_token token{};
+    token.arg = token.text = text;
+    cmd_token *argv[] = {&token, &token, &token, &token};
+    EXPECT_EQ(printed([&] { cli_lacp_show_neighbor_cmd.func(&cli_lacp_show_neighbor_cmd, nullptr, 4, argv); }),
+              "\r\nInvalid channel group number.\r");
+    shown("\r\n Msg:wrong lacp debug type\r\n",
+          [&](vty *vty) { cli_lacp_sys_debug_set_cmd.func(&cli_lacp_sys_debug_set_cmd, vty, 3, argv); });
 }
 
 // ---- traces and dumps -----------------------------------------------------------------------------------------
@@ -141,29 +152,22 @@ TEST(Traces, EachBitHasItsOwn)
 
 TEST(Traces, FramesAreDumped)
 {
-    const std::string line = "\n=================================================\r\n"; // 49 signs
-    const auto dump = [&](const std::string &what, const std::string &length, const std::string &text) {
-        return line + "description: " + what + "\npacket len:  " + length + "\n\n" + text + line;
-    };
-    EXPECT_EQ(printed([] { lacp_pkt_dump(hex("abcdef").data(), 3, "send"); }), dump("send", "3", "abcd ef"));
-    EXPECT_EQ(printed([] { lacp_pkt_dump(nullptr, -1, "send"); }), dump("send", "-1", ""));
     Engine engine;
-    const auto exchange = [&](std::uint32_t rx, std::uint32_t tx) {
+    std::string all;
+    for (const auto &[rx, tx] : {std::pair(0U, 0U), {1, 0}, {0, 1}}) {
         lacp_set_pkt_debug(LACP_PKT_RX, rx);
         lacp_set_pkt_debug(LACP_PKT_TX, tx);
-        const Bytes frame = hex("0180c2000002 021122aabbcc 8809 0102");
-        return printed([&] {
+        all += visible(printed([] {
             Engine::hear(tagged_frame(3, hex("0a0b")));
-            lacp_bpdu_transmit(0, 0, 3, frame.data(), frame.size());
-        });
+            lacp_bpdu_transmit(0, 0, 3, hex("0180c2000002 021122aabbcc 8809 0102").data(), 16);
+        }));
+    }
+    const auto dump = [](int length) {
+        return printed([=] { lacp_pkt_dump(Bytes(2176, 0xA5).data(), length, "send"); });
     };
-    EXPECT_EQ(exchange(0, 0), "");
-    EXPECT_EQ(exchange(1, 0),
-              dump("recv(lacp raw data)", "32",
-                   "0180 c200 0002 0233 4455 6677 9082 0000 \n0000 0003 0000 0000 8100 0001 8809 0a0b \n") +
-                  dump("recv(lacp no ktag and port)", "20", "0180 c200 0002 0233 4455 6677 8100 0001 \n8809 0a0b "));
-    EXPECT_EQ(exchange(0, 1),
-              dump("send", "28", "0180 c200 0002 0211 22aa bbcc 9089 0000 \n0000 0300 0000 0000 8809 0102 "));
+    all += visible(dump(3) + dump(-1));
+    EXPECT_EQ(std::ranges::count(dump(2176), '5'), 2176);
+    expect_recorded(all, "dumps");
 }
 
 } // namespace
