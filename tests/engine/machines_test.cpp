@@ -288,7 +288,7 @@ const std::vector<Row> MACHINES = {
     {"WAITING g1.agg=0 @p1/channel-group=1", "msg 22/1=1 | msg 22/2=9", ""},
     {"DOWN link1=0 lacp=0", "msg 7/1=0 | msg 16/1=1", "lacp=1 sys.changed=1"},
     {"DOWN link1=0 lacp=0 sys.on=0", "msg 16/1=1", "lacp=1"},
-    {"SERVING sys.on=0", "msg 5/1=0 | msg 6/1=0 | msg 7/1=0 | msg 2/0=0", ""},
+    {"SERVING sys.on=0", "msg 5/1=0 | msg 6/1=0 | msg 7/1=0 | msg 2/0=0 | msg 4244438268/0=0", ""},
     {"DOWN", "msg 5/1=0", "up=1 partner=2 actor=c5 rx=2 cw=10303 sys.changed=1 sel=2 STARTS_WAITING TOLD"},
     {"DOWN rx=2 up=1", "msg 6/1=0",
      "partner=2 actor=c5 cw=10303 sys.changed=1 sel=2 STARTS_WAITING"}, // the link is up

@@ -159,6 +159,12 @@ TEST(Packets, WhatIsReceived)
     EXPECT_EQ(heard(all), "actor=5 apkey=a203 apsp=a101 apsys=b1b2b3b4b5b6 cw=15a5a heard=a6 heard_at=1 n_change=1 "
                           "n_rx=1 n_unmatched=1 partner=a6 pkey=a203 pno=a405 pprio=a304 pres=d1d2d3 psp=a101 "
                           "psys=b1b2b3b4b5b6 rx=1 sel=0");
+    std::string says;
+    EXPECT_EQ(
+        changes([&] { engine.receive(1, {}), engine.receive(1, hex("0a01")), engine.receive(1, hex("020103")); },
+                &says),
+        "n_unknown=3");
+    EXPECT_TRUE(has(says, "LACP: not valid PDU with Slow Protocol Type Subtype - 02 TLV type = 03"));
     for (std::size_t byte = 0; byte < 6; ++byte) {
         Bytes frame = tagged_frame(1, all);
         frame[byte] ^= 1;
