@@ -23,28 +23,24 @@ Bytes operator+(Bytes front, const Bytes &back)
     return front;
 }
 
-static Bytes word(unsigned value)
-{
-    return {static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
-}
-
-static Bytes information(std::uint8_t type, const LacInfo &info)
-{
-    return Bytes{type, 20} + word(info.system_priority) + Bytes(info.system.begin(), info.system.end()) +
-           word(info.key) + word(info.port_priority) + word(info.port) + Bytes{info.state} +
-           Bytes(info.reserved.begin(), info.reserved.end());
-}
-
+// Octet by octet the encoding is compared elsewhere.
 Bytes pdu_bytes(const LacInfo &actor, const LacInfo &partner)
 {
-    Bytes bytes = Bytes{1, 1} + information(1, actor) + information(2, partner) + Bytes{3, 16, 0, 50};
-    bytes.resize(LAC_PDU_SIZE);
+    Bytes bytes(LAC_PDU_SIZE);
+    std::ranges::copy(hex("01 01 01 14"), bytes.begin());
+    lacEncodeInfo(actor, &bytes[4]);
+    std::ranges::copy(hex("02 14"), bytes.begin() + 22);
+    lacEncodeInfo(partner, &bytes[24]);
+    std::ranges::copy(hex("03 10 00 32"), bytes.begin() + 42);
     return bytes;
 }
 
 Bytes tagged_frame(std::uint32_t port_no, const Bytes &pdu)
 {
-    return hex("0180c2000002 023344556677 9082 00000000") + word(port_no) + hex("00000000 81000001 8809") + pdu;
+    Bytes frame = hex("0180c2000002 023344556677 9082 00000000 0000 00000000 81000001 8809");
+    frame[18] = static_cast<std::uint8_t>(port_no >> 8);
+    frame[19] = static_cast<std::uint8_t>(port_no);
+    return frame + pdu;
 }
 
 // ---- wire and output ------------------------------------------------------------------------------------------
@@ -247,7 +243,7 @@ void set(const std::string &words)
         else if (name[0] == '!')
             fake::datastore().failures[name.substr(1)] = std::stoi(value);
         else if (name.starts_with("link"))
-            Engine::set_link(static_cast<std::uint32_t>(std::stoul(name.substr(4))), value == "1");
+            fake::datastore().leaves["p" + name.substr(4) + "/link-status"] = value == "1" ? "up" : "down";
         else if (name[0] == 'g' && name[2] == '.')
             std::ranges::find(GROUP_WORDS, name.substr(3), &GroupWord::name)
                 ->set(name[1] - '0', static_cast<std::uint32_t>(std::stoul(value, nullptr, 16)));
@@ -357,7 +353,9 @@ Engine::Engine(std::uint32_t first_port, std::uint32_t last_port)
     fake::datastore().member_changed = [](const std::string &change) { // what the engine writes comes back
         return fake::deliver(lacp_channel_group_cb, SR_EV_CHANGE, change);
     };
+    far.push_back({});
     for (std::uint32_t number = 1; number <= LAC_MAX_PORTS; ++number) { // the handlers outlive the engine
+        far.push_back({peer(static_cast<std::uint16_t>(number))});
         const std::string port = "p" + std::to_string(number);
         fake::deliver(lacp_interface_trunk_cb, SR_EV_CHANGE, "+" + port + "/channel-group=0");
         fake::deliver(lacp_interface_trunk_cb, SR_EV_CHANGE, "-" + port + "/mode=active");
@@ -415,18 +413,6 @@ void Engine::tick(unsigned count)
     }
 }
 
-void Engine::set_link(std::uint32_t port_no, bool up)
-{
-    const std::lock_guard guard(fake::datastore().lock);
-    fake::datastore().leaves["p" + std::to_string(port_no) + "/link-status"] = up ? "up" : "down";
-}
-
-void Engine::change_link(std::uint32_t port_no, bool up)
-{
-    configure("p" + std::to_string(port_no) + "/link-status=" + (up ? "down>up" : "up>down"));
-    dispatch();
-}
-
 void Engine::hear(Bytes frame)
 {
     const std::size_t length = std::min(frame.size(), LACP_RX_BUFFER_SIZE);
@@ -479,17 +465,41 @@ LacPort &Engine::running_port(std::uint32_t port_no, unsigned group)
     switch_on();
     if (state()["g" + std::to_string(group) + ".type"] == CHANNEL_GROUP_UNSET)
         configure("+g" + std::to_string(group) + "/lacp-type=dynamic");
-    set_link(port_no, true);
+    set("link" + std::to_string(port_no) + "=1");
     join(port_no, group);
     dispatch();
     return port(port_no);
 }
 
-LacPort &Engine::current_port(std::uint32_t port_no, unsigned group)
+void Engine::answer(std::uint32_t port_no)
 {
-    LacPort &record = running_port(port_no, group);
-    receive(port_no, pdu_bytes(peer(static_cast<std::uint16_t>(port_no)), lac_actor_info(&record)));
-    return record;
+    hear(tagged_frame(port_no, pdu_bytes(far[port_no].self, far[port_no].heard)));
+}
+
+std::uint32_t Engine::second(bool eager)
+{
+    tick();
+    std::uint32_t told = 0;
+    for (const SentFrame &frame : wire.take()) {
+        told |= 1U << (frame.port() - 1);
+        far[frame.port()].heard = frame.actor();
+    }
+    for (std::uint32_t number = 1; number <= intf.last_uplink_port; ++number) {
+        const bool asked = eager && (far[number].heard.state & LAC_TIMEOUT) != 0;
+        if (((told >> (number - 1) & 1) != 0 || asked) && far[number].talks && lacIsLinkUp(&port(number)) == 1) {
+            answer(number);
+            dispatch();
+        }
+    }
+    return told;
+}
+
+std::uint32_t Engine::trunk(std::uint32_t group)
+{
+    for (const fake::Message &message : fake::take_messages())
+        if (message.at(7) != SCLIENT_MSG_TRUNK_PSC_SET)
+            trunks_.at(message.at(11)) = message.at(7) == SCLIENT_MSG_TRUNK_CREATE ? message.at(19) : 0;
+    return trunks_.at(group);
 }
 
 // ---- rows -----------------------------------------------------------------------------------------------------
@@ -566,27 +576,29 @@ std::string expanded(const std::string &words)
     return out;
 }
 
+void set_info(LacInfo &info, const std::string &word)
+{
+    const std::string name = word.substr(0, word.find('='));
+    const std::uint64_t value = std::stoull(expanded(word.substr(word.find('=') + 1)), nullptr, 16);
+    if (name == "sys")
+        info.system = PublishedMac::unpack(value);
+    else if (name == "state")
+        info.state = static_cast<std::uint8_t>(value);
+    else
+        (name == "sp"     ? info.system_priority
+         : name == "key"  ? info.key
+         : name == "prio" ? info.port_priority
+                          : info.port) = static_cast<std::uint16_t>(value);
+}
+
 // A LACPDU of port 1's partner that knows us; "key=9" of the actor's side, "v.key=9" of its view differ.
 static void hear_partner(const std::string &differences)
 {
-    LacInfo sides[] = {{0x8000, PEER_MAC, 7, 0x8000, 1, 0x3D, {}}, lac_actor_info(lacNoToPort(1))};
-    std::istringstream text(expanded(differences));
-    for (std::string word; text >> word;) {
-        const bool view = word.starts_with("v.");
-        const std::string name = word.substr(view ? 2 : 0, word.find('=') - (view ? 2 : 0));
-        const std::uint64_t value = std::stoull(word.substr(word.find('=') + 1), nullptr, 16);
-        LacInfo &side = sides[view ? 1 : 0];
-        if (name == "sys")
-            side.system = PublishedMac::unpack(value);
-        else if (name == "state")
-            side.state = static_cast<std::uint8_t>(value);
-        else
-            (name == "sp"     ? side.system_priority
-             : name == "key"  ? side.key
-             : name == "prio" ? side.port_priority
-                              : side.port) = static_cast<std::uint16_t>(value);
-    }
-    lacRx(lacNoToPort(1), lacDecodePdu(pdu_bytes(sides[0], sides[1]).data()));
+    LacInfo actor = {0x8000, PEER_MAC, 7, 0x8000, 1, 0x3D, {}}, view = lac_actor_info(lacNoToPort(1));
+    std::istringstream text(differences);
+    for (std::string word; text >> word;)
+        word.starts_with("v.") ? set_info(view, word.substr(2)) : set_info(actor, word);
+    lacRx(lacNoToPort(1), lacDecodePdu(pdu_bytes(actor, view).data()));
 }
 
 std::string act(const std::string &event)

@@ -106,8 +106,6 @@ class Engine
     static void dispatch();               // everything that is queued
     static void tick(unsigned count = 1); // through the queue
 
-    static void set_link(std::uint32_t port_no, bool up);    // the leaf alone
-    static void change_link(std::uint32_t port_no, bool up); // the leaf and what follows from it
     // A frame, or a LACPDU, on a port: from the packet buffer to the receive machine.
     static void hear(Bytes frame);
     static void receive(std::uint32_t port_no, const Bytes &pdu);
@@ -118,11 +116,25 @@ class Engine
 
     // A partner that fits an aggregatable, active system.
     static LacInfo peer(std::uint16_t port_no = 1, Mac system = PEER_MAC);
-    // A port in a running dynamic group with its link up, in EXPIRED; and after its partner was heard, in CURRENT.
+    // A port in a running dynamic group with its link up, in EXPIRED.
     LacPort &running_port(std::uint32_t port_no, unsigned group = 1);
-    LacPort &current_port(std::uint32_t port_no, unsigned group = 1);
 
+    // One tick; then every far end that was told something, or is asked for the short timeout when they are `eager`,
+    // answers what it heard last. The ports that were told something, as bits.
+    std::uint32_t second(bool eager = false);
+    void answer(std::uint32_t port_no);
+    std::uint32_t trunk(std::uint32_t group); // as the switch has it
+
+    struct FarEnd { // of a port's cable
+        LacInfo self;
+        LacInfo heard{};
+        bool talks = true;
+    };
+    std::vector<FarEnd> far; // by port; the first is nobody's
     Wire wire;
+
+  private:
+    std::array<std::uint32_t, 5> trunks_{};
 };
 
 // ---- rows -----------------------------------------------------------------------------------------------------
@@ -143,5 +155,6 @@ void check(const std::vector<Row> &rows);
 std::string expanded(const std::string &words); // names in capitals written out
 void arrange(const std::string &given);         // of a running engine
 std::string request_text(const fake::Message &message);
-std::string act(const std::string &event); // to port 1; what it returns
+std::string act(const std::string &event);             // to port 1; what it returns
+void set_info(LacInfo &info, const std::string &word); // "key=9"
 extern const std::vector<Row> MACHINES;

@@ -158,7 +158,7 @@ TEST(Handlers, Orders)
     const auto configured = [](const char *change) { return changes([=] { Engine::configure(change); }); };
     Engine engine;
     Engine::switch_on();
-    Engine::set_link(1, true);
+    set("link1=1");
     set("g2.type=5");
     Engine::configure("+p1/channel-group=2");
     // The join is still in the queue: who goes with the group does not stay behind.
@@ -166,7 +166,9 @@ TEST(Handlers, Orders)
     Engine::dispatch();
     EXPECT_EQ(get_lacp_port_state(1), 0);
 
-    engine.current_port(1, 2);
+    engine.running_port(1, 2);
+    engine.far[1].heard = lac_actor_info(&Engine::port(1));
+    engine.answer(1);
     fake::datastore().failures["+member-port"] = KEL_DB_BUSY;
     Engine::tick(5);
     fake::datastore().failures.clear();
@@ -246,7 +248,7 @@ TEST(Groups, Table)
 TEST(Groups, TheDriverServiceMayBeAway)
 {
     Engine engine;
-    Engine::set_link(1, true);
+    set("link1=1");
     fake::driver().unreachable = true;
     constexpr char UNSENT[] = "deal_channel_group_updown_port sclient_send_message() failed ret -1\r\n";
     for (const std::string change : {"+g1/member-port=1", "-g1/member-port=1"}) { // accepted all the same
