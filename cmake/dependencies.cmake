@@ -1,6 +1,9 @@
 # Finds libyang, sysrepo and libfrr: in LACPD_DEPS_PREFIX, or where scripts/deps.sh has put them.
 if(NOT LACPD_DEPS_PREFIX)
-  execute_process(COMMAND ${CMAKE_SOURCE_DIR}/scripts/deps.sh --prefix OUTPUT_VARIABLE LACPD_DEPS_PREFIX
+  if(LACPD_SANITIZER STREQUAL "thread") # which sees only what it has built
+    set(sanitize --sanitize thread)
+  endif()
+  execute_process(COMMAND ${CMAKE_SOURCE_DIR}/scripts/deps.sh ${sanitize} --prefix OUTPUT_VARIABLE LACPD_DEPS_PREFIX
                   OUTPUT_STRIP_TRAILING_WHITESPACE)
 endif()
 set(LACPD_DEPS_PREFIX "${LACPD_DEPS_PREFIX}" CACHE PATH "Prefix of libyang, sysrepo and libfrr")

@@ -4,8 +4,10 @@
 #
 #   scripts/deps.sh                      install packages, build what is missing, print the prefix
 #   scripts/deps.sh --tests              and the packages that only the tests need
+#   scripts/deps.sh --nightly            and those that only the tests of a night need
 #   scripts/deps.sh --target aarch64     the same for 64-bit ARM, cross-built, in a prefix of its own; its folder
 #                                        "sysroot" has Debian's arm64 libraries and headers
+#   scripts/deps.sh --sanitize thread    built with ThreadSanitizer, in a prefix of their own
 #   scripts/deps.sh [...] --prefix       print the prefix only
 #
 # LACPD_DEPS_CACHE    folder for prefixes and tarballs (default: /var/cache/lacpd-deps for root, since user "daemon"
@@ -33,6 +35,7 @@ TEST_PACKAGES=(
   clang clang-format
   python3-pytest python3-scapy curl openvswitch-switch
 )
+NIGHTLY_PACKAGES=(mmdebstrap debian-archive-keyring qemu-system-x86)
 CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user mmdebstrap debian-archive-keyring)
 SYSROOT_PACKAGES=(
   libc6-dev libstdc++-12-dev libpcre2-dev libjson-c-dev libelf-dev libprotobuf-c-dev libcap-dev libreadline-dev
@@ -42,7 +45,9 @@ SYSROOT_PACKAGES=(
 usage() { sed -n '2,/^set /{/^set /d;s/^# \{0,1\}//;p}' "$0"; }
 
 target=
+sanitizer=
 tests=
+nightly=
 prefix_only=
 while [ $# -gt 0 ]; do
   case $1 in
@@ -54,7 +59,16 @@ while [ $# -gt 0 ]; do
     target=$2
     shift
     ;;
+  --sanitize)
+    [ "${2:-}" = thread ] || {
+      usage >&2
+      exit 1
+    }
+    sanitizer=$2
+    shift
+    ;;
   --tests) tests=yes ;;
+  --nightly) nightly=yes ;;
   --prefix) prefix_only=yes ;;
   *)
     usage >&2
@@ -71,7 +85,7 @@ else
   cache=${LACPD_DEPS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lacpd-deps}
 fi
 key=$(printf '%s|%s|%s|%s|%s' "$LIBYANG_VERSION" "$SYSREPO_VERSION" "$FRR_VERSION" "$RECIPE" \
-  "${target:+$CROSS_RECIPE|}${target:-$(uname -m)}" | sha256sum | cut -c1-12)
+  "${target:+$CROSS_RECIPE|}${target:-$(uname -m)}${sanitizer:+|$sanitizer}" | sha256sum | cut -c1-12)
 prefix=$cache/$key
 sysroot=$prefix/sysroot
 if [ -n "$prefix_only" ]; then
@@ -187,7 +201,7 @@ build_cmake() { # NAME [CMAKE OPTION ...]
   say "building $name"
   cmake -S "$work/$name" -B "$work/$name/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_INSTALL_RPATH="$prefix/lib" -DENABLE_TESTS=OFF \
+    -DCMAKE_INSTALL_RPATH="$prefix/lib" -DENABLE_TESTS=OFF ${sanitizer:+-DCMAKE_C_FLAGS="-fsanitize=$sanitizer"} \
     ${target:+-DCMAKE_TOOLCHAIN_FILE="$here/../cmake/$target-linux-gnu.cmake" -DLACPD_DEPS_PREFIX="$prefix"} \
     "$@" >"$work/$name.log" 2>&1 &&
     cmake --build "$work/$name/build" >>"$work/$name.log" 2>&1 &&
@@ -233,7 +247,8 @@ build_frr() {
     done
     ./configure --prefix="$prefix" --sysconfdir=/etc --localstatedir=/var --libdir="$prefix/lib" \
       --with-yangmodelsdir=/usr/share/base-files --enable-user=daemon --enable-group=daemon --enable-vty-group=daemon \
-      --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}" "${cross[@]}"
+      --disable-doc --disable-static --disable-ospfclient --disable-ospfapi --disable-bgp-vnc "${off[@]}" "${cross[@]}" \
+      ${sanitizer:+"--enable-$sanitizer-sanitizer"}
     make -j"$(nproc)" lib/mgmt.pb-c.h lib/gitversion.h lib/vtysh_daemons.h lib/route_types.h
     make -j"$(nproc)" lib/libfrr.la
     mkdir -p "$prefix/lib" "$prefix/include/frr/lib"
@@ -246,7 +261,8 @@ build_frr() {
   }
 }
 
-install_packages "${PACKAGES[@]}" ${tests:+"${TEST_PACKAGES[@]}"} ${target:+"${CROSS_PACKAGES[@]}"}
+install_packages "${PACKAGES[@]}" ${tests:+"${TEST_PACKAGES[@]}"} ${nightly:+"${NIGHTLY_PACKAGES[@]}"} \
+  ${target:+"${CROSS_PACKAGES[@]}"}
 if [ ! -e "$prefix/.complete" ]; then
   mkdir -p "$cache"
   exec 9>"$cache/lock"
@@ -268,7 +284,10 @@ if [ ! -e "$prefix/.complete" ]; then
     }
     # Files of the datastore belong to the daemon's group and to nobody else. Its shared memory has a folder of
     # its own: in the sticky /dev/shm one user cannot replace another one's files.
-    build_cmake sysrepo -DSYSREPO_GROUP="$DAEMON_GROUP" -DSYSREPO_UMASK=00007 -DENABLE_SYSREPO_PLUGIND=OFF \
+    # The sanitizer does not know locks with a clock of the caller's choice; sysrepo has others in their place.
+    build_cmake sysrepo \
+      ${sanitizer:+-DHAVE_PTHREAD_MUTEX_CLOCKLOCK=OFF -DHAVE_PTHREAD_COND_CLOCKWAIT=OFF} \
+      -DSYSREPO_GROUP="$DAEMON_GROUP" -DSYSREPO_UMASK=00007 -DENABLE_SYSREPO_PLUGIND=OFF \
       -DINSTALL_SYSCTL_CONF=OFF -DSYSREPO_SUPERUSER_UID=0 \
       -DREPO_PATH=/etc/sysrepo -DSHM_DIR=/dev/shm/sysrepo &
     sysrepo=$!

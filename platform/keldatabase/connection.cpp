@@ -200,6 +200,8 @@ try {
 
 void database_close(KelDb *db)
 {
-    if (db != nullptr)
-        const std::unique_ptr<KelDb::Connection> closed(std::exchange(db->connection, nullptr));
+    if (db == nullptr)
+        return;
+    std::unique_ptr<KelDb::Connection>(db->connection).reset(); // its thread reads the pointer until it has ended
+    db->connection = nullptr;
 }

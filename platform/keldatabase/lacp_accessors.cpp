@@ -141,8 +141,10 @@ int db_olt_lacp_set_group_load_balance(int group, KelDb *db, const char *text, s
 
 int db_olt_lacp_set_group_member_port(int group, KelDb *db, const char *name, std::uint32_t, std::uint32_t)
 {
-    return name != nullptr ? apply_member(Transaction(db).set(kel::group_path(group, "member-port"), name))
-                           : kel::FAILED;
+    // The value in the path: as a value of its own libyang would count its use without regard to other threads.
+    return name != nullptr
+               ? apply_member(Transaction(db).set(kel::group_list_path(group, "member-port", name), nullptr))
+               : kel::FAILED;
 }
 
 int db_olt_lacp_del_group_member_port(int group, int slot, std::uint32_t port, KelDb *db)

@@ -55,11 +55,15 @@ else
   check "the configuration is in force after a boot" serves
   processes=$(property ExecMainPID "${UNITS[@]}")
   check "a higher version installs over it" 'dpkg -i lacpd_2_*.deb'
-  check "it has restarted each unit" 'serves && ! property ExecMainPID "${UNITS[@]}" | grep -xF "$processes"'
-  check "an upgrade starts nothing that was stopped" \
-    'systemctl stop olt-switch lacpd && dpkg -i lacpd_2_*.deb && active 1'
+  check "only the daemon has changed and started again" \
+    'serves && [ "$(property ExecMainPID "${UNITS[@]}" | grep -cxF "$processes")" = 2 ]'
+  check "its ports went on" "journalctl -b -u lacpd | grep '2 of 2 member ports go on'"
+  check "another library, which all have in use" 'dpkg -i lacpd_3_*.deb'
+  check "each has started again" 'serves && ! property ExecMainPID "${UNITS[@]}" | grep -xF "$processes"'
+  systemctl stop olt-switch lacpd && dpkg -i lacpd_3_*.deb >/dev/null
+  check "an upgrade starts nothing that was stopped" 'active 1 && [ -z "$(systemctl list-jobs --no-legend)" ]'
   check "removing stops all" 'systemctl start lacpd && active 3 && dpkg -r lacpd && ! pgrep "lacpd|olt-switch"'
-  check "it can be installed again" 'dpkg -i lacpd_2_*.deb && systemctl start "${UNITS[@]}"'
+  check "it can be installed again" 'dpkg -i lacpd_3_*.deb && systemctl start "${UNITS[@]}"'
   check "with the old configuration" serves
   check "purging it while it runs leaves no unit" \
     'dpkg -P lacpd && [ -z "$(systemctl list-units --all --no-legend "lacpd*" "olt-*")" ] && [ ! -e /run/lacpd ]'
