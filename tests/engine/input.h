@@ -1,4 +1,4 @@
-// What random sequences and fuzz targets share: their input as a supply of choicesand checks.
+// What random sequences and fuzz targets share: their input as a supply of choices, and checks.
 #pragma once
 
 #include <algorithm>

@@ -28,6 +28,13 @@ std::string type_of(std::uint32_t group)
     return fake::stored(leaf('g', group, "lacp-type"));
 }
 
+std::uint32_t of_group(std::uint32_t group, int (*get)(int, std::uint32_t *))
+{
+    std::uint32_t value = 0;
+    get(static_cast<int>(group), &value);
+    return value;
+}
+
 // What a LACPDU says of the port: the system's identifier may have changed after the port's own copy was taken.
 LacInfo told_by(std::uint32_t port_no)
 {
@@ -70,7 +77,7 @@ const char *broken_machines(const LacPort *port)
 }
 
 // A dynamic group has the members that collect and whose both ends agree; a refused write is made up for by ticks.
-const char *broken_aggregation(const LacPort *port, State &words)
+const char *broken_aggregation(const LacPort *port)
 {
     const LacPort *aggregator = port->aggregator;
     const std::uint32_t group = port->channel_group_id;
@@ -89,12 +96,12 @@ const char *broken_aggregation(const LacPort *port, State &words)
     const bool grouped = group >= 1 && group <= 4;
     HOLDS(!grouped || serving <= CHANNEL_GROUP_MAX_PORTS);
     HOLDS(!is_aggregated(port) || aggregator->channel_group_id == group);
-    HOLDS(!is_aggregated(port) || !grouped || words[leaf('g', group, "agg")] == aggregator->port_no);
+    HOLDS(!is_aggregated(port) || !grouped || of_group(group, get_channel_group_agg_no) == aggregator->port_no);
     const bool serves = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING && port->selected == LAC_SELECTED &&
                         port->individual == 0 && (port->heard_state & port->told_state & LAC_SYNCHRONIZATION) != 0;
     for (std::uint32_t number = 1; number <= 4 && !lacMemberOwed(port); ++number) {
-        const bool is_member = (words[leaf('g', number, "list")] & lac_port_bit(port)) != 0;
-        HOLDS(words[leaf('g', number, "type")] != CHANNEL_GROUP_DYNAMIC ||
+        const bool is_member = (of_group(number, get_channel_group_port_list) & lac_port_bit(port)) != 0;
+        HOLDS(of_group(number, get_channel_group_type) != CHANNEL_GROUP_DYNAMIC ||
               (serves && port->attached_group == number) == is_member);
     }
     return nullptr;
@@ -183,7 +190,6 @@ class RandomSteps : private Engine
     // sees no half of one.
     std::string check()
     {
-        State words;
         std::uint32_t taken = 0, up = 0;
         bool owes = false;
         for (const LacPort *port : lac_ports()) {
@@ -195,20 +201,13 @@ class RandomSteps : private Engine
         HOLDS(static_cast<int>(MTYPE_LACP_PDU.allocated()) <= waiting && MTYPE_LACP_SSP_PACKET.allocated() == 0);
         HOLDS(fake::datastore().iterators == 0);
         for (std::uint32_t number = 1; number <= 4; ++number) {
-            const auto word = [&](const char *name, int (*get)(int, std::uint32_t *)) {
-                std::uint32_t value = 0;
-                get(static_cast<int>(number), &value);
-                words[leaf('g', number, name)] = value;
-                return value;
-            };
-            const std::uint32_t type = word("type", get_channel_group_type);
-            const std::uint32_t list = word("list", get_channel_group_port_list);
-            const std::uint32_t uplinks = word("up", get_channel_group_uplink_port_list);
-            const std::uint32_t count = word("n", get_channel_group_port_count);
-            word("agg", get_channel_group_agg_no);
+            const std::uint32_t type = of_group(number, get_channel_group_type);
+            const std::uint32_t list = of_group(number, get_channel_group_port_list);
+            const std::uint32_t uplinks = of_group(number, get_channel_group_uplink_port_list);
+            const std::uint32_t count = of_group(number, get_channel_group_port_count);
             HOLDS(type == CHANNEL_GROUP_UNSET || type == CHANNEL_GROUP_MANUAL || type == CHANNEL_GROUP_DYNAMIC);
             HOLDS(std::popcount(list) == static_cast<int>(count) && count <= CHANNEL_GROUP_MAX_PORTS);
-            HOLDS(std::popcount(uplinks) == static_cast<int>(word("upn", get_channel_group_uplink_port_count)));
+            HOLDS(std::popcount(uplinks) == static_cast<int>(of_group(number, get_channel_group_uplink_port_count)));
             HOLDS((uplinks & ~list) == 0 && (type != CHANNEL_GROUP_UNSET || list == 0));
             HOLDS(list == fake::members(static_cast<int>(number)));
             HOLDS(type != CHANNEL_GROUP_MANUAL || uplinks == (list & up));
@@ -224,7 +223,7 @@ class RandomSteps : private Engine
                 HOLDS(timer->count <= timer->reload && timer->active <= 1 && timer->initialized <= 1);
             const bool on = !held_ && get_lac_global_enable() == 1;
             const char *broken = on ? broken_machines(port) : nullptr;
-            broken = on && broken == nullptr ? broken_aggregation(port, words) : broken;
+            broken = on && broken == nullptr ? broken_aggregation(port) : broken;
             if (broken != nullptr)
                 return std::string(broken) + "\n" + text(*port);
         }
@@ -300,10 +299,9 @@ class RandomSteps : private Engine
 
     void set_global()
     {
-        if (input_.below(2) == 0)
-            configure(std::string("+sys/system-id=") + either("0233.4455.6677", "0211.22aa.bbcc"));
-        else
-            configure("+sys/system-priority=" + std::to_string(input_.pick(NUMBERS)));
+        const bool id = input_.below(2) == 0;
+        configure(id ? std::string("+sys/system-id=") + either("0233.4455.6677", "0211.22aa.bbcc")
+                     : "+sys/system-priority=" + std::to_string(input_.pick(NUMBERS)));
     }
 
     // ---- links, time and failures ---------------------------------------------------------------------------------
@@ -372,16 +370,7 @@ class RandomSteps : private Engine
     // Codes that nobody acts on, ports that are not there, values that the configuration has not.
     void send_message()
     {
-        static constexpr std::uint64_t CODES[] = {0,
-                                                  3,
-                                                  8,
-                                                  25, // most mean nothing here
-                                                  26,
-                                                  0x100,
-                                                  LAC_Q_PORT_TIMEOUT,
-                                                  LAC_Q_PORT_RESELECT,
-                                                  LAC_Q_PORT_PRIORITY,
-                                                  LAC_Q_SYSTEM_PRIORITY};
+        static constexpr std::uint64_t CODES[] = {0, 3, 8, 25, 26, 0x100, 17, 22, 19, 23}; // most mean nothing here
         const std::uint64_t code = input_.pick(CODES);
         const std::uint32_t port_no = input_.below(12);
         send(code, port_no, input_.below(6));
@@ -395,16 +384,16 @@ class RandomSteps : private Engine
         const std::uint32_t choice = variant(64);
         LacInfo actor = peer(static_cast<std::uint16_t>((choice & 1) == 0 ? port_no : any_port()));
         actor.state |= LAC_COLLECTING | LAC_DISTRIBUTING;
-        if ((choice & 2) != 0)
-            actor.system = input_.pick(SYSTEMS);
+        const auto vary = [&](std::uint32_t flag, auto &field, const auto &choices) {
+            if ((choice & flag) != 0)
+                field = input_.pick(choices);
+        };
+        vary(2, actor.system, SYSTEMS);
         if ((choice & 4) != 0)
             actor.state = input_.byte();
-        if ((choice & 8) != 0)
-            actor.key = input_.pick(NUMBERS);
-        if ((choice & 16) != 0)
-            actor.port_priority = input_.pick(NUMBERS);
-        if ((choice & 32) != 0)
-            actor.system_priority = input_.pick(NUMBERS);
+        vary(8, actor.key, NUMBERS);
+        vary(16, actor.port_priority, NUMBERS);
+        vary(32, actor.system_priority, NUMBERS);
         return actor;
     }
     std::uint32_t variant(std::uint32_t limit) // flags below a limit, and most often none
