@@ -19,13 +19,7 @@ void fake::reset_datastore()
 {
     Datastore &db = datastore();
     const std::lock_guard guard(db.lock);
-    db.leaves.clear();
-    db.failures.clear();
-    db.writes.clear();
-    db.subscribed.clear();
-    db.missing = SR_ERR_NOT_FOUND;
-    db.debug_mask = 0;
-    db.member_changed = nullptr;
+    static_cast<Content &>(db) = {};
 }
 
 std::vector<std::string> fake::take_writes()
@@ -121,17 +115,12 @@ std::string name(char kind, unsigned number, const std::string &leaf)
     return kind + std::to_string(number) + "/" + leaf;
 }
 
-std::string state(Size port, const std::string &role, const std::string &leaf)
-{
-    return name('p', port, role + "/" + leaf);
-}
-
 template <typename T> int get(const std::string &leaf, T *value, Size *size)
 {
     const std::lock_guard guard(datastore().lock);
     const std::string text = stored(leaf);
     if (!datastore().leaves.contains(leaf))
-        return datastore().missing;
+        return SR_ERR_NOT_FOUND;
     if (std::is_same_v<T, char> ? *size <= text.size() : *size != sizeof(T))
         return -1;
     if constexpr (std::is_same_v<T, char>)
@@ -159,7 +148,7 @@ int ports(const std::string &list, char ***texts, Size *count)
     *texts = found.empty() ? nullptr : static_cast<char **>(calloc(*count, sizeof(char *)));
     for (Size i = 0; i < *count; ++i)
         (*texts)[i] = strdup(("gigabitethernet 0/" + found[i]).c_str());
-    return found.empty() ? datastore().missing : 0;
+    return found.empty() ? SR_ERR_NOT_FOUND : 0;
 }
 
 } // namespace
@@ -228,14 +217,8 @@ DB(db_connect_init_with_vty, (KelDbSession * session, KelDb *), kel_db_session_o
 DB(db_disconnect_free_with_vty, (KelDbSession *, KelDb *), 0)
 
 DB(db_olt_lacp_get_group_lacp_type, (int g, KelDb *, char *to, Size *size), get(name('g', g, "lacp-type"), to, size))
-DB(db_olt_lacp_get_group_load_balance, (int g, KelDb *, char *to, Size *size),
-   get(name('g', g, "load-balance"), to, size))
 DB(db_olt_lacp_get_group_member_port, (int g, KelDb *, char ***to, Size *count),
    ports(name('g', g, "member-port"), to, count))
-DB(db_olt_lacp_get_group_join_port, (int g, KelDb *, char ***to, Size *count),
-   ports(name('g', g, "join-port"), to, count))
-DB(db_olt_lacp_get_global_configuration_system_priority, (KelDb *, std::uint16_t *to, Size *size),
-   get("sys/system-priority", to, size))
 
 #define GET(function, leaf, type)                                                                                    \
     DB(function, (int, Size port, KelDb *, type *to, Size *size), get(name('p', port, leaf), to, size))
@@ -245,17 +228,26 @@ GET(db_olt_lacp_get_trunk_mode, "mode", char)
 GET(db_olt_lacp_get_trunk_timeout, "timeout", char)
 GET(db_olt_lacp_get_trunk_priority, "priority", std::uint16_t)
 
-#define GET_STATE(function, leaf, type)                                                                              \
-    DB(function, (int, Size port, Text role, KelDb *, type *to, Size *size), get(state(port, role, leaf), to, size))
-GET_STATE(db_olt_lacp_get_port_id, "id", std::uint16_t)
-GET_STATE(db_olt_lacp_get_port_oper_key, "oper-key", std::uint16_t)
-GET_STATE(db_olt_lacp_get_port_port_state, "port-state", std::uint8_t)
-GET_STATE(db_olt_lacp_get_port_synchronization, "synchronization", std::uint8_t)
-GET_STATE(db_olt_lacp_get_port_col_dis, "col-dis", std::uint8_t)
-GET_STATE(db_olt_lacp_get_port_priority, "priority", std::uint16_t)
-GET_STATE(db_olt_lacp_get_port_timeout, "timeout", char)
-GET_STATE(db_olt_lacp_get_port_system_id, "system-id", char)
-GET_STATE(db_olt_lacp_get_port_mode, "mode", char)
+// Read by displays only, which whole systems show.
+#define NONE(function, ...)                                                                                          \
+    int function(__VA_ARGS__)                                                                                        \
+    {                                                                                                                \
+        return -1;                                                                                                   \
+    }
+NONE(db_olt_lacp_get_port_id, int, Size, Text, KelDb *, std::uint16_t *, Size *)
+NONE(db_olt_lacp_get_port_oper_key, int, Size, Text, KelDb *, std::uint16_t *, Size *)
+NONE(db_olt_lacp_get_port_port_state, int, Size, Text, KelDb *, std::uint8_t *, Size *)
+NONE(db_olt_lacp_get_port_synchronization, int, Size, Text, KelDb *, std::uint8_t *, Size *)
+NONE(db_olt_lacp_get_port_col_dis, int, Size, Text, KelDb *, std::uint8_t *, Size *)
+NONE(db_olt_lacp_get_port_priority, int, Size, Text, KelDb *, std::uint16_t *, Size *)
+NONE(db_olt_lacp_get_port_timeout, int, Size, Text, KelDb *, char *, Size *)
+NONE(db_olt_lacp_get_port_system_id, int, Size, Text, KelDb *, char *, Size *)
+NONE(db_olt_lacp_get_port_mode, int, Size, Text, KelDb *, char *, Size *)
+NONE(db_olt_lacp_get_group_join_port, int, KelDb *, char ***, Size *)
+NONE(db_olt_lacp_get_group_load_balance, int, KelDb *, char *, Size *)
+NONE(db_olt_lacp_get_global_configuration_system_priority, KelDb *, std::uint16_t *, Size *)
+NONE(db_olt_lacp_show_xml_group_id, KelDb *, char **)
+NONE(db_olt_lacp_get_configuration, KelDb *, DbLacpConfiguration *)
 
 // What is written is one line; but for members it stores nothing.
 DB(db_olt_lacp_del_trunk_channel_group, (int, Size p, KelDb *), write("-" + name('p', p, "channel-group")))
@@ -283,16 +275,9 @@ DB(db_del_channel_group, (KelDb *, int slot, Size port, int g),
 DB(db_olt_lacp_set_group_member_port, (int g, KelDb *, Text port, Size size, Size count),
    size == 32 && count == 1 ? change_member(true, g, port + strlen("gigabitethernet 0/")) : write(port))
 DB(db_olt_lacp_del_group_member_port, (int g, int, Size port, KelDb *), change_member(false, g, std::to_string(port)))
-DB(db_olt_lacp_show_xml_group_id, (KelDb *, char **out), stored("xml").empty() ? -1 : (*out = strdup("<xml/>\n"), 0))
 void db_settle_reg(kel_db_settle) {}
 DB(kel_db_group_beyond, (sr_session_ctx_t *, std::uint32_t), 0)
-DB(db_olt_lacp_get_configuration, (KelDb *, DbLacpConfiguration *), -1)
-DB(db_module_subscription_init, (KelDb *, const DbModuleCbs *const *tables), [tables]() mutable {
-    for (; *tables != nullptr; ++tables)
-        for (const DbXpathCb *entry = (*tables)->xpaths; entry->xpath != nullptr; ++entry)
-            datastore().subscribed.push_back(std::string((*tables)->module) + " " + entry->xpath);
-    return failure("subscribe");
-}())
+DB(db_module_subscription_init, (KelDb *, const DbModuleCbs *const *), failure("subscribe"))
 
 void db_debug_flag_reg(kel_db_debug_flag) {}
 void kel_db_set_pause(kel_db_pause) {}

@@ -15,15 +15,16 @@
 namespace fake
 {
 
-struct Datastore {
-    std::recursive_mutex lock;
+struct Content {
     std::map<std::string, std::string> leaves;
-    std::map<std::string, int> failures;         // code by "+member-port", "-member-port", "write", "subscribe" ...
-    std::vector<std::string> writes, subscribed; // writes by short name, "-" in front of a deletion
-    int missing = SR_ERR_NOT_FOUND;              // what reading a leaf that is not there says
+    std::map<std::string, int> failures; // code by "+member-port", "-member-port", "write", "subscribe" ...
+    std::vector<std::string> writes;     // by short name, "-" in front of a deletion
     std::uint32_t debug_mask = 0;
-    int iterators = 0;                                            // handed out and not yet released
     std::function<int(const std::string &change)> member_changed; // how the daemon hears of it; non-zero refuses
+};
+struct Datastore : Content {
+    std::recursive_mutex lock;
+    int iterators = 0; // handed out and not yet released
 };
 
 // Outlives every static object: a thread that never ends may still use it when the process exits.
