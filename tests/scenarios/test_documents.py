@@ -13,11 +13,22 @@ from lab.programs import ROOT
 from test_transcripts import STEP, Replay
 
 EXAMPLE = re.compile(r"^<!-- (file|run) ?(\S*) -->\n```\w*\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+
+
+def joined(who, port, *lines):
+    return f"{who}(config)# interface gigabitEthernet 0/{port}\n" + "".join(
+        f"{who}(config-if-ge0/{port})# {line}\n" for line in (*lines, "exit"))
+
+
 DOCUMENTS = {  # and what is typed before
     "docs/clients.md": "; 6 ports\nleft> enable\nright> enable\nright# configure terminal\n" + "".join(
-        f"right(config)# interface gigabitEthernet 0/{port}\n"
-        f"right(config-if-ge0/{port})# channel-group 1 mode active\n"
-        f"right(config-if-ge0/{port})# lacp timeout short\nright(config-if-ge0/{port})# exit\n" for port in (1, 2, 3)),
+        joined("right", port, "channel-group 1 mode active", "lacp timeout short") for port in (1, 2, 3)),
+    "docs/operating.md": "; 4 ports\nright> enable\nright# configure terminal\n"
+    "left> enable\nleft# configure terminal\n" + joined("left", 3, "channel-group 2 mode on") + "".join(
+        joined(who, port, f"channel-group 1 mode {mode}", "lacp timeout short")
+        for port in (1, 2) for who, mode in (("left", "active"), ("right", "passive"))) +
+    joined("left", 4, "channel-group 1 mode active") +
+    "left(config)# channel-group 1 load-balance src-dst-mac\nleft(config)# lacp system-priority 4096\n",
 }
 
 
