@@ -1,13 +1,18 @@
 """What several scenarios do."""
 
+import contextlib
+import os
 import re
 import subprocess
+import sys
 from collections import namedtuple
+from pathlib import Path
 
 from scapy.all import Ether
 from scapy.contrib.lacp import MarkerProtocol, SlowProtocol
 
 from lab import eventually
+from lab.system import USER
 from lab.wire import SLOW_PROTOCOLS_ADDRESS
 
 PARTNER = "02:00:00:00:00:ee"  # made by hand
@@ -50,6 +55,20 @@ def quietly(system, *commands):
     """Configures; the shell must have nothing to say."""
     answer = system.configure(*commands)
     assert answer.strip() == "", f"{system.name} answered {answer!r} to {commands}"
+
+
+@contextlib.contextmanager
+def in_the_way(system, *order, user=USER, umask=-1):
+    """Another client of the system's datastore that locks, refuses or stalls, see fault_client.py."""
+    words = [sys.executable, Path(__file__).with_name("fault_client.py"), system.programs.prefix / "lib", *order]
+    client = subprocess.Popen([*map(str, words)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              env={**os.environ, **system.environment}, umask=umask,
+                              user=user, group=user, extra_groups=[])  # the daemon wakes it through its files
+    try:
+        assert client.stdout.readline() == b"ready\n"
+        yield
+    finally:
+        client.communicate()
 
 
 def await_machines(system, within, **wanted):

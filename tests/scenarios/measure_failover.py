@@ -32,14 +32,9 @@ class Bench:
     """A formed group, and what can happen to it."""
 
     def __init__(self, lab, one_end):
-        self.pair = left, right = lab.system("left", ports=3), lab.system("right", ports=3)
+        self.pair = lab.pair(len(MEMBERS))
         self.cut_ends = self.pair[1:] if one_end else self.pair
         self.flows = []  # source, target, address, the member over which it leaves
-        for port in MEMBERS:
-            lab.cable(left, port, right, port)
-        for system in self.pair:
-            system.add_host()
-            system.start()
 
     def form(self, mode, priority):
         for system in self.pair:

@@ -8,7 +8,7 @@ import signal
 import time
 from dataclasses import dataclass, field
 
-from helpers import enter, quietly
+from helpers import enter, neighbours, quietly
 from lab import LabError, Ticks, eventually
 
 PORTS = GROUPS = (1, 2, 3, 4)
@@ -106,7 +106,8 @@ class Side:
             table[number] = (group.type, choice, members, links)
             if links:
                 trunks[number] = (choice, links)
-        return {"display": table, "trunks": trunks, "aggregators": aggregators, "configuration": self.lines(),
+        return {"display": table, "trunks": trunks, "aggregators": aggregators,
+                "partners": {port: self.cables[port] for port in aggregators}, "configuration": self.lines(),
                 "members": {number: row[2] for number, row in table.items()}}
 
 
@@ -133,6 +134,8 @@ def shown(system, expected):
                        for trunk in system.state()["trunks"]},
             "members": {number: group.members for number, group in system.datastore.groups().items()
                         if group.type or group.members},
+            "partners": {port: sides[1].number for group, (kind, *_) in groups.items() if kind == "dynamic"
+                         for port, sides in neighbours(system, group).items() if port in expected["partners"]},
             # Ports without a partner collect for themselves and ports without LACP show what they had.
             "aggregators": {port: int(aggregators.get(str(port), 0)) for port in expected["aggregators"]}}
 

@@ -13,9 +13,8 @@ import pytest
 from scapy.all import Ether
 from scapy.contrib.lacp import LACP
 
-from helpers import await_groups, join, leave, quietly
+from helpers import await_groups, in_the_way, join, leave, quietly
 from lab import Capture, LabError, ShellError, Ticks, eventually, stays
-from lab.system import USER
 from lab.wire import SLOW_PROTOCOLS_ADDRESS
 
 FORMED = {1: {1, 2}, 2: {3}}
@@ -107,21 +106,6 @@ def pair(bench):
     assert [(system.daemon.pid, system.daemon.status) for system in bench] == [(pid, None) for pid in daemons]
 
 
-@contextlib.contextmanager
-def in_the_way(system, *order):
-    """Another client of the system's datastore that locks, refuses or stalls."""
-    client = subprocess.Popen(["/usr/bin/python3", Path(__file__).with_name("fault_client.py"),
-                               system.programs.prefix / "lib", *map(str, order)],
-                              stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                              env={**os.environ, **system.environment},
-                              user=USER, group=USER, extra_groups=[])  # the daemon wakes it through its files
-    try:
-        assert client.stdout.readline() == b"ready\n"
-        yield
-    finally:
-        client.communicate()
-
-
 def processor_seconds(process):
     fields = Path(f"/proc/{process.pid}/stat").read_text("ascii").rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
@@ -137,6 +121,21 @@ def test_the_cpu_interface_is_lost(pair, again):
     left.add_cpu_interface() if again else left.namespace.ip(*down, "up")
     await_groups(pair, FORMED, Ticks.FORM)
     assert left.daemon.output().count("LACP Msg: interface ethv0 has now index ") == again
+
+
+@pytest.mark.nightly
+def test_the_driver_service_is_away_for_a_minute(pair):
+    left, right = pair
+    said = len(left.daemon.output())
+    left.stop_switch()
+    await_groups(pair[1:], {2: {3}}, Ticks.LOST_SHORT)
+    quietly(left, *leave(3, 2))
+    time.sleep(60)
+    left.start_switch()
+    await_groups([left], {1: {1, 2}}, Ticks.FORM)
+    words = left.daemon.output()[said:]
+    assert [words.count(what) for what in ("trying again every second", "is there again")] == [1, 1], words
+    quietly(left, *join(3, 2, "on"))
 
 
 def test_a_stranger_speaks_on_another_interface(pair):

@@ -1,20 +1,13 @@
-"""Starts that meet a refusal, a lock, no switch or another daemon: nothing configured is lost, nothing waits for ever."""
+"""Starts that meet a refusal, a lock or no switch: nothing configured is lost, nothing waits for ever."""
 
-import os
-import signal
-import subprocess
-import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
-from contextlib import contextmanager
-from pathlib import Path
 
 import pytest
 
-from helpers import enter, join, quietly
+from helpers import enter, in_the_way, join, quietly
 from lab import Capture, Lab, Programs, Ticks, eventually
 
-CLIENT = Path(__file__).parent / "fault_client.py"
 LINES = ["hostname left", "password lab", "interface gigabitEthernet 0/1", " channel-group 1 mode on",
          "interface gigabitEthernet 0/2", " channel-group 1 mode on", "lacp system-priority 7"]
 LOCKED = "waiting for the datastore, which is locked by the client with datastore session"
@@ -29,17 +22,6 @@ def left(pytestconfig):
             lab.loose_cable(system, port)
         system.write_configuration("\n".join([*LINES, ""]))
         yield system
-
-
-@contextmanager
-def client(system, *words, user=None, umask=-1):
-    """Another client of the datastore, see fault_client.py, until the block ends."""
-    with subprocess.Popen([sys.executable, CLIENT, system.programs.prefix / "lib", *map(str, words)], user=user,
-                          umask=umask, env={**os.environ, **system.datastore.environment}, stdin=subprocess.PIPE,
-                          stdout=subprocess.PIPE, text=True, group=user) as process:
-        assert process.stdout.readline() == "ready\n"
-        yield
-        process.stdin.close()
 
 
 def seconds(action, *arguments):
@@ -83,7 +65,7 @@ def test_the_start_waits_for_the_switch_and_for_a_lock(left):
     left.daemon = left.launch_daemon(environment={"KEL_DB_INVENTORY_WAIT": "infinity"})
     left.start_switch()
     left.await_trunk(1, {1, 2}, Ticks.of(3))
-    with client(left, "lock"), left.shell() as one, left.shell() as other, ThreadPoolExecutor() as pool:
+    with in_the_way(left, "lock"), left.shell() as one, left.shell() as other, ThreadPoolExecutor() as pool:
         for line in ("configure terminal", "interface gigabitEthernet 0/1"):
             one.run(line)
         refused = pool.submit(seconds, one.run, "channel-group 2 mode active")
@@ -106,48 +88,12 @@ def test_the_start_waits_for_the_switch_and_for_a_lock(left):
     assert left.trunks() == {1: {1, 2}} and left.daemon.output().count(LOCKED) == 1
 
 
-def test_a_check_and_a_second_daemon_change_nothing(left):
-    left.start_switch("--stale-grace", "1")
-    left.start_daemon()
-    left.await_trunk(1, {1, 2}, Ticks.of(3))
-    state = [left.datastore.read(module) for module in ("olt-lacp", "olt-ifm")]
-    other = left.run_directory / "other.conf"
-    other.write_text("password lab\ninterface gigabitEthernet 0/2\n channel-group 1 mode active\n"
-                     "int g 0/1\nchannel-group 1 mode on\n lacp timeout medium\nlacp system-priority 1\n int g 0/9\n"
-                     " channel-group 1 load-balance src-ip\nend\n")
-    said = subprocess.run([*left.namespace.enter(), left.programs.lacpd, "-C", "-f", other], capture_output=True,
-                          text=True, check=False, env={**os.environ, **left.environment})
-    assert said.returncode == 1 and [line.partition(" refused: ")[0] for line in said.stderr.splitlines()] == [
-        f"lacpd: {other} line {number}" for number in (5, 6, 8)]
-    other.write_text("password lab\nlacp system-priority 1\nchannel-group 1 load-balance src-ip\n")
-    second = left.launch_daemon("--log-level", "debug", name="second", configuration=other, port=2705)
-    second.wait_for_output(f"process {left.daemon.pid} already serves", Ticks.LINK)
-    time.sleep(2.5)  # longer than the switch keeps what a new daemon does not ask for
-    assert left.trunks() == {1: {1, 2}}
-    assert second.stop() == 0 and state == [left.datastore.read(module) for module in ("olt-lacp", "olt-ifm")]
-
-
-def test_the_background(left):
-    left.start_switch()
-    parent = left.launch_daemon("-d", name="background")
-    parent.wait(Ticks.of(10))
-    assert parent.status == 0 and left.listens() and left.trunks() == {1: {1, 2}}
-    child = int((left.run_directory / "background.pid").read_text())
-    os.kill(child, signal.SIGTERM)
-    eventually("the child ends", lambda: Path(f"/proc/{child}").exists(), lambda there: not there, 2)
-    assert left.launch_daemon("-d", "-u", "nobody-of-that-name").wait(Ticks.LINK) != 0
-
-
-def test_other_users_subscribe(left):
+def test_what_others_do(left):
     left.start()
     left.await_trunk(1, {1, 2}, Ticks.of(3))
-    with client(left, "refuse", 0, umask=0o077), client(left, "refuse", 0, user="daemon", umask=0o022):
+    with in_the_way(left, "refuse", 0, user="root", umask=0o077), in_the_way(left, "refuse", 0, umask=0o022):
         quietly(left, *enter(2, "no channel-group 1"), *join(2, 2, "active"))
-        assert left.trunks() == {1: {1}}
-
-
-def test_what_others_provoke_is_counted(left):
-    left.start()
+        assert left.trunks() == {1: {1}}, "subscribers of any user are no hindrance"
     with Capture(left.namespace, "cpu0") as wire:
         for frame in range(2000):
             wire.send(bytes(12) + b"\x90\x82\0")
