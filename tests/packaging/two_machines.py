@@ -157,7 +157,6 @@ def main(folder):
             print(f"ok    {lost} of 600 packets lost, 50 ms apart, while at A {what}", flush=True)
             for machine in machines:
                 machine.until("both cards are in the trunk", has_trunk(1, 2))
-        a.run("sync")
         a.power_off()
         b.until("nothing serves without A", "! " + has_trunk(1, 2))
         a.power_on()

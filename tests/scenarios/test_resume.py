@@ -107,6 +107,7 @@ def test_what_has_changed_forms_anew(bench):
     await_groups([bench.beside], {1: {1, 2}}, Ticks.FORM)
     eventually("the partner uses both ports", bench.other.members, lambda seen: all(
         member.enabled and member.actor.key == 77 for member in seen.values()), Ticks.FORM)
+    bench.own.set_link(1, True)
 
 
 def test_a_full_disk(bench):
