@@ -2,6 +2,7 @@
 
 import os
 import re
+import subprocess
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
@@ -15,6 +16,9 @@ class Programs:
         except FileNotFoundError:
             raise FileNotFoundError(f"{self.build} is no build directory; build first") from None
         self.prefix = Path(re.search(r"^LACPD_DEPS_PREFIX:PATH=(.*)$", cache, re.MULTILINE)[1])
+        if re.search(r"^LACPD_SANITIZER:\w+=thread$", cache, re.MULTILINE):  # for tools and clients that know nothing of it
+            self.prefix = Path(subprocess.run([ROOT / "scripts/deps.sh", "--prefix"], capture_output=True, text=True,
+                                              check=True).stdout.strip())
         self.lacpd = self.build / "services/l2/lacpd/lacpd"
         self.switch = self.build / "switch/olt-switch"
         self.sysrepocfg = self.prefix / "bin/sysrepocfg"

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -29,7 +30,7 @@ constexpr std::uint64_t WRITE_PAUSE_MS = 100; // a partner that changes with eve
 constexpr int LONGEST_STOP_MS = 200;          // a dispatcher that waits for the datastore is not waited for
 constexpr useconds_t MS_US = 1000;
 
-std::string file; // set before the threads start
+char file[PATH_MAX]; // set before the threads start, which outlive static objects when the process exits
 
 // Written before LAC_Q_RESUME by the main thread, read behind it by the dispatcher.
 LacResume identity; // without ports
@@ -110,8 +111,7 @@ void keep()
         record.ports[(port->port_no - 1) % LAC_MAX_PORTS] = kept_of(port);
     const int error = lacWriteResume(file, record);
     if (error != 0 && error != write_error)
-        printf("LACP Msg: %s cannot be written: %s; links will form anew after a restart\n", file.c_str(),
-               strerror(error));
+        printf("LACP Msg: %s cannot be written: %s; links will form anew after a restart\n", file, strerror(error));
     write_error = error;
     written_ms = lac_now_ms();
     lacSystem->unsaved = error != 0;
@@ -129,7 +129,7 @@ bool members_are_settled()
 
 void lacResumeFile(const std::string &path)
 {
-    file = path;
+    snprintf(file, sizeof(file), "%s", path.c_str());
 }
 
 void lacResumeBegin(bool wanted)
@@ -141,8 +141,8 @@ void lacResumeBegin(bool wanted)
     const char *const refused = wanted ? lacReadResume(file, identity, before, away_ms) : "";
     if (refused != nullptr) {
         if (refused[0] != 0)
-            printf("LACP Msg: %s is not used: %s; links form anew\n", file.c_str(), refused);
-        unlink(file.c_str()); // true no longer
+            printf("LACP Msg: %s is not used: %s; links form anew\n", file, refused);
+        unlink(file); // true no longer
         return;
     }
     left_ms = lac_now_ms() - std::min(away_ms, lac_now_ms());
