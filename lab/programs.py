@@ -16,7 +16,8 @@ class Programs:
         except FileNotFoundError:
             raise FileNotFoundError(f"{self.build} is no build directory; build first") from None
         self.prefix = Path(re.search(r"^LACPD_DEPS_PREFIX:PATH=(.*)$", cache, re.MULTILINE)[1])
-        if re.search(r"^LACPD_SANITIZER:\w+=thread$", cache, re.MULTILINE):  # for tools and clients that know nothing of it
+        sanitizer = re.search(r"^LACPD_SANITIZER:\w+=(.*)$", cache, re.MULTILINE)[1]
+        if sanitizer == "thread":  # for tools and clients that know nothing of it
             self.prefix = Path(subprocess.run([ROOT / "scripts/deps.sh", "--prefix"], capture_output=True, text=True,
                                               check=True).stdout.strip())
         self.lacpd = self.build / "services/l2/lacpd/lacpd"
@@ -27,3 +28,4 @@ class Programs:
         for program in vars(self).values():
             if not os.access(program, os.X_OK):
                 raise FileNotFoundError(f"{program} is not there; build first")
+        self.slowed = bool(sanitizer)
