@@ -21,6 +21,7 @@ class Programs:
             self.prefix = Path(subprocess.run([ROOT / "scripts/deps.sh", "--prefix"], capture_output=True, text=True,
                                               check=True).stdout.strip())
         self.lacpd = self.build / "services/l2/lacpd/lacpd"
+        self.last_word = self.build / "services/l2/lacpd/lacpd-last-word"
         self.switch = self.build / "switch/olt-switch"
         self.sysrepocfg = self.prefix / "bin/sysrepocfg"
         self.sysrepoctl = self.prefix / "bin/sysrepoctl"

@@ -117,6 +117,11 @@ class System(Station):
     def stop_daemon(self, number=signal.SIGTERM):
         return self.daemon.stop(number) if self.daemon else None
 
+    def speak_for_daemon(self):
+        """As the service manager does when it was killed; what is said about it."""
+        return subprocess.run([*self.namespace.enter(), self.programs.last_word, self.run_directory / "lacpd.resume"],
+                              capture_output=True, text=True, check=True).stdout
+
     def stop_switch(self):
         return self.switch.stop() if self.switch else None
 

@@ -15,7 +15,7 @@ LAYERS = [  # from the ground up
     "lac_event lac_pdu lac_tick lac_resume lac_dispatch",
     "lac_show channel_group_show lacp_operational lacp_database_cb lacp_database",
     "lacp_cli_show lacp_cli_debug lacp_cli",
-    "lacp_main",
+    "lacp_main lacp_last_word",
 ]
 FLOOR = {name: number for number, names in enumerate(LAYERS) for name in names.split()}
 ROOT = pathlib.Path(__file__).resolve().parents[1]

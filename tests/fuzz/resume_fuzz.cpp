@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         Engine engine;
         const LacResume now = lacResumeNow();
         LacResume record = now;
-        lacDecodeResume({data, size}, now, record);
+        lacDecodeResume({data, size}, record);
 
         std::memcpy(&record, data, std::min(size, sizeof(record)));
         record.boot = now.boot;

@@ -31,7 +31,7 @@ echo ready
 exec sleep infinity
 """
 SCRIPTS = "/usr/sbin/olt-datastore /usr/share/lacpd/scripts/{datastore,install-configuration}.sh"
-PROGRAMS = "/usr/sbin/{lacpd,olt-switch} /usr/lib/lacpd/bin/{sysrepoctl,sysrepocfg}"
+PROGRAMS = "/usr/sbin/{lacpd,olt-switch} /usr/lib/lacpd/bin/{sysrepoctl,sysrepocfg,lacpd-last-word}"
 LIBRARIES = "/usr/lib/lacpd/lib{yang.so.3,sysrepo.so.7,frr.so.0}"
 UNITS = "/usr/lib/systemd/system/{lacpd,olt-datastore,olt-switch}.service"
 PAGES = "/usr/share/man/man8/{lacpd,olt-datastore,olt-switch}.8.gz"
@@ -46,7 +46,7 @@ INSTALLED = [  # what is asked, and the whole answer
     (rf"readelf -d {PROGRAMS} {LIBRARIES} | sed -n 's/.*(\(RUNPATH\|RPATH\)).*\[\(.*\)\]/\2/p' | uniq",
      "$ORIGIN/../lib/lacpd\n$ORIGIN/..\n$ORIGIN"),
     (f"for file in {PROGRAMS}; do setpriv --reuid=daemon --regid=daemon --clear-groups $file --version 2>/dev/null | "
-     "head -n 1 | cut -d ' ' -f 1; done", "lacpd\nolt-switch\nsysrepoctl\nsysrepocfg"),
+     "head -n 1 | cut -d ' ' -f 1; done", "lacpd\nolt-switch\nsysrepoctl\nsysrepocfg\nlacpd-last-word:"),
     (f"zgrep -lE '{'|'.join(HIDDEN)}|@[A-Z_]+@' {SCRIPTS} {FILES}", ""),
     (f"systemd-analyze verify --man=no {UNITS} 2>&1 | grep -E 'lacpd|olt-'", ""),
     (f"for page in {PAGES}; do man --warnings -E UTF-8 -Tutf8 -l $page >/dev/null; done", ""),

@@ -138,7 +138,9 @@ void lacResumeBegin(bool wanted)
     lacResumeStage = LAC_STARTING;
     written_ms = 0;
     std::uint64_t away_ms = 0;
-    const char *const refused = wanted ? lacReadResume(file, identity, before, away_ms) : "";
+    const char *refused = wanted ? lacReadResume(file, before, away_ms) : "";
+    if (refused == nullptr)
+        refused = lacForeignResume(before, identity);
     if (refused != nullptr) {
         if (refused[0] != 0)
             printf("LACP Msg: %s is not used: %s; links form anew\n", file, refused);

@@ -67,14 +67,21 @@ std::uint64_t age_ms(const timespec &moment)
     return static_cast<std::uint64_t>(std::max<std::int64_t>(duration_cast<milliseconds>(age).count(), 0));
 }
 
+decltype(LacResume::boot) boot_id()
+{
+    decltype(LacResume::boot) boot{};
+    const Descriptor file(open(BOOT_ID_FILE, O_RDONLY | O_CLOEXEC));
+    if (file < 0 || read(file, boot.data(), boot.size() - 1) <= 0)
+        return {};
+    return boot;
+}
+
 } // namespace
 
 LacResume lacResumeNow()
 {
     LacResume now{};
-    const Descriptor file(open(BOOT_ID_FILE, O_RDONLY | O_CLOEXEC));
-    if (file < 0 || read(file, now.boot.data(), now.boot.size() - 1) <= 0)
-        now.boot = {};
+    now.boot = boot_id();
     now.inventory = intf;
     now.system = lacSystem == nullptr ? Mac{} : lacSystem->system_mac.get();
     return now;
@@ -89,7 +96,7 @@ std::array<std::uint8_t, LAC_RESUME_SIZE> lacEncodeResume(const LacResume &recor
     return bytes;
 }
 
-const char *lacDecodeResume(std::span<const std::uint8_t> bytes, const LacResume &now, LacResume &record)
+const char *lacDecodeResume(std::span<const std::uint8_t> bytes, LacResume &record)
 {
     Header header{};
     if (bytes.size() < sizeof(header))
@@ -100,19 +107,24 @@ const char *lacDecodeResume(std::span<const std::uint8_t> bytes, const LacResume
     if (bytes.size() != LAC_RESUME_SIZE || header.checksum != checksum_of(bytes.data() + sizeof(header)))
         return "it is damaged";
     std::memcpy(&record, bytes.data() + sizeof(header), sizeof(record));
-    if (record.boot != now.boot || now.boot[0] == 0)
+    if (record.boot != boot_id() || record.boot[0] == 0)
         return "it is of another boot";
-    if (record.inventory.first_uplink_port != now.inventory.first_uplink_port ||
-        record.inventory.last_uplink_port != now.inventory.last_uplink_port)
-        return "it is of other ports";
-    if (record.system != now.system)
-        return "it is of another System ID";
     if (std::ranges::any_of(record.ports, [](const LacResumePort &port) { return port.group > LAST_GROUP; }))
         return "it is damaged";
     return nullptr;
 }
 
-const char *lacReadResume(const std::string &path, const LacResume &now, LacResume &record, std::uint64_t &away_ms)
+const char *lacForeignResume(const LacResume &record, const LacResume &now)
+{
+    if (record.inventory.first_uplink_port != now.inventory.first_uplink_port ||
+        record.inventory.last_uplink_port != now.inventory.last_uplink_port)
+        return "it is of other ports";
+    if (record.system != now.system)
+        return "it is of another System ID";
+    return nullptr;
+}
+
+const char *lacReadResume(const std::string &path, LacResume &record, std::uint64_t &away_ms)
 {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file < 0)
@@ -123,7 +135,7 @@ const char *lacReadResume(const std::string &path, const LacResume &now, LacResu
     const ssize_t size =
         fstat(file, &status) == 0 && S_ISREG(status.st_mode) ? read(file, bytes.data(), bytes.size()) : 0;
     away_ms = age_ms(status.st_mtim);
-    return lacDecodeResume(std::span(bytes).first(static_cast<std::size_t>(std::max<ssize_t>(size, 0))), now, record);
+    return lacDecodeResume(std::span(bytes).first(static_cast<std::size_t>(std::max<ssize_t>(size, 0))), record);
 }
 
 int lacWriteResume(const std::string &path, const LacResume &record)

@@ -33,12 +33,14 @@ LacResume lacResumeNow();
 // The bytes of a file, and back. Reading gives null, or why the bytes are not used.
 constexpr std::size_t LAC_RESUME_SIZE = 16 + sizeof(LacResume);
 std::array<std::uint8_t, LAC_RESUME_SIZE> lacEncodeResume(const LacResume &record);
-const char *lacDecodeResume(std::span<const std::uint8_t> bytes, const LacResume &now, LacResume &record);
+const char *lacDecodeResume(std::span<const std::uint8_t> bytes, LacResume &record);
+// Null, or why a record is not of the inventory and system as they are now.
+const char *lacForeignResume(const LacResume &record, const LacResume &now);
 
 // Reads the file: null with the record and for how long the daemon has been away, why the file is not used, or an
 // empty text when there is none. Writing gives 0 or an error number; what cannot be written is not left behind
 // either.
-const char *lacReadResume(const std::string &path, const LacResume &now, LacResume &record, std::uint64_t &away_ms);
+const char *lacReadResume(const std::string &path, LacResume &record, std::uint64_t &away_ms);
 int lacWriteResume(const std::string &path, const LacResume &record);
 // Says that the daemon is alive. Any thread.
 void lacStampResume(const std::string &path);

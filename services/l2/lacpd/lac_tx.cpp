@@ -85,38 +85,13 @@ void periodic_machine(LacPort *port, std::uint32_t event)
 
 // ---- transmit machine -----------------------------------------------------------------------------------------
 
-namespace
-{
-
-// Fixed octets of a LACPDU, IEEE Std 802.3 43.4.2.2.
-constexpr std::uint8_t VERSION = 1;
-constexpr std::uint8_t ACTOR_TLV = 1;
-constexpr std::uint8_t PARTNER_TLV = 2;
-constexpr std::uint8_t INFORMATION_LENGTH = 20;
-constexpr std::uint8_t COLLECTOR_TLV = 3;
-constexpr std::uint8_t COLLECTOR_LENGTH = 16;
-constexpr std::array<std::uint8_t, 2> COLLECTOR_MAX_DELAY = {0x0A, 0x00};
-
-} // namespace
-
 static void build_lacpdu(const LacPort *port, std::uint8_t *pdu)
 {
     LacInfo actor = lac_actor_info(port);
     actor.system = port->system->system_mac;
     const bool alone = port->individual == 1 && port->rxm == LAC_RX_DEFAULTED;
     const LacInfo partner = alone ? lac_partner_admin_info(port) : lac_partner_info(port);
-
-    pdu[0] = LAC_SUBTYPE_LACP;
-    pdu[1] = VERSION;
-    pdu[2] = ACTOR_TLV;
-    pdu[3] = INFORMATION_LENGTH;
-    lacEncodeInfo(actor, pdu + offsetof(LacPdu, actor));
-    pdu[22] = PARTNER_TLV;
-    pdu[23] = INFORMATION_LENGTH;
-    lacEncodeInfo(partner, pdu + offsetof(LacPdu, partner));
-    pdu[42] = COLLECTOR_TLV;
-    pdu[43] = COLLECTOR_LENGTH;
-    std::copy(COLLECTOR_MAX_DELAY.begin(), COLLECTOR_MAX_DELAY.end(), pdu + offsetof(LacPdu, collector_max_delay));
+    lacEncodePdu(actor, partner, pdu);
 }
 
 static void trace_ntt(const LacPort *port, std::uint32_t event)

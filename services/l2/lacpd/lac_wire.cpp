@@ -5,6 +5,15 @@
 namespace
 {
 
+// Fixed octets of a LACPDU, IEEE Std 802.3 43.4.2.2.
+constexpr std::uint8_t VERSION = 1;
+constexpr std::uint8_t ACTOR_TLV = 1;
+constexpr std::uint8_t PARTNER_TLV = 2;
+constexpr std::uint8_t INFORMATION_LENGTH = 20;
+constexpr std::uint8_t COLLECTOR_TLV = 3;
+constexpr std::uint8_t COLLECTOR_LENGTH = 16;
+constexpr std::uint16_t COLLECTOR_MAX_DELAY = 0x0A00;
+
 std::uint16_t get16(const std::uint8_t *bytes)
 {
     return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
@@ -18,11 +27,31 @@ void put16(std::uint8_t *bytes, std::uint16_t value)
 
 } // namespace
 
-void LacpMacHeaderSet(const LacPort *port, std::uint8_t *frame)
+void lacSetMacHeader(const Mac &source, std::uint8_t *frame)
 {
     std::copy(LAC_SLOW_PROTOCOLS_ADDRESS.begin(), LAC_SLOW_PROTOCOLS_ADDRESS.end(), frame);
-    std::copy(port->port_mac.begin(), port->port_mac.end(), frame + 6);
+    std::copy(source.begin(), source.end(), frame + 6);
     put16(frame + 12, LAC_SLOW_PROTOCOLS_ETHERTYPE);
+}
+
+void LacpMacHeaderSet(const LacPort *port, std::uint8_t *frame)
+{
+    lacSetMacHeader(port->port_mac, frame);
+}
+
+void lacEncodePdu(const LacInfo &actor, const LacInfo &partner, std::uint8_t *bytes)
+{
+    bytes[0] = LAC_SUBTYPE_LACP;
+    bytes[1] = VERSION;
+    bytes[2] = ACTOR_TLV;
+    bytes[3] = INFORMATION_LENGTH;
+    lacEncodeInfo(actor, bytes + offsetof(LacPdu, actor));
+    bytes[22] = PARTNER_TLV;
+    bytes[23] = INFORMATION_LENGTH;
+    lacEncodeInfo(partner, bytes + offsetof(LacPdu, partner));
+    bytes[42] = COLLECTOR_TLV;
+    bytes[43] = COLLECTOR_LENGTH;
+    put16(bytes + offsetof(LacPdu, collector_max_delay), COLLECTOR_MAX_DELAY);
 }
 
 void lacEncodeInfo(const LacInfo &info, std::uint8_t *bytes)

@@ -4,7 +4,11 @@
 #include "lacp.h"
 
 // Writes destination, source and EtherType into the first 14 bytes of a frame.
+void lacSetMacHeader(const Mac &source, std::uint8_t *frame);
 void LacpMacHeaderSet(const LacPort *port, std::uint8_t *frame);
+
+// Writes the 110 bytes of a LACPDU, which are 0 before.
+void lacEncodePdu(const LacInfo &actor, const LacInfo &partner, std::uint8_t *bytes);
 
 // Decodes the 110 bytes of a LACPDU; nothing is validated.
 LacPdu lacDecodePdu(const std::uint8_t *bytes);

@@ -228,7 +228,7 @@ static int cpu_interface_index(int fd)
     return index;
 }
 
-static sockaddr_ll destination(int fd)
+sockaddr_ll lacp_pkt_destination(int fd)
 {
     sockaddr_ll dest{};
     dest.sll_family = AF_PACKET;
@@ -261,7 +261,7 @@ int lacp_rx_tx_packet_init(LacpReceive receive)
     if (socket->fd < 0)
         return give_up(socket);
     socket->recv_cb = receive;
-    socket->dest = destination(socket->fd);
+    socket->dest = lacp_pkt_destination(socket->fd);
     lacp_pkt_socket = socket;
     if (start_receiving(socket) != LAC_OK) {
         printf("Create pthread error!");

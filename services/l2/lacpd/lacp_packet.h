@@ -28,6 +28,8 @@ extern LacpPktSocket *lacp_pkt_socket; // null while there is no socket
 extern Published<std::uint32_t> lacp_pkt_rx_debug;
 extern Published<std::uint32_t> lacp_pkt_tx_debug;
 
+// Where frames for the switch are sent from a packet socket.
+sockaddr_ll lacp_pkt_destination(int fd);
 // Opens the socket and starts its receive thread. 0, or -1 (the daemon then runs without LACP frames).
 int lacp_rx_tx_packet_init(LacpReceive receive);
 // Sends a frame out of a port; bytes sent (length + 12) or a negative value. The first two are ignored.
