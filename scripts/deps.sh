@@ -27,19 +27,19 @@ PACKAGES=(
   autoconf automake libtool bison flex
   libpcre2-dev libjson-c-dev libelf-dev libprotobuf-c-dev protobuf-c-compiler
   libcap-dev libreadline-dev python3-dev
-  libevent-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev
+  libevent-dev libnftables-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev
   iproute2 procps iputils-ping
 )
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format
-  python3-pytest python3-scapy curl openvswitch-switch
+  python3-pytest python3-scapy curl iperf3 openvswitch-switch
 )
 NIGHTLY_PACKAGES=(mmdebstrap debian-archive-keyring qemu-system-x86)
 CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user mmdebstrap debian-archive-keyring)
 SYSROOT_PACKAGES=(
   libc6-dev libstdc++-12-dev libpcre2-dev libjson-c-dev libelf-dev libprotobuf-c-dev libcap-dev libreadline-dev
-  libcrypt-dev libevent-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
+  libcrypt-dev libevent-dev libnftables-dev libnl-route-3-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
 )
 
 usage() { sed -n '2,/^set /{/^set /d;s/^# \{0,1\}//;p}' "$0"; }

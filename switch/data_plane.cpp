@@ -21,6 +21,17 @@ bool DataPlane::follow(const std::string &interface, int index)
     return true;
 }
 
+TrafficReport DataPlane::report() const
+{
+    const auto of = [](const TrafficPort &port) {
+        return TrafficReport::Interface{port.socket().interface(), port.counters, port.missed()};
+    };
+    TrafficReport report{of(host_), {}, trunk_counters_};
+    for (const auto &[number, port] : ports_)
+        report.ports[number] = of(port);
+    return report;
+}
+
 void DataPlane::from_host(FrameBatch &batch)
 {
     TrafficCount &received = host_.counters.rx;

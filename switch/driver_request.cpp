@@ -6,7 +6,6 @@ namespace olt
 namespace
 {
 
-constexpr std::uint32_t MAX_GROUP = 4;
 constexpr std::size_t FIELD_SIZE = 4;
 
 // Reads the header's and the body's big-endian fields; the caller has checked the length.

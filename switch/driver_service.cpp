@@ -58,9 +58,11 @@ bool has_hung_up(int socket)
 
 } // namespace
 
-DriverService::DriverService(EventLoop &loop, const Options &options, std::function<void()> changed)
-    : loop_(loop), changed_(std::move(changed)), stale_grace_(options.stale_grace),
-      existing_ports_(members_of(options)), listening_(options.driver_socket, SOCK_SEQPACKET)
+DriverService::DriverService(EventLoop &loop, const Options &options, std::function<void()> changed,
+                             std::function<void()> trunks_changed)
+    : loop_(loop), changed_(std::move(changed)), trunks_changed_(std::move(trunks_changed)),
+      stale_grace_(options.stale_grace), existing_ports_(members_of(options)),
+      listening_(options.driver_socket, SOCK_SEQPACKET)
 {
     listening_.listen();
     acceptable_ = Event::readable(loop, listening_.get(), [this] { accept(); });
@@ -92,13 +94,12 @@ void DriverService::announce(Client &client)
 
 void DriverService::read(Clients::iterator client)
 {
-    for (int turn = 0; turn < MESSAGES_A_TURN; ++turn) {
-        if (read_one(*client))
-            continue;
-        if (errno != EAGAIN && errno != EINTR)
-            leave(client);
-        return;
-    }
+    int turn = 0;
+    while (turn < MESSAGES_A_TURN && read_one(*client))
+        ++turn;
+    if (turn < MESSAGES_A_TURN && errno != EAGAIN && errno != EINTR)
+        leave(client);
+    trunks_changed_();
 }
 
 // False when nothing was read: errno is 0 at the end of the connection.
@@ -191,8 +192,11 @@ std::optional<SclientError> DriverService::set_criterion(const SetCriterion &req
 
 void DriverService::sweep()
 {
-    for (const std::uint32_t group : trunks_.sweep(TrunkTable::Clock::now()))
+    const auto gone = trunks_.sweep(TrunkTable::Clock::now());
+    for (const std::uint32_t group : gone)
         std::cout << "trunk " << group << ": removed, the new daemon has not asked for it" << std::endl;
+    if (!gone.empty())
+        trunks_changed_();
 }
 
 } // namespace olt

@@ -27,9 +27,10 @@ struct DriverCounters {
 class DriverService
 {
   public:
-    // `changed` is called when a client has come or gone.
+    // `changed` is called when a client has come or gone, `trunks_changed` when trunks may be others.
     DriverService(
-        EventLoop &loop, const Options &options, std::function<void()> changed = [] {});
+        EventLoop &loop, const Options &options, std::function<void()> changed = [] {},
+        std::function<void()> trunks_changed = [] {});
 
     const TrunkTable &trunks() const { return trunks_; }
     const DriverCounters &counters() const { return counters_; }
@@ -57,6 +58,7 @@ class DriverService
 
     EventLoop &loop_;
     std::function<void()> changed_;
+    std::function<void()> trunks_changed_;
     std::chrono::seconds stale_grace_;
     Members existing_ports_;
     ListeningSocket listening_;

@@ -97,6 +97,9 @@ Options parse_options(int argc, char **argv)
         ->type_name("SECONDS")
         ->capture_default_str();
     app.add_flag("--no-datastore", no_datastore, "Do not write interface entries and link status");
+    app.add_flag(
+        "--kernel-forwarding", options.kernel_forwarding,
+        "Let rules of nftables forward the host's traffic: as fast as a bridge, and whole trains of segments");
     app.add_flag("--show", options.show, "Print the state of the running switch and end");
     try {
         app.parse(argc, argv);

@@ -18,7 +18,8 @@ struct Options {
     std::uint16_t vlan = 1; // of the tag on frames to the CPU
     std::chrono::seconds stale_grace{30};
     bool datastore = true;
-    bool show = false; // print the state of a running switch
+    bool kernel_forwarding = false; // of user traffic
+    bool show = false;              // print the state of a running switch
 };
 
 // Parses the command line. Prints and ends the process for --help, --version and anything wrong.

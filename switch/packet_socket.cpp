@@ -74,8 +74,9 @@ class Receiver
 
 } // namespace
 
-PacketSocket::PacketSocket(std::string interface)
-    : interface_(std::move(interface)), socket_(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+PacketSocket::PacketSocket(std::string interface, bool hears)
+    : interface_(std::move(interface)), socket_(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
+      hears_(hears)
 {
     if (!socket_.is_open() || !turn_on(get(), PACKET_AUXDATA) || !turn_on(get(), PACKET_IGNORE_OUTGOING))
         throw std::runtime_error("interface " + interface_ + ": no packet socket: " + std::strerror(errno) +
@@ -108,7 +109,7 @@ bool PacketSocket::follow(int index)
         set_promiscuous(get(), PACKET_DROP_MEMBERSHIP, std::exchange(index_, 0));
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(index == 0 ? NO_TYPE : ETH_P_ALL);
+    address.sll_protocol = htons(index == 0 || !hears_ ? NO_TYPE : ETH_P_ALL);
     address.sll_ifindex = index;
     if (bind(get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
         return false;

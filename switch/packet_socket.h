@@ -16,7 +16,7 @@ class PacketSocket
   public:
     using Take = std::function<void(Frame)>;
 
-    explicit PacketSocket(std::string interface);
+    explicit PacketSocket(std::string interface, bool hears = true);
 
     // Leaves user traffic to others: it must not fill the buffer in which LACPDUs wait. Before attach().
     void want_slow_protocols_only() const;
@@ -31,6 +31,7 @@ class PacketSocket
   private:
     std::string interface_;
     Descriptor socket_;
+    bool hears_;    // else it only makes the interface take every frame
     int index_ = 0; // of the interface that is listened to
 };
 

@@ -87,29 +87,30 @@ Json counters_json(const TrafficCounters &counters)
     return {{"rx", count_json(counters.rx)}, {"tx", count_json(counters.tx)}};
 }
 
-Json traffic_port_json(const TrafficPort &port)
+Json interface_json(const TrafficReport::Interface &interface)
 {
-    Json json = counters_json(port.counters);
-    json["interface"] = port.socket().interface();
-    json["missed"] = port.missed();
+    Json json = counters_json(interface.counters);
+    json["interface"] = interface.name;
+    json["missed"] = interface.missed;
     return json;
 }
 
-Json traffic_json(const DataPlane *plane)
+Json traffic_json(const UserPlane *plane)
 {
     if (plane == nullptr)
         return nullptr;
+    const TrafficReport report = plane->report();
     Json ports = Json::array();
-    for (const auto &[number, port] : plane->ports()) {
+    for (const auto &[number, interface] : report.ports) {
         ports.push_back({{"port", number}});
-        ports.back().update(traffic_port_json(port));
+        ports.back().update(interface_json(interface));
     }
     Json trunks = Json::array();
-    for (const auto &[group, counters] : plane->trunks()) {
+    for (const auto &[group, counters] : report.trunks) {
         trunks.push_back({{"group", group}});
         trunks.back().update(counters_json(counters));
     }
-    return {{"host", traffic_port_json(plane->host())}, {"ports", ports}, {"trunks", trunks}};
+    return {{"host", interface_json(report.host)}, {"ports", ports}, {"trunks", trunks}};
 }
 
 } // namespace

@@ -1,11 +1,11 @@
 // The switch's state in JSON, for people and tests.
 #pragma once
 
-#include "data_plane.h"
 #include "driver_service.h"
 #include "forwarder.h"
 #include "link_monitor.h"
 #include "link_publisher.h"
+#include "user_plane.h"
 
 namespace olt
 {
@@ -17,7 +17,7 @@ struct StateSources {
     const LinkMonitor &links;
     const DriverService &driver;
     const LinkPublisher *publisher;
-    const DataPlane *plane;
+    const UserPlane *plane;
 };
 
 std::string state_text(const StateSources &sources);

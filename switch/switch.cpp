@@ -1,5 +1,8 @@
 #include "switch.h"
 
+#include "data_plane.h"
+#include "kernel_plane.h"
+
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -31,7 +34,8 @@ const char *word(bool up)
 } // namespace
 
 Switch::Switch(EventLoop &loop, const Options &options)
-    : loop_(loop), options_(options), driver_(loop, options_, [this] { daemon_changed(); }),
+    : loop_(loop), options_(options), driver_(
+                                          loop, options_, [this] { daemon_changed(); }, [this] { settle(); }),
       state_(loop, options_.state_socket, [this] { return state_text(sources()); }), forwarder_(loop, options_),
       links_(
           loop, interfaces_of(options_),
@@ -43,11 +47,14 @@ Switch::Switch(EventLoop &loop, const Options &options)
     for (const auto &[number, interface] : options_.ports)
         numbers_[interface] = number;
     if (!options_.host.empty())
-        plane_.emplace(loop, options_, driver_.trunks());
+        plane_ = options_.kernel_forwarding
+                     ? std::unique_ptr<UserPlane>(std::make_unique<KernelPlane>(options_, driver_.trunks(), links_))
+                     : std::make_unique<DataPlane>(loop, options_, driver_.trunks());
     if (options_.datastore)
         store_ = std::make_unique<DatastoreLinks>();
     for (const std::string &interface : interfaces_of(options_))
         follow(interface, links_.link(interface));
+    settle();
     if (store_)
         publish_links();
     else
@@ -56,7 +63,7 @@ Switch::Switch(EventLoop &loop, const Options &options)
 
 StateSources Switch::sources() const
 {
-    return {options_, forwarder_, links_, driver_, publisher_ ? &*publisher_ : nullptr, plane_ ? &*plane_ : nullptr};
+    return {options_, forwarder_, links_, driver_, publisher_ ? &*publisher_ : nullptr, plane_.get()};
 }
 
 std::string Switch::name_of(const std::string &interface) const
@@ -93,6 +100,12 @@ void Switch::daemon_changed()
         publisher_->try_again();
 }
 
+void Switch::settle()
+{
+    if (plane_)
+        plane_->settle();
+}
+
 void Switch::ready()
 {
     state_.start();
@@ -122,6 +135,7 @@ void Switch::link_changed(const std::string &interface, const Link &before, cons
         advise();
     if (now.index != before.index)
         follow(interface, now);
+    settle();
 }
 
 // ---- what the operator had better change ----------------------------------------------------------------------

@@ -1,7 +1,6 @@
 // The software switch: its parts and what they tell each other.
 #pragma once
 
-#include "data_plane.h"
 #include "driver_service.h"
 #include "forwarder.h"
 #include "link_monitor.h"
@@ -30,6 +29,7 @@ class Switch
     void link_changed(const std::string &interface, const Link &before, const Link &now);
     void publish_links();
     void daemon_changed();
+    void settle();
     void ready();
     void advise();
     std::string advice() const;
@@ -42,8 +42,8 @@ class Switch
     DriverService driver_;                         // first: it refuses a second switch
     StateService state_;
     Forwarder forwarder_;
-    std::optional<DataPlane> plane_; // empty without a host interface
     LinkMonitor links_;
+    std::unique_ptr<UserPlane> plane_; // null without a host interface
     std::unique_ptr<LinkStore> store_;
     std::optional<LinkPublisher> publisher_; // empty without a datastore
 };

@@ -4,22 +4,10 @@
 #include "event_loop.h"
 #include "frame_batch.h"
 #include "packet_socket.h"
+#include "user_plane.h"
 
 namespace olt
 {
-
-// A train of segments that the kernel hands over in one piece counts as one frame, and by segment when it is cut
-// here.
-struct TrafficCount {
-    std::uint64_t frames = 0;
-    std::uint64_t bytes = 0;
-    std::uint64_t dropped = 0;
-};
-
-struct TrafficCounters {
-    TrafficCount rx; // dropped: came in and could not go on
-    TrafficCount tx; // dropped: could not be sent
-};
 
 // Its socket sees all frames; those that are no user traffic are for others that listen on the interface.
 class TrafficPort

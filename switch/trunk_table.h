@@ -16,6 +16,7 @@ namespace olt
 std::optional<std::string_view> criterion_name(std::uint32_t code);
 
 using Members = std::bitset<32>; // bit (port - 1)
+constexpr std::uint32_t MAX_GROUP = 4;
 
 std::vector<std::uint32_t> port_numbers(Members members);
 

@@ -18,13 +18,14 @@ for change in 2:usr/sbin/lacpd 3:usr/lib/lacpd/libyang.so.3; do
   dpkg-deb --root-owner-group -b "$work/unpacked" "$work/data/lacpd_${change%%:*}_all.deb" >/dev/null
 done
 cp "$(dirname "$0")/boot_check_guest.sh" "$work/data"
-if [ ! -e "$work/root/etc/rc.local" ] || [ ! -e "$work/root/bin/ping" ]; then
-  depends=$(dpkg-deb -f "$work"/data/lacpd_1_*.deb Depends | sed 's/([^)]*)//g; s/ //g')
+packages="systemd-sysv,udev,dbus,linux-image-cloud-amd64,iproute2,iputils-ping,procps,netcat-openbsd,$(
+  dpkg-deb -f "$work"/data/lacpd_1_*.deb Depends | sed 's/([^)]*)//g; s/ //g')"
+if [ "$(cat "$work/packages" 2>/dev/null)" != "$packages" ]; then
   rm -rf "$work/root"
-  mmdebstrap --quiet --variant=minbase bookworm "$work/root" \
-    --include="systemd-sysv,udev,dbus,linux-image-cloud-amd64,iproute2,iputils-ping,procps,netcat-openbsd,$depends"
+  mmdebstrap --quiet --variant=minbase bookworm "$work/root" --include="$packages"
   printf '#!/bin/sh\nmount /dev/vdb /mnt\n/mnt/boot_check_guest.sh >/dev/console 2>&1 &\n' |
     install -m 755 /dev/stdin "$work/root/etc/rc.local"
+  echo "$packages" >"$work/packages"
 fi
 mke2fs -q -F -t ext4 -d "$work/root" "$work/root.img" 1500M
 mke2fs -q -F -t ext4 -d "$work/data" "$work/data.img" 64M

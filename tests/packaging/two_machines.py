@@ -14,8 +14,12 @@ from pathlib import Path
 
 GUIDE = Path(__file__).resolve().parents[2] / "docs/machines.md"
 BLOCKS = re.findall(r"^```(?:sh)?\n(.*?)^```", GUIDE.read_text(encoding="utf-8"), re.MULTILINE | re.DOTALL)
-SET_UP, START, SHELL = (next(block for block in BLOCKS if word in block) for word in (
-    "cp /usr", "enable --now olt", "write memory"))
+SET_UP, START, SHELL, CHECK, BACK = (next(block for block in BLOCKS if word in block) for word in (
+    "cp /usr", "enable --now olt", "write memory", "ping", "disable"))
+TUNNEL = """ip link add tunnel type vxlan id 5 dstport 4789 dev host0 remote 10.77.0.{other}
+ip address add 10.78.0.{own}/24 dev tunnel
+ip link set tunnel up
+"""
 # As the guide says of cards with other names.
 NAMES = """
 sed -i 's/eno1 eno2/eth0 eth1/' /etc/systemd/network/30-lacpd-uplinks.network
@@ -114,6 +118,12 @@ class Machine:
         return count - int(re.search(r"(\d+) received", shown)[1])
 
 
+def transfer(sender, receiver, network):
+    receiver.run("(nc -l 9 | md5sum >/tmp/arrived) >/dev/null 2>&1 &")
+    sent = sender.run(f"md5sum </tmp/data; nc -N -w {PATIENCE} {network}.2 9 </tmp/data")
+    receiver.until(f"20 MB arrive whole at {network}.2", f"echo '{sent.strip()}' | cmp - /tmp/arrived")
+
+
 def has_trunk(*cards):
     members = ", ".join(map(str, cards))
     return f"""olt-switch --show | tr -d '\\n' | tr -s ' ' | grep -q '"group": 1, .*"members": \\[ \\?{members} \\?\\]'"""
@@ -137,6 +147,12 @@ def main(folder):
         for machine in machines:
             machine.until("both cards are in the trunk", has_trunk(1, 2))
         print(f"ok    {a.ping(100, 0.05)} of 100 packets lost at rest", flush=True)
+        a.run(CHECK.replace("eno1", "eth0"))
+        a.run("head -c 20000000 /dev/urandom >/tmp/data")
+        for own, machine in enumerate(machines, 1):
+            machine.run(TUNNEL.format(own=own, other=3 - own))
+        for network in ("10.77.0", "10.78.0"):
+            transfer(a, b, network)
         for machine in machines:
             machine.pull(1)
         for machine in machines:
@@ -165,6 +181,8 @@ def main(folder):
         a.until("so is its configuration", "grep -c 'channel-group 1 mode active' /etc/lacpd/lacpd.conf | grep -x 2")
         a.run("ip address add 10.77.0.1/24 dev host0", check=False)
         assert b.ping(20, 0.1) == 0
+        a.run("set -e\n" + BACK)
+        a.until("nothing is left of it", "! ip link show ethv0 && ! pidof lacpd olt-switch")
         print("passed")
     finally:
         for machine in machines:

@@ -1,11 +1,11 @@
-#!/usr/bin/env python3
-"""Frames a second that the switch forwards from the host into a trunk, and back, beside what a bridge forwards.
+#!/usr/bin/python3
+"""What the switch forwards from the host into a trunk, and back, beside what a bridge forwards.
 
-    tests/switch/measure_forwarding.py [--seconds N] [--rounds N]        as root
+    tests/switch/measure_forwarding.py [--seconds N] [--rounds N] [--nice N]        as root
 
-Both forward over the same veth pairs, one after the other in turns: frames go into one end of a pair as fast as the
-kernel takes them and are counted where they come out, at a priority that leaves other programs little say.
-LACPD_BUILD_DIR names another build directory than build.
+Bridge, switch and switch with --kernel-forwarding use the same veth pairs, one after the other in turns. Frames go into one
+end of a pair as fast as the kernel takes them and are counted where they come out; then one TCP connection, plain and within
+a VXLAN tunnel. LACPD_BUILD_DIR names another build directory than build.
 """
 
 import argparse
@@ -15,6 +15,7 @@ import json
 import os
 import statistics
 import struct
+import subprocess
 import threading
 import time
 from pathlib import Path
@@ -22,6 +23,7 @@ from pathlib import Path
 from test_switch import BUILD, CREATE, SRC_DST_IP, Bench, Lab, Programs, packet
 
 SIZES, BATCH, URGENT = (64, 512, 1514), 64, -15
+PLAIN, TUNNEL = "10.77.9.", "10.78.9."  # the networks of the TCP connections
 
 
 def received(namespace):
@@ -63,37 +65,73 @@ def bridge(bench):
 
 
 @contextlib.contextmanager
-def switch(bench):
-    bench.restart("--no-datastore")
-    bench.ask((CREATE, 1, SRC_DST_IP, 0b011, 2))
+def switch(bench, *options):
+    bench.restart("--no-datastore", *options)
+    bench.ask((CREATE, 1, SRC_DST_IP, 0b001, 1))
     yield
     bench.system.stop_switch()
+
+
+def kernel(bench):
+    return switch(bench, "--kernel-forwarding")
+
+
+def frames(bench, way, size, seconds):
+    end, sink = ("host", bench.lab.bench) if way == "host->trunk" else (1, bench.system.host)
+    with sending(bench.wires[end], size):
+        first, began = received(sink), time.monotonic()
+        time.sleep(seconds)
+        return (received(sink) - first) / (time.monotonic() - began)
+
+
+def address_ends(bench):
+    """The user and the far end of port 1 get addresses, and a tunnel between them."""
+    for here, there, (namespace, interface) in ((1, 2, bench.ends["host"]), (2, 1, bench.ends[1])):
+        namespace.ip("address", "add", f"{PLAIN}{here}/24", "dev", interface)
+        namespace.ip("link", "add", "tunnel", "type", "vxlan", "id", 5, "dstport", 4789, "remote", f"{PLAIN}{there}",
+                     "dev", interface)
+        namespace.ip("address", "add", f"{TUNNEL}{here}/24", "dev", "tunnel")
+        namespace.ip("link", "set", "tunnel", "up")
+
+
+def tcp(bench, way, network, seconds):
+    """Gbit/s that arrive."""
+    server = subprocess.Popen([*bench.lab.bench.enter(), "iperf3", "-s", "-1"], stdout=subprocess.DEVNULL)
+    time.sleep(0.3)
+    result = subprocess.run([*bench.system.host.enter(), "iperf3", "-J", "-c", f"{network}2", "-t", str(seconds),
+                             *(["-R"] if way == "trunk->host" else [])], capture_output=True, text=True, check=False)
+    server.terminate()
+    server.wait()
+    return json.loads(result.stdout)["end"]["sum_received"]["bits_per_second"] / 1e9
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, default=1.0, help="of one measurement")
     parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--nice", type=int, default=URGENT, help="priority of everything, 0 is that of other programs")
     options = parser.parse_args()
-    os.nice(URGENT)
+    os.nice(options.nice)
     with contextlib.suppress(OSError):  # where the kernel shares time out by session
         os.setsid()
-        Path("/proc/self/autogroup").write_text(str(URGENT), encoding="ascii")
+        Path("/proc/self/autogroup").write_text(str(options.nice), encoding="ascii")
     print(f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}, median of {options.rounds} rounds of "
-          f"{options.seconds} s\nbytes  way             bridge/s   switch/s  ratio")
+          f"{options.seconds} s\n{'':<24} bridge       switch       kernel")
     with Lab(Programs(BUILD)) as lab:
         bench = Bench(lab)
         bench.plug_in("host", 1)
-        for size in SIZES:
-            for way, end, sink in (("host->trunk", "host", lab.bench), ("trunk->host", 1, bench.system.host)):
-                rates = {bridge: [], switch: []}
+        rows = [(f"frames a second, {size} B", frames, size) for size in SIZES]
+        rows += [("TCP, Gbit/s", tcp, PLAIN), ("TCP in VXLAN, Gbit/s", tcp, TUNNEL)]
+        for name, measure, argument in rows:
+            if argument == PLAIN:
+                address_ends(bench)
+            for way in ("host->trunk", "trunk->host"):
+                rates = {bridge: [], switch: [], kernel: []}
                 for forwarder in (*rates,) * options.rounds:
-                    with forwarder(bench), sending(bench.wires[end], size):
-                        first, began = received(sink), time.monotonic()
-                        time.sleep(options.seconds)
-                        rates[forwarder].append((received(sink) - first) / (time.monotonic() - began))
-                base, ours = map(statistics.median, rates.values())
-                print(f"{size:>5}  {way:<12} {base:>10,.0f} {ours:>10,.0f}  {ours / base:.2f}", flush=True)
+                    with forwarder(bench):
+                        rates[forwarder].append(measure(bench, way, argument, options.seconds))
+                base, *ours = map(statistics.median, rates.values())
+                print(f"{name:<22} {way} {base:>10,.1f}", *(f"{own:>10,.1f} {own / base:.2f}" for own in ours), flush=True)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,222 @@
+#include "kernel_plane.h"
+
+#include "forwarding.h"
+
+#include <iostream>
+#include <nftables/libnftables.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+
+namespace olt
+{
+
+namespace
+{
+
+constexpr std::uint32_t BUCKETS = 256;        // of flows, each of which has its member
+constexpr std::uint64_t ETHERNET_HEADER = 14; // which the kernel's counters leave out
+constexpr char REMOVAL[] = "add table netdev olt-switch\ndelete table netdev olt-switch\n";
+
+// What makes a flow, for the packets of each protocol; what matches none of the first goes by the last.
+struct Fields {
+    const char *ipv4, *ipv6, *mac;
+};
+
+Fields fields_of(std::uint32_t code)
+{
+    switch (code) {
+    case 0:
+        return {"ip saddr", "ip6 saddr", "ether saddr"};
+    case 1:
+        return {"ip daddr", "ip6 daddr", "ether daddr"};
+    case 10:
+        return {nullptr, nullptr, "ether daddr"};
+    case 18:
+        return {"ip saddr . ip daddr", "ip6 saddr . ip6 daddr", "ether saddr . ether daddr"};
+    case 19:
+        return {nullptr, nullptr, "ether saddr . ether daddr"};
+    default:
+        return {nullptr, nullptr, "ether saddr"};
+    }
+}
+
+std::string name(const char *what, std::uint32_t number)
+{
+    return what + std::to_string(number);
+}
+
+// The next rules of a chain: LACPDUs are the CPU's, and neither those nor frames for a bridge go on.
+std::string exceptions(const std::string &slow, const std::string &reserved)
+{
+    return "  meta protocol 0x8809 " + slow + "accept\n  ether daddr 01:80:c2:00:00:02 " + slow +
+           "accept\n  ether daddr 01:80:c2:00:00:00-01:80:c2:00:00:0f " + reserved + "accept\n";
+}
+
+std::string counted(const std::string &counter)
+{
+    return "counter name " + counter + " ";
+}
+
+std::string chain(const std::string &name, const std::string &interface, const std::string &rules)
+{
+    return " chain " + name + " {\n  type filter hook ingress device \"" + interface + "\" priority 0\n" + rules +
+           " }\n";
+}
+
+// A flow keeps its bucket, and a bucket its member while that one stays.
+std::string spread(const char *protocol, const char *fields, const Trunk &trunk)
+{
+    std::ostringstream rule;
+    rule << "  " << protocol << "jhash " << fields << " mod " << BUCKETS << " seed 0x1 vmap {";
+    for (std::uint32_t bucket = 0; bucket < BUCKETS; ++bucket)
+        rule << (bucket == 0 ? " " : ", ") << bucket << " : goto to" << choose_member(trunk.members, bucket);
+    rule << " }\n";
+    return rule.str();
+}
+
+std::string spread(const Trunk &trunk)
+{
+    const Fields fields = fields_of(trunk.criterion);
+    return (fields.ipv4 == nullptr ? ""
+                                   : spread("meta protocol ip ", fields.ipv4, trunk) +
+                                         spread("meta protocol ip6 ", fields.ipv6, trunk)) +
+           spread("", fields.mac, trunk);
+}
+
+} // namespace
+
+void KernelPlane::Release::operator()(nft_ctx *context) const
+{
+    nft_ctx_free(context);
+}
+
+KernelPlane::KernelPlane(const Options &options, const TrunkTable &trunks, const LinkMonitor &links)
+    : options_(options), trunks_(trunks), links_(links), host_(options.host, false),
+      nft_(nft_ctx_new(NFT_CTX_DEFAULT))
+{
+    if (!nft_ || nft_ctx_buffer_output(nft_.get()) != 0 || nft_ctx_buffer_error(nft_.get()) != 0 || !run(REMOVAL))
+        throw std::runtime_error("the kernel cannot forward user traffic; see that it has nftables and that this "
+                                 "program runs as root, or leave --kernel-forwarding out");
+}
+
+KernelPlane::~KernelPlane()
+{
+    run(REMOVAL);
+}
+
+bool KernelPlane::follow(const std::string &interface, int index)
+{
+    return interface != options_.host || host_.follow(index);
+}
+
+void KernelPlane::settle()
+{
+    const std::string wanted = rules();
+    if (wanted == installed_)
+        return;
+    before_ = counts();
+    installed_ = run(wanted) ? wanted : "";
+}
+
+// What fails is tried again with the next change. An interface that went before its rule came is told of by the next
+// notice.
+bool KernelPlane::run(const std::string &commands) const
+{
+    if (nft_run_cmd_from_buffer(nft_.get(), commands.c_str()) == 0)
+        return true;
+    const std::string text = nft_ctx_get_error_buffer(nft_.get());
+    if (text.find("Interface does not exist") == std::string::npos &&
+        text.find("No such file or directory") == std::string::npos)
+        std::cerr << "olt-switch: the kernel does not forward user traffic: " << text.substr(0, text.find('\n'))
+                  << std::endl;
+    return false;
+}
+
+std::string KernelPlane::rules() const
+{
+    std::ostringstream counters, chains;
+    const auto counter = [&](const std::string &name) {
+        counters << " counter " << name << " {\n }\n";
+        return counted(name);
+    };
+    const auto here = [this](const std::string &interface) { return links_.link(interface).index != 0; };
+    const std::string to_host =
+        counter("host_tx") + (here(options_.host) ? "fwd to \"" + options_.host + "\"" : "drop");
+    for (const auto &[number, interface] : options_.ports) {
+        const std::string sent = counter(name("tx", number)), lost = counter(name("lost", number));
+        const std::string dropped = counter(name("dropped", number)), received = counter(name("rx", number));
+        const auto group = group_of(trunks_, number);
+        if (group)
+            chains << " chain to" << number << " {\n  "
+                   << (links_.link(interface).carrier
+                           ? sent + counted(name("group_tx", *group)) + "fwd to \"" + interface + "\""
+                           : lost + counted(name("group_lost", *group)) + "drop")
+                   << "\n }\n";
+        if (here(interface))
+            chains << "# " << links_.link(interface).index << "\n"
+                   << chain(name("port", number), interface,
+                            exceptions("", dropped) + "  " +
+                                (group ? received + counted(name("group_rx", *group)) + to_host : dropped) + "\n");
+    }
+    for (std::uint32_t group = 1; group <= MAX_GROUP; ++group)
+        for (const char *what : {"group_rx", "group_tx", "group_lost"})
+            counter(name(what, group));
+    const std::string refused = counter("host_dropped"), taken = counter("host_rx");
+    if (here(options_.host))
+        chains << "# " << links_.link(options_.host).index << "\n"
+               << chain("host", options_.host,
+                        exceptions(refused, refused) +
+                            (trunks_.all().empty() ? "  " + refused + "\n"
+                                                   : "  " + taken + "\n" + spread(trunks_.all().begin()->second)));
+    return REMOVAL + ("table netdev olt-switch {\n" + counters.str() + chains.str()) + "}\n";
+}
+
+// ---- counters -------------------------------------------------------------------------------------------------
+
+KernelPlane::Counts KernelPlane::counts() const
+{
+    Counts all = before_;
+    if (installed_.empty())
+        return all;
+    nft_ctx_output_set_flags(nft_.get(), NFT_CTX_OUTPUT_JSON);
+    const bool read = run("list counters table netdev olt-switch");
+    nft_ctx_output_set_flags(nft_.get(), 0);
+    const auto listed = nlohmann::json::parse(read ? nft_ctx_get_output_buffer(nft_.get()) : "", nullptr, false);
+    if (!listed.contains("nftables"))
+        return all;
+    for (const auto &object : listed["nftables"]) {
+        if (!object.contains("counter"))
+            continue;
+        const std::uint64_t frames = object["counter"]["packets"], bytes = object["counter"]["bytes"];
+        TrafficCount &count = all[object["counter"]["name"]];
+        count.frames += frames;
+        count.bytes += bytes + frames * ETHERNET_HEADER;
+    }
+    return all;
+}
+
+TrafficReport KernelPlane::report() const
+{
+    Counts all = counts();
+    const auto with_dropped = [&all](const std::string &carried, const std::string &dropped) {
+        TrafficCount count = all[carried];
+        count.dropped = dropped.empty() ? 0 : all[dropped].frames;
+        return count;
+    };
+    TrafficReport report;
+    report.host = {options_.host, {with_dropped("host_rx", "host_dropped"), with_dropped("host_tx", "")}};
+    for (const auto &[number, interface] : options_.ports)
+        report.ports[number] = {interface,
+                                {with_dropped(name("rx", number), name("dropped", number)),
+                                 with_dropped(name("tx", number), name("lost", number))}};
+    for (std::uint32_t group = 1; group <= MAX_GROUP; ++group) {
+        const TrafficCounters counters = {with_dropped(name("group_rx", group), ""),
+                                          with_dropped(name("group_tx", group), name("group_lost", group))};
+        if (counters.rx.frames + counters.tx.frames + counters.tx.dropped != 0)
+            report.trunks[group] = counters;
+    }
+    return report;
+}
+
+} // namespace olt

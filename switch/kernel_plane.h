@@ -1,0 +1,51 @@
+// User traffic that the kernel forwards by rules of its own.
+#pragma once
+
+#include "link_monitor.h"
+#include "options.h"
+#include "packet_socket.h"
+#include "trunk_table.h"
+#include "user_plane.h"
+
+#include <memory>
+
+struct nft_ctx;
+
+namespace olt
+{
+
+// Rules of nftables take a frame where it comes in and send it where it leaves, within the time of whoever sent it,
+// and trains of segments whole, also those of a tunnel. The rules are written anew, as one transaction, when they are
+// not those that trunks and links ask for. A switch that is killed leaves them behind until the next one starts.
+class KernelPlane : public UserPlane
+{
+  public:
+    KernelPlane(const Options &options, const TrunkTable &trunks, const LinkMonitor &links);
+    ~KernelPlane() override;
+    KernelPlane(const KernelPlane &) = delete;
+    KernelPlane &operator=(const KernelPlane &) = delete;
+
+    bool follow(const std::string &interface, int index) override;
+    void settle() override;
+    TrafficReport report() const override;
+
+  private:
+    using Counts = std::map<std::string, TrafficCount>; // by the counter's name; `dropped` is not used
+    struct Release {
+        void operator()(nft_ctx *context) const;
+    };
+
+    std::string rules() const;
+    bool run(const std::string &commands) const;
+    Counts counts() const;
+
+    const Options &options_;
+    const TrunkTable &trunks_;
+    const LinkMonitor &links_;
+    PacketSocket host_; // makes the interface take every frame, and hears none itself
+    std::unique_ptr<nft_ctx, Release> nft_;
+    std::string installed_;
+    Counts before_; // of the rules before
+};
+
+} // namespace olt
