@@ -27,7 +27,8 @@ struct DriverCounters {
 class DriverService
 {
   public:
-    // `changed` is called when a client has come or gone, `trunks_changed` when trunks may be others.
+    // `changed` is called when a client has come or gone, `trunks_changed` when trunks may be others, and a few
+    // times a second.
     DriverService(
         EventLoop &loop, const Options &options, std::function<void()> changed = [] {},
         std::function<void()> trunks_changed = [] {});

@@ -2,6 +2,7 @@
 
 #include "forwarding.h"
 
+#include <algorithm>
 #include <iostream>
 #include <nftables/libnftables.h>
 #include <nlohmann/json.hpp>
@@ -16,6 +17,7 @@ namespace
 
 constexpr std::uint32_t BUCKETS = 256;        // of flows, each of which has its member
 constexpr std::uint64_t ETHERNET_HEADER = 14; // which the kernel's counters leave out
+constexpr char TABLE[] = "add table netdev olt-switch\n";
 constexpr char REMOVAL[] = "add table netdev olt-switch\ndelete table netdev olt-switch\n";
 
 // What makes a flow, for the packets of each protocol; what matches none of the first goes by the last.
@@ -93,9 +95,9 @@ void KernelPlane::Release::operator()(nft_ctx *context) const
 
 KernelPlane::KernelPlane(const Options &options, const TrunkTable &trunks, const LinkMonitor &links)
     : options_(options), trunks_(trunks), links_(links), host_(options.host, false),
-      nft_(nft_ctx_new(NFT_CTX_DEFAULT))
+      nft_(nft_ctx_new(NFT_CTX_DEFAULT)), kept_until_(TrunkTable::Clock::now() + options.stale_grace)
 {
-    if (!nft_ || nft_ctx_buffer_output(nft_.get()) != 0 || nft_ctx_buffer_error(nft_.get()) != 0 || !run(REMOVAL))
+    if (!nft_ || nft_ctx_buffer_output(nft_.get()) != 0 || nft_ctx_buffer_error(nft_.get()) != 0 || !run(TABLE))
         throw std::runtime_error("the kernel cannot forward user traffic; see that it has nftables and that this "
                                  "program runs as root, or leave --kernel-forwarding out");
 }
@@ -112,6 +114,9 @@ bool KernelPlane::follow(const std::string &interface, int index)
 
 void KernelPlane::settle()
 {
+    if (trunks_.all().empty() && TrunkTable::Clock::now() < kept_until_)
+        return;
+    kept_until_ = {};
     const std::string wanted = rules();
     if (wanted == installed_)
         return;
@@ -119,17 +124,18 @@ void KernelPlane::settle()
     installed_ = run(wanted) ? wanted : "";
 }
 
-// What fails is tried again with the next change. An interface that went before its rule came is told of by the next
+// What fails is tried again, and told once. An interface that went before its rule came is told of by the next
 // notice.
-bool KernelPlane::run(const std::string &commands) const
+bool KernelPlane::run(const std::string &commands)
 {
     if (nft_run_cmd_from_buffer(nft_.get(), commands.c_str()) == 0)
         return true;
-    const std::string text = nft_ctx_get_error_buffer(nft_.get());
-    if (text.find("Interface does not exist") == std::string::npos &&
+    std::string text = nft_ctx_get_error_buffer(nft_.get());
+    text.resize(std::min(text.find('\n'), text.size()));
+    if (text != complaint_ && text.find("Interface does not exist") == std::string::npos &&
         text.find("No such file or directory") == std::string::npos)
-        std::cerr << "olt-switch: the kernel does not forward user traffic: " << text.substr(0, text.find('\n'))
-                  << std::endl;
+        std::cerr << "olt-switch: the kernel does not forward user traffic: " << text << std::endl;
+    complaint_ = text;
     return false;
 }
 
@@ -180,7 +186,7 @@ KernelPlane::Counts KernelPlane::counts() const
     if (installed_.empty())
         return all;
     nft_ctx_output_set_flags(nft_.get(), NFT_CTX_OUTPUT_JSON);
-    const bool read = run("list counters table netdev olt-switch");
+    const bool read = nft_run_cmd_from_buffer(nft_.get(), "list counters table netdev olt-switch") == 0;
     nft_ctx_output_set_flags(nft_.get(), 0);
     const auto listed = nlohmann::json::parse(read ? nft_ctx_get_output_buffer(nft_.get()) : "", nullptr, false);
     if (!listed.contains("nftables"))

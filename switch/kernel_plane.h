@@ -16,7 +16,8 @@ namespace olt
 
 // Rules of nftables take a frame where it comes in and send it where it leaves, within the time of whoever sent it,
 // and trains of segments whole, also those of a tunnel. The rules are written anew, as one transaction, when they are
-// not those that trunks and links ask for. A switch that is killed leaves them behind until the next one starts.
+// not those that trunks and links ask for. A switch that is killed leaves them behind; the next one keeps them until
+// it is asked for a trunk, for the grace time at most.
 class KernelPlane : public UserPlane
 {
   public:
@@ -36,7 +37,7 @@ class KernelPlane : public UserPlane
     };
 
     std::string rules() const;
-    bool run(const std::string &commands) const;
+    bool run(const std::string &commands);
     Counts counts() const;
 
     const Options &options_;
@@ -44,8 +45,10 @@ class KernelPlane : public UserPlane
     const LinkMonitor &links_;
     PacketSocket host_; // makes the interface take every frame, and hears none itself
     std::unique_ptr<nft_ctx, Release> nft_;
+    TrunkTable::Clock::time_point kept_until_;
     std::string installed_;
-    Counts before_; // of the rules before
+    std::string complaint_; // as it was told last
+    Counts before_;         // of the rules before
 };
 
 } // namespace olt
