@@ -1,94 +1,10 @@
-// Whole stories: up to six links to partners that answer, second by second; and random sequences of steps.
-#include "random_steps.h"
+// Whole stories: up to six links to partners that answer, second by second; and stories by chance.
+#include "story.h"
 
 #include <random>
-#include <sstream>
 
 namespace
 {
-
-// Told in words: "p2" port 2 joins group 1, "9s" nine seconds, "down2" and "up2" its link, "mute2", "talk2" and
-// "hear2" its partner, "2.key=9" what that partner is, "cable3" the cable of the port before now ends on port 3,
-// "short2" and "best2" its timeout and priority, "refuse" and "accept" new members. From "watch" on every change is
-// noted, with the second since the word: the trunk, who has been told Synchronization, the aggregator and what is
-// written, and with "closely" selection and the machines too.
-class Story : public Engine
-{
-  public:
-    Story() : Engine(1, 6) {}
-
-    std::string tell(const std::string &script)
-    {
-        std::istringstream words(script);
-        for (std::string word; words >> word;) {
-            if (word == "watch" || word == "closely") {
-                note(0);
-                noted_.clear();
-                watches_ = true;
-                closely_ = word == "closely";
-                continue;
-            }
-            noted_ += watches_ ? " " + word : "";
-            const unsigned count = word.ends_with("s") ? static_cast<unsigned>(std::stoul(word)) : 0;
-            if (count == 0)
-                happen(word);
-            note(0);
-            for (unsigned at = 1; at <= count; ++at) {
-                second();
-                note(at);
-            }
-        }
-        return noted_.substr(1);
-    }
-
-  private:
-    void happen(const std::string &word)
-    {
-        const std::size_t digit = word.find_first_of("123456");
-        const std::string verb = word.substr(0, digit);
-        const std::uint32_t port_no = digit == std::string::npos ? 1 : static_cast<std::uint32_t>(word[digit] - '0');
-        const std::string link = "p" + std::to_string(port_no) + "/link-status=";
-        FarEnd &end = far[port_no];
-        const std::map<std::string, std::function<void()>> VERBS = {
-            {"p", [&] { running_port(port_no); }},
-            {"down", [&] { configure(link + "up>down"); }},
-            {"up", [&] { configure(link + "down>up"); }},
-            {"mute", [&] { end.talks = false; }},
-            {"talk", [&] { end.talks = true; }},
-            {"hear", [&] { answer(port_no); }},
-            {"", [&] { set_info(end.self, word.substr(2)); }},
-            {"cable", [&] { end.self = far[port_no - 1].self; }},
-            {"short", [&] { set_lacp_port_timeout(0, port_no, 1); }},
-            {"best", [&] { set_lacp_port_priority(0, port_no, 1); }},
-            {"refuse", [] { fake::datastore().failures["+member-port"] = SR_ERR_CALLBACK_FAILED; }},
-            {"accept", [] { fake::datastore().failures.clear(); }},
-        };
-        VERBS.at(verb)();
-        dispatch();
-    }
-
-    void note(unsigned second)
-    {
-        State now = {{"trunk", trunk(1)}, {"agg", state()["g1.agg"]}, {"told", 0}};
-        for (std::uint32_t number = 1; number <= 6; ++number)
-            now["told"] |= (far[number].heard.state & LAC_SYNCHRONIZATION) != 0 ? 1U << (number - 1) : 0;
-        for (const auto &[name, value] : state())
-            if (closely_ && (name.ends_with(".rx") || name.ends_with(".sel") || name.ends_with(".mux")))
-                now[name] = value;
-        std::string seen;
-        for (const auto &[name, value] : now)
-            if (const auto old = seen_.find(name); old != seen_.end() && old->second != value)
-                seen += " " + name + "=" + std::to_string(value);
-        for (const std::string &write : fake::take_writes())
-            seen += " " + write.substr(0, 1) + write.substr(write.rfind('/') + 1);
-        noted_ += watches_ && !seen.empty() ? " " + std::to_string(second) + ":" + seen : "";
-        seen_ = std::move(now);
-    }
-
-    std::string noted_ = " ";
-    State seen_;
-    bool watches_ = false, closely_ = false;
-};
 
 using Tales = std::vector<std::pair<const char *, const char *>>;
 void expect_all(const Tales &tales)
@@ -177,7 +93,7 @@ TEST(RandomSequences, KeepTheInvariants)
             byte = static_cast<std::uint8_t>(random() >> 8);
         fuzz::Input input(bytes.data(), bytes.size());
         std::string broken;
-        printed([&] { broken = run_random_steps(input); });
+        printed([&] { broken = Story(1 + input.below(LAC_MAX_PORTS)).draw(input); });
         ASSERT_EQ(broken, "") << "seed " << seed;
     }
 }
