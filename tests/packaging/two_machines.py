@@ -119,7 +119,7 @@ class Machine:
 
 
 def transfer(sender, receiver, network):
-    receiver.run("rm -f /tmp/whole; (nc -l 9 | cmp - <(seq 2500000) && touch /tmp/whole) >/dev/null 2>&1 &")
+    receiver.run("rm -f /tmp/whole; (nc -l 9 | cmp - <(seq 2500000) && touch /tmp/whole) >/dev/null 2>&1 &\nsleep 3")
     sender.run(f"seq 2500000 | nc -N -w {PATIENCE} {network}.2 9")
     receiver.until(f"19 MB arrive whole at {network}.2", "test -e /tmp/whole")
 
