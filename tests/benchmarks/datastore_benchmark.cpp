@@ -5,8 +5,7 @@
 
 #include "channel_group.h"
 #include "channel_group_member.h"
-#include "fake_driver.h"
-#include "fake_system.h"
+#include "fake_services.h"
 #include "lac_dispatch.h"
 #include "lac_port.h"
 #include "lacp_database.h"
@@ -30,11 +29,6 @@ void must(int result)
 
 void start_daemon()
 {
-    fake::system().mac = {0x02, 0, 0, 0, 0, 0x0A};
-    fake::system().on_run = [](const std::string &name) {
-        if (name == "lacpRecv") // no ticks
-            fake::start_thread(name);
-    };
     must(database_init(&g_lacpd_db));
     for (std::uint32_t port = 1; port <= PORTS; ++port)
         must(db_olt_ifm_add_interface(0, port, &g_lacpd_db, true));
@@ -42,6 +36,7 @@ void start_daemon()
     lacp_sclient_init(nullptr, 0, nullptr);
     lac_set_dispatcher(lacDispatch);
     channel_group_daemon_init();
+    fake::start_thread("lacpRecv"); // no ticks
     must(lacp_database_subs(&g_lacpd_db));
     must(db_add_channel_group(&g_lacpd_db, 0, PORTS, DYNAMIC_GROUP, "active"));
 }

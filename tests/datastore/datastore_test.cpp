@@ -3,7 +3,7 @@
 
 #include "channel_group.h"
 #include "channel_group_member.h"
-#include "fake_driver.h"
+#include "fake_services.h"
 #include "lac_dispatch.h"
 #include "lac_port.h"
 #include "lac_task.h"

@@ -332,7 +332,6 @@ Engine::Engine(std::uint32_t first_port, std::uint32_t last_port)
     fake::reset_datastore();
     fake::driver().unreachable = false;
     fake::driver().after_send = nullptr;
-    fake::system() = {OUR_MAC, 0, {}, {}, nullptr};
     intf = {first_port, last_port};
     lacDebug = 0;
     lacp_set_pkt_debug(LACP_PKT_RX, 0);

@@ -2,8 +2,7 @@
 #pragma once
 
 #include "fake_datastore.h"
-#include "fake_driver.h"
-#include "fake_system.h"
+#include "fake_services.h"
 
 #include "channel_group.h"
 #include "channel_group_member.h"

@@ -1,8 +1,6 @@
 // Message queue, dispatcher and tasks; frames on the CPU interface and the PDUs in them, byte by byte.
 #include "engine.h"
 
-#include <tuple>
-
 namespace
 {
 
@@ -101,51 +99,7 @@ TEST(Queue, AFloodOfPdusIsHeldBack)
     EXPECT_EQ(MTYPE_LACP_PDU.allocated(), 0U);
 }
 
-// Code, text, started threads, open locks. Without a dispatcher senders are not blocked.
-TEST(Queue, SettingUpTheTasks)
-{
-    using Result = std::tuple<int, std::string, Texts, int>;
-    Engine engine;
-    const auto set_up = [] {
-        qfree(MTYPE_LACP_DRVCTRL, lacDrvCtrl);
-        sem_destroy(&lac_task_sem);
-        fake::system().started.clear();
-        int result = 0;
-        const std::string text = printed([&] { result = lac_TaskInit(); });
-        return Result(result, text, fake::system().started, open_locks());
-    };
-    EXPECT_EQ(set_up(), Result(0, "", Texts{"lacpRecv", "lacpTimer"}, 0));
-    fake::system().on_run = [](const std::string &) { fake::system().run_result = 11; };
-    EXPECT_EQ(set_up(), Result(0, "\r\n Msg:Create lacp timer thread failed!\r", Texts{"lacpRecv"}, 0));
-    EXPECT_EQ(set_up(), Result(-1, "\r\n Msg:Create lacp receive thread failed!\r", Texts{}, 1));
-    EXPECT_EQ(get_lac_global_enable() + lacDrvCtrl->port_count, 0U);
-}
-
 // ---- frames ---------------------------------------------------------------------------------------------------
-
-TEST(Packets, TheTagIsTakenOffAndNamesThePort)
-{
-    static std::vector<std::pair<std::uint32_t, Bytes>> handed_on;
-    const auto take = [](const std::string &tag) {
-        Bytes frame = hex("0180c2000002 023344556677" + tag);
-        const auto length = static_cast<int>(frame.size());
-        frame.resize(LACP_RX_BUFFER_SIZE, 0xEE);
-        return printed([&] {
-            lacp_pkt_take(frame.data(), length,
-                          [](std::uint32_t port, std::uint32_t, std::uint32_t, const std::uint8_t *out, int size) {
-                              handed_on.emplace_back(port, Bytes(out, out + size));
-                              return 0;
-                          });
-        });
-    };
-    take("9082 11223344 0003 55667788  81000001 8809 01 02");
-    take("9082 11223344 0102 55667788");
-    for (const char *tag : {"9089 00000000 0003 00000000 01", "9083 00000000 0003 00000000 01",
-                            "8282 00000000 0003 00000000 01", "9082 00000000 0003 000000", ""})
-        EXPECT_EQ(take(tag), "Msg: Parse msg error.");
-    EXPECT_EQ(handed_on, (decltype(handed_on){{3, hex("0180c2000002 023344556677 81000001 8809 01 02")},
-                                              {0x102, hex("0180c2000002 023344556677")}}));
-}
 
 // Every field of a partner has its own value. Only the address, the subtype and a Marker's TLV type are examined.
 TEST(Packets, WhatIsReceived)

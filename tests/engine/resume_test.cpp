@@ -150,17 +150,4 @@ TEST_F(Resume, FilesThatAreNotUsed)
     }
 }
 
-// What cannot be written is said once and not left behind: it would be untrue.
-TEST_F(Resume, AFileThatCannotBeWritten)
-{
-    serve();
-    struct stat status {
-    };
-    ASSERT_EQ(stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0660U);
-    std::filesystem::create_directory(path + ".new");
-    EXPECT_TRUE(has(printed([this] { serve(); }), "lacpd.resume cannot be written: Is a directory"));
-    EXPECT_FALSE(std::filesystem::exists(path));
-}
-
 } // namespace

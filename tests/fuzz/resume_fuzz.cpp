@@ -32,6 +32,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         lacResumeBegin(false);
     });
     fake::reset_datastore();
-    fake::system() = {};
     return 0;
 }

@@ -1,10 +1,14 @@
-// The switch-driver service's message client in memory: every message that is sent, byte by byte.
+// What stands around the engine, in memory: the switch-driver service's message client, with every message that is
+// sent byte by byte, and the utility library, with one interface address and threads that only start when a test
+// wants them to.
 #pragma once
 
 #include "sclient/sclient.h"
+#include "sysutil/sysutil.h"
 
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace fake
@@ -21,5 +25,6 @@ struct Driver {
 
 Driver &driver();
 std::vector<Message> take_messages();
+void start_thread(const std::string &name); // after all, detached: the engine's threads never end
 
 } // namespace fake

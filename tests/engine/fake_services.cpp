@@ -1,8 +1,14 @@
-#include "fake_driver.h"
+#include "fake_services.h"
 
 #include "frr/frr.hpp"
 
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <thread>
 #include <utility>
+
+// ---- message client -------------------------------------------------------------------------------------------
 
 static std::uint8_t client_kind;
 
@@ -57,4 +63,42 @@ void sclient_free(sclient *client)
 {
     stream_free(client->obuf);
     delete client;
+}
+
+// ---- utility library ------------------------------------------------------------------------------------------
+
+struct SystemThread {
+    std::string name;
+    SystemThreadBody body;
+    void *argument;
+};
+
+static std::map<std::string, SystemThread> &threads = *new std::map<std::string, SystemThread>; // never destroyed
+
+void fake::start_thread(const std::string &name)
+{
+    std::thread(threads.at(name).body, &threads.at(name)).detach();
+}
+
+int system_get_eth_mac(const char *name, std::uint8_t mac[6])
+{
+    std::copy_n("\x02\x11\x22\xAA\xBB\xCC", 6, mac);
+    return strcmp(name, "ethv0") == 0 ? 0 : -1;
+}
+
+SystemThread *system_pthread_create(const char *, const char *name, SystemThreadBody body, int, void *argument)
+{
+    threads[name] = {name, body, argument};
+    return &threads[name];
+}
+
+int system_pthread_run(SystemThread *thread, int, void *argument)
+{
+    thread->argument = argument != nullptr ? argument : thread->argument;
+    return 0;
+}
+
+void *system_pthread_argument(const SystemThread *thread)
+{
+    return thread->argument;
 }
