@@ -36,7 +36,7 @@ tests: test-deps
 
 test: tests format
 	@scripts/test-share.sh
-	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $(JOBS)
+	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $$((3 * $(JOBS)))
 
 lab: build
 	python3 -m lab $(BUILD)
