@@ -59,14 +59,13 @@ nightly: tests
 	done
 
 measure: tests
-	tests/scenarios/measure_failover.py --build=$(BUILD)
+	tests/scenarios/measure_systems.py --build=$(BUILD)
 	LACPD_BUILD_DIR=$(BUILD) tests/switch/measure_forwarding.py
 	for program in engine datastore; do \
 	  $(BUILD)/tests/benchmarks/$${program}_benchmark --benchmark_repetitions=5 \
 	    --benchmark_report_aggregates_only=true >/dev/null || exit 1; \
 	done
 	tests/benchmarks/count-instructions.sh $(BUILD)
-	tests/benchmarks/measure_process.py --build=$(BUILD)
 
 format: test-deps
 	scripts/test-format.sh

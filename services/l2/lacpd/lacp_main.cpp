@@ -170,29 +170,27 @@ static std::string resume_file()
 
 // ---- running --------------------------------------------------------------------------------------------------
 
-constexpr std::chrono::milliseconds TELLING_PERIOD(500);
+constexpr std::chrono::milliseconds TELL_AGAIN_AFTER(500);
 
-static bool configuration_is_told;
-
-// Timer thread. The service manager hears of a dispatcher that goes on: a command in the event loop may take its
-// time.
+// Timer thread: the event loop spins for up to a millisecond before each of its own timers. The service manager hears of
+// a dispatcher that goes on, while a command in the event loop may take its time.
 static void tell_alive()
 {
     if (lacStampAlive())
         service_manager_tell("WATCHDOG=1");
+    RepeatedLine::tell();
 }
 
-static void tell_what_waits(frr::Event *)
+static void tell_dispatcher(frr::Event *)
 {
-    configuration_is_told = configuration_is_told || lacConfigurationRestored();
-    RepeatedLine::tell();
-    frr::add_timer<tell_what_waits>(master, nullptr, TELLING_PERIOD, nullptr);
+    if (!lacConfigurationRestored())
+        frr::add_timer<tell_dispatcher>(master, nullptr, TELL_AGAIN_AFTER, nullptr);
 }
 
 // From here on it serves, for whoever has started it.
 static void configuration_restored()
 {
-    tell_what_waits(nullptr);
+    tell_dispatcher(nullptr);
     service_manager_tell("READY=1");
     system_detach();
 }
