@@ -172,8 +172,8 @@ static std::string resume_file()
 
 constexpr std::chrono::milliseconds TELL_AGAIN_AFTER(500);
 
-// Timer thread: the event loop spins for up to a millisecond before each of its own timers. The service manager hears of
-// a dispatcher that goes on, while a command in the event loop may take its time.
+// Timer thread: the event loop spins for up to a millisecond before each of its own timers. The service manager hears
+// of a dispatcher that goes on, while a command in the event loop may take its time.
 static void tell_alive()
 {
     if (lacStampAlive())
