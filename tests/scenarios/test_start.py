@@ -34,30 +34,6 @@ def ends(system):
     assert status == 0 and took < 2, f"status {status} after {took:.1f} s"
 
 
-def test_refused_lines_are_not_lost(left):
-    left.start_daemon(environment={"KEL_DB_INVENTORY_WAIT": "0"})
-    left.daemon.wait_for_output("line 4 refused: interface gigabitEthernet 0/1, channel-group 1 mode on: ", Ticks.LINK)
-    with left.shell() as shell:
-        for command in ("write memory", "copy running-config startup-config"):
-            said = shell.run(command)
-            assert "stays as it was" in said and "line 6: interface gigabitEthernet 0/2, channel-group 1 mode on" in said
-        assert "! refused at the start, line 4: interface gigabitEthernet 0/1" in shell.run("show running-config")
-    left.start_switch()
-    left.daemon.wait_for_output("interface 0/1 was not there at the start: restart lacpd to take it!", Ticks.LINK)
-    assert left.configuration_file.read_text().splitlines() == LINES
-    lines = left.configuration_file.read_text()
-    left.write_configuration(f"{lines}interface gigabitEthernet 0/2\nchannel-group 1 mode active\nno such line\n")
-    left.restart_daemon()
-    left.await_trunk(1, {1, 2}, Ticks.of(3))
-    assert {"line 9: interface gigabitEthernet 0/2, channel-group 1 mode active", "line 10: no such line"} <= {
-        line.strip() for line in left.configure("do write memory").splitlines()}
-    quietly(left, *enter(1, "no channel-group 1"), *enter(2, "no channel-group 1"),
-            *join(2, 1, "active"))
-    left.write_configuration(lines)  # its refused lines are configured by now, or no longer there
-    assert "Configuration saved" in left.configure("do write memory")
-    assert " channel-group 1 mode active" in left.configuration_file.read_text().splitlines()
-
-
 def test_the_start_waits_for_the_switch_and_for_a_lock(left):
     left.daemon = left.launch_daemon(environment={"KEL_DB_INVENTORY_WAIT": "infinity"})
     left.daemon.wait_for_output("waiting for the switch, however long it takes", Ticks.LINK)
