@@ -218,51 +218,6 @@ void connect()
     ASSERT_EQ(command("interface 1; interface 2; interface 3; interface 4; interface 5"), 0);
 }
 
-const struct {
-    const char *path; // "*" stands for the values, or they are what is written
-    const char *taken;
-    const char *refused;
-    const char *value = nullptr; // of a path with a "*"
-} SCHEMA[] = {
-    // groups 1 (no type) and 2 (dynamic), ports 1 to 5
-    {"G*/lacp-type", "1,4", "0,5", "manual"},
-    {"G3/lacp-type", "manual,dynamic", "static,,"},
-    {"G1/load-balance", "dst-mac,src-mac,src-dst-mac,src-ip,dst-ip,src-dst-ip", "src-port"},
-    {"G2/member-port", "gigabitethernet 0/1", "gigabitethernet 0/9,eth0"},
-    {"G*/member-port", "", "1,3", "gigabitethernet 0/1"},
-    {"G1/join-port", "gigabitethernet 0/2", "gigabitethernet 0/9"},
-    {"P1/channel-group", "4,0", "5"},
-    {"P1/mode", "on,active,passive", "off"},
-    {"P1/priority", "0,65535", "65536"},
-    {"P1/timeout", "long,short", "3"},
-    {"/olt-lacp:global-configuration/system-priority", "0,65535", "65536,-1"},
-    {"/olt-lacp:global-configuration/system-id", "0011.22aa.ff55",
-     "0011.22AA.ff55,00:11:22:33:44:55,0011.2233.445,0011.2233.44555"},
-    {"/olt-ifm:up-link-ports/interface[name='gigabit*']/interface-basic/link-status", "ethernet 0/8",
-     "ethernet 0/9,ethernet 0/0,ethernet 1/1,Ethernet 0/2,ethernet 0/10", "up"},
-    {"/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/1']/interface-basic/link-status", "up,down",
-     "unknown"},
-    {"/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/1']/olt-lacp:trunk-info/port[role='actor']/oper-key",
-     "", "1"},
-};
-
-TEST(Schema, TakesWhatMakesSenseOnly)
-{
-    connect();
-    for (const auto &[pattern, taken, refused, fixed] : SCHEMA) {
-        ASSERT_EQ(write("/olt-lacp:channel-group"), 0);
-        ASSERT_EQ(write("G2/lacp-type=dynamic|G1/load-balance=src-mac"), 0);
-        for (const char *values : {refused, taken}) {
-            std::istringstream stream(values);
-            for (std::string value; std::getline(stream, value, ',');) {
-                const std::string path = std::regex_replace(std::string(pattern), std::regex("\\*"), value);
-                EXPECT_EQ(write(path + "=" + (fixed != nullptr ? fixed : value)) == 0, values == taken)
-                    << path << value;
-            }
-        }
-    }
-}
-
 TEST(Library, WaitsForTheInventory)
 {
     connect();
@@ -289,29 +244,6 @@ TEST(Library, WaitsForTheInventory)
     EXPECT_EQ(std::tuple(info.first_port, info.last_port, info.port_count), std::tuple(2U, 4U, 3U));
 }
 
-TEST(Library, FailsEverywhereWithoutAConnection)
-{
-    KelDb unconnected{};
-    KelDbSession session{};
-    for (KelDb *db : {&unconnected, static_cast<KelDb *>(nullptr)}) {
-        for (const char *line : {"add 1 1 on", "del 1 1", "balance 1 src-mac", "member 1 1", "no-member 1 1",
-                                 "system 1", "priority 1 1", "timeout 1 long", "interface 1", "link 1"})
-            EXPECT_NE(command(line, db), 0) << line;
-        EXPECT_NE(lacp_database_subs(db), 0);
-        EXPECT_NE(db_connect_init_with_vty(&session, db), 0);
-    }
-}
-
-TEST(Library, SaysOfSysrepoWhatTheMaskAsksFor)
-{
-    static std::uint32_t mask = KEL_DB_DEBUG_SYSREPO;
-    db_debug_flag_reg(&mask);
-    testing::internal::CaptureStderr();
-    sysrepo_debug_func_return()(SR_LL_ERR, "an error");
-    sysrepo_debug_func_return()(SR_LL_DBG, "a detail");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "sysrepo: an error\n");
-}
-
 // What the daemon does with a datastore; ends the process, or stays.
 void use(const char *user, bool stay = false)
 {
@@ -329,16 +261,6 @@ void use(const char *user, bool stay = false)
     _exit(command("balance 1 src-mac; balance 1 dst-mac"));
 }
 
-TEST(Processes, UnusableRepositoriesAreNamed)
-{
-    const std::string empty = std::string(getenv("SYSREPO_SHM_DIR")) + "/empty";
-    setenv("SYSREPO_REPOSITORY_PATH", empty.c_str(), 1);
-    EXPECT_EXIT(use("root"), ExitedWithCode(1), "there is no datastore in .*empty; install it");
-    ASSERT_EQ(mkdir(empty.c_str(), 0700), 0) << "it was not made";
-    setenv("SYSREPO_SHM_DIR", empty.c_str(), 1);
-    EXPECT_EXIT(use("root"), ExitedWithCode(1), "YANG module olt-ifm is not in the datastore in .*empty");
-}
-
 TEST(Processes, RootAndDaemonUseTheDatastoreOneServesIt)
 {
     for (const char *user : {"daemon", "root", "daemon"}) // each leaves files that the next one has to replace
@@ -353,26 +275,6 @@ TEST(Processes, RootAndDaemonUseTheDatastoreOneServesIt)
     kill(first, SIGKILL);
     waitpid(first, nullptr, 0);
     EXPECT_EXIT(use("root"), ExitedWithCode(0), "") << "its lock and its subscription went with the process";
-}
-
-TEST(Processes, ScriptMakesClosesAndUpgradesRepositories)
-{
-    setenv("SOURCES", LACPD_YANG_DIR "/..", 1);
-    setenv("SYSREPOCTL", LACPD_SYSREPOCTL, 1);
-    const std::tuple<const char *, int, const char *> rows[] = {
-        {"stat -c '%U %G %a' $SYSREPO_REPOSITORY_PATH $SYSREPO_SHM_DIR $SYSREPO_SHM_DIR/test_olt-lacp.running >&2", 0,
-         "root daemon 2770\nroot daemon 2770\nroot daemon 660\n"},
-        {"cd $SYSREPO_SHM_DIR/.. && cp -r $SOURCES/scripts $SOURCES/yang . && chmod 777 shm && "
-         "sed -i '0,/revision [0-9-]*/s//revision 2999-12-31/' yang/olt-lacp.yang && scripts/datastore.sh && "
-         "$SYSREPOCTL -l >&2; stat -c %a shm >&2",
-         0, "olt-lacp *. 2999-12-31(.|\n)*\n2770\n"},
-        {"$SOURCES/scripts/datastore.sh", 1, "installed in a newer revision"},
-        {"$SOURCES/scripts/datastore.sh --fast", 1, "unknown argument --fast"},
-        {"SYSREPO_SHM_DIR= SYSREPO_SHM_PREFIX= $SOURCES/scripts/datastore.sh", 1, "would mix two datastores"},
-        {"SYSREPOCTL=/nowhere $SOURCES/scripts/datastore.sh", 1, "run scripts/deps.sh first"},
-    };
-    for (const auto &[command, status, says] : rows)
-        EXPECT_EXIT(execl("/bin/sh", "sh", "-c", command, nullptr), ExitedWithCode(status), says);
 }
 
 // The engine behind the datastore. Its messages are dispatched when it is looked at.
