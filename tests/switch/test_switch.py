@@ -413,36 +413,3 @@ def test_what_the_kernel_has_left_to_do_in_a_tunnel_is_done(switch):
             assert switch.exchange() == {"host": pieces}, (kind, layer, segments)
     os.close(device)
     switch.lab.veth(namespace, "ge2", *switch.ends[2])
-
-
-def test_what_cannot_be_is_refused_with_one_sentence(switch):
-    folder, taken = switch.system.directory, switch.system.environment["SCLIENT_SOCKET"]
-    (folder / "precious").write_text("kept")
-    for path, options, words in (
-            (taken, "", f"socket {taken} is served by another switch; stop that one, or name another path"),
-            (folder / "precious", "", "cannot be created: a file that is no socket is there; remove it, or name another"),
-            ("/" + "x" * 120, "", "cannot be used; choose a path of 1 to 107 characters"),
-            ("/proc/nowhere/x", "", "socket /proc/nowhere/x cannot be created"),
-            ("", "--bogus", "--bogus"), ("", "--vlan 4095", "--vlan"), ("", "--vlan 0", "--vlan"),
-            ("", "--stale-grace -1", "--stale-grace"), ("", "--port x", "N=IFACE"), ("", "--port 9=ge9", "9=ge9"),
-            ("", "--port 0=ge9", "0=ge9"), ("", "--port 4=", "4="), ("", "--port 1=ge9", "port 1 is given twice"),
-            ("", "--port 4=ge1", "interface ge1 is given twice"), ("", "--host cpu0", "interface cpu0 is given twice"),
-            ("", "--no-datastore --port 7=lo", "interface lo is no Ethernet interface; name another one"),
-            ("", "", "the datastore cannot be used; install its modules first, or give --no-datastore")):
-        environment = {"SCLIENT_SOCKET": str(path or folder / "d"), "SYSREPO_REPOSITORY_PATH": str(folder / "none"),
-                       "SYSREPO_SHM_DIR": str(folder / "none"), "SYSREPO_SHM_PREFIX": "none"}
-        result = subprocess.run([*switch.system.namespace.enter(), switch.system.programs.switch, "--cpu", "cpu0", "--port",
-                                 "1=ge1", "--state-socket", folder / "s", *options.split()], capture_output=True, text=True,
-                                check=False, timeout=SOON, env=environment)
-        said = [line for line in result.stderr.splitlines() if line.startswith("olt-switch: ")]
-        assert (result.returncode, result.stdout, len(said)) == (2 if "--help" in said[0] else 1, "", 1) and words in said[0], result
-    assert (folder / "precious").read_text() == "kept"
-
-
-def test_its_sockets_are_for_group_daemon_and_go_with_it(switch):
-    sockets = [Path(switch.system.environment["SCLIENT_SOCKET"]), switch.system.directory / "state.sock"]
-    for number, status in ((signal.SIGKILL, -signal.SIGKILL), (signal.SIGINT, 0), (signal.SIGTERM, 0)):
-        assert [(path.group(), path.stat().st_mode & 0o777) for path in sockets] == [("daemon", 0o660)] * 2
-        assert switch.system.switch.stop(number) == status
-        assert [path.exists() for path in sockets] == [status != 0] * 2
-        switch.restart()
