@@ -66,6 +66,23 @@ std::string chain(const std::string &name, const std::string &interface, const s
            " }\n";
 }
 
+std::string forward_to(const std::string &interface)
+{
+    return "fwd to \"" + interface + "\"";
+}
+
+std::vector<std::string> counter_names(const Options &options)
+{
+    std::vector<std::string> names{"host_rx", "host_tx", "host_dropped"};
+    for (const auto &[number, interface] : options.ports)
+        for (const char *what : {"rx", "tx", "dropped", "lost"})
+            names.push_back(name(what, number));
+    for (std::uint32_t group = 1; group <= MAX_GROUP; ++group)
+        for (const char *what : {"group_rx", "group_tx", "group_lost"})
+            names.push_back(name(what, group));
+    return names;
+}
+
 // A flow keeps its bucket, and a bucket its member while that one stays.
 std::string spread(const char *protocol, const char *fields, const Trunk &trunk)
 {
@@ -139,43 +156,53 @@ bool KernelPlane::run(const std::string &commands)
     return false;
 }
 
+// A chain that is not there, and one that hangs on another interface of the same name, are other texts.
+std::string KernelPlane::hooked(const std::string &name, const std::string &interface, const std::string &rules) const
+{
+    const int index = links_.link(interface).index;
+    return index == 0 ? "" : "# " + std::to_string(index) + "\n" + chain(name, interface, rules);
+}
+
+// Where a bucket's frames leave.
+std::string KernelPlane::member_chain(std::uint32_t number, const std::string &interface) const
+{
+    const auto group = group_of(trunks_, number);
+    if (!group)
+        return "";
+    const std::string sent = counted(name("tx", number)) + counted(name("group_tx", *group));
+    const std::string lost = counted(name("lost", number)) + counted(name("group_lost", *group));
+    return " chain to" + std::to_string(number) + " {\n  " +
+           (links_.link(interface).carrier ? sent + forward_to(interface) : lost + "drop") + "\n }\n";
+}
+
+std::string KernelPlane::port_chain(std::uint32_t number, const std::string &interface) const
+{
+    const auto group = group_of(trunks_, number);
+    const std::string dropped = counted(name("dropped", number));
+    const std::string to_host = links_.link(options_.host).index != 0 ? forward_to(options_.host) : "drop";
+    const std::string last =
+        group ? counted(name("rx", number)) + counted(name("group_rx", *group)) + counted("host_tx") + to_host
+              : dropped;
+    return hooked(name("port", number), interface, exceptions("", dropped) + "  " + last + "\n");
+}
+
+std::string KernelPlane::host_chain() const
+{
+    const std::string dropped = counted("host_dropped");
+    const std::string last = trunks_.all().empty()
+                                 ? "  " + dropped + "\n"
+                                 : "  " + counted("host_rx") + "\n" + spread(trunks_.all().begin()->second);
+    return hooked("host", options_.host, exceptions(dropped, dropped) + last);
+}
+
 std::string KernelPlane::rules() const
 {
-    std::ostringstream counters, chains;
-    const auto counter = [&](const std::string &name) {
-        counters << " counter " << name << " {\n }\n";
-        return counted(name);
-    };
-    const auto here = [this](const std::string &interface) { return links_.link(interface).index != 0; };
-    const std::string to_host =
-        counter("host_tx") + (here(options_.host) ? "fwd to \"" + options_.host + "\"" : "drop");
-    for (const auto &[number, interface] : options_.ports) {
-        const std::string sent = counter(name("tx", number)), lost = counter(name("lost", number));
-        const std::string dropped = counter(name("dropped", number)), received = counter(name("rx", number));
-        const auto group = group_of(trunks_, number);
-        if (group)
-            chains << " chain to" << number << " {\n  "
-                   << (links_.link(interface).carrier
-                           ? sent + counted(name("group_tx", *group)) + "fwd to \"" + interface + "\""
-                           : lost + counted(name("group_lost", *group)) + "drop")
-                   << "\n }\n";
-        if (here(interface))
-            chains << "# " << links_.link(interface).index << "\n"
-                   << chain(name("port", number), interface,
-                            exceptions("", dropped) + "  " +
-                                (group ? received + counted(name("group_rx", *group)) + to_host : dropped) + "\n");
-    }
-    for (std::uint32_t group = 1; group <= MAX_GROUP; ++group)
-        for (const char *what : {"group_rx", "group_tx", "group_lost"})
-            counter(name(what, group));
-    const std::string refused = counter("host_dropped"), taken = counter("host_rx");
-    if (here(options_.host))
-        chains << "# " << links_.link(options_.host).index << "\n"
-               << chain("host", options_.host,
-                        exceptions(refused, refused) +
-                            (trunks_.all().empty() ? "  " + refused + "\n"
-                                                   : "  " + taken + "\n" + spread(trunks_.all().begin()->second)));
-    return REMOVAL + ("table netdev olt-switch {\n" + counters.str() + chains.str()) + "}\n";
+    std::string text = REMOVAL + std::string("table netdev olt-switch {\n");
+    for (const std::string &counter : counter_names(options_))
+        text += " counter " + counter + " {\n }\n";
+    for (const auto &[number, interface] : options_.ports)
+        text += member_chain(number, interface) + port_chain(number, interface);
+    return text + host_chain() + "}\n";
 }
 
 // ---- counters -------------------------------------------------------------------------------------------------

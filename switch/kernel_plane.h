@@ -36,6 +36,10 @@ class KernelPlane : public UserPlane
         void operator()(nft_ctx *context) const;
     };
 
+    std::string hooked(const std::string &name, const std::string &interface, const std::string &rules) const;
+    std::string member_chain(std::uint32_t number, const std::string &interface) const;
+    std::string port_chain(std::uint32_t number, const std::string &interface) const;
+    std::string host_chain() const;
     std::string rules() const;
     bool run(const std::string &commands);
     Counts counts() const;
