@@ -12,6 +12,11 @@ constexpr char GONE[] = "LACP Msg: interface 0/3 is OK remove from channel-group
 TEST(Handlers, Rows)
 {
     check({
+        {"", "cfg +sys/colour=x", "r:-2",
+         "leaf colour\n'colour' is not belong to lacp global configuration!\nset 'colour' failed! ret -2\n"},
+        {"g1.list=4", "cfg +g1/member-port=3", "r:-9",
+         "LACP Msg: Set port 3 to channel-group 1 failed which was already in it!\n"
+         "LACP Msg: interface 0/3 is falied added to channel-group 1!\nset 'member-port' failed! ret -9\n"},
 
         {"", "cfg +g1/load-balance=dst-ip; +g1/load-balance=by-hand; +g1/load-balance=src-ip", "g1.code=1 r:-9",
          "set 'load-balance' failed! ret -9\n"},
