@@ -59,8 +59,8 @@ def quietly(system, *commands):
 
 @contextlib.contextmanager
 def in_the_way(system, *order, user=USER, umask=-1):
-    """Another client of the system's datastore that locks, refuses or stalls, see fault_client.py."""
-    words = [sys.executable, Path(__file__).with_name("fault_client.py"), system.programs.prefix / "lib", *order]
+    """Another client of the system's datastore that locks, refuses or stalls, see other_client.py."""
+    words = [sys.executable, Path(__file__).with_name("other_client.py"), system.programs.prefix / "lib", *order]
     client = subprocess.Popen([*map(str, words)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                               env={**os.environ, **system.environment}, umask=umask,
                               user=user, group=user, extra_groups=[])  # the daemon wakes it through its files

@@ -26,7 +26,7 @@ CHOICES = ("src-mac", "dst-mac", "src-dst-mac", "src-ip", "dst-ip", "src-dst-ip"
 class Client:
     def __init__(self, system):
         self._process = subprocess.Popen(
-            ["/usr/bin/python3", Path(__file__).with_name("edit_client.py"), system.programs.prefix / "lib"],
+            ["/usr/bin/python3", Path(__file__).with_name("other_client.py"), system.programs.prefix / "lib", "edit"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env={**os.environ, **system.environment},
             user=USER, group=USER, extra_groups=[])  # the daemon wakes its subscriber through files
         assert self._process.stdout.readline() == "ready\n"

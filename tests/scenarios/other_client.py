@@ -1,0 +1,93 @@
+"""Another client of the datastore, whose library's folder comes first. Until its input ends it
+    lock             holds the locks of the running configuration
+    refuse COUNT     refuses the next COUNT changes of member-port lists
+    stall SECONDS    takes that long to accept a change of a member-port list
+    edit             makes a transaction of every line, JSON: [[[XPATH, VALUE or null to delete], ...], MODULE that a third
+                     subscriber refuses it by or null, whether before the daemon is told]; the answer is the result
+or it writes a leaf as a user whom the access rules know: write USER XPATH VALUE prints the result, 0 when taken."""
+
+import ctypes
+import json
+import sys
+import time
+
+RUNNING, LOCK_MS, EVENT_CHANGE, OPERATION_FAILED, BEFORE, BESIDE = 1, 5000, 1, 7, 1, 0
+MEMBERS = b"/olt-lacp:channel-group/group/member-port"
+LEAVES = ((b"olt-lacp", None), (b"olt-ifm", b"/olt-ifm:up-link-ports/interface/olt-lacp:trunk//."))
+HANDLER = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_char_p, ctypes.c_char_p,
+                           ctypes.c_int, ctypes.c_uint32, ctypes.c_void_p)
+folder, order, *arguments = sys.argv[1:]
+library = ctypes.CDLL(f"{folder}/libsysrepo.so.7")
+subscription, rules, handlers, connections = ctypes.c_void_p(), ctypes.c_void_p(), [], []
+refused = None, None  # the edit's module and subscriber
+
+
+def must(result):
+    if result != 0:
+        sys.exit(f"{order}: {result}")
+
+
+def session():
+    connection, opened = ctypes.c_void_p(), ctypes.c_void_p()
+    must(library.sr_connect(0, ctypes.byref(connection)))
+    must(library.sr_session_start(connection, RUNNING, ctypes.byref(opened)))
+    connections.insert(0, connection)
+    return opened
+
+
+def subscribe(opened, module, path, refuses, priority=BESIDE):
+    @HANDLER
+    def told(_session, _id, name, _path, event, _request, _data):
+        return OPERATION_FAILED if event == EVENT_CHANGE and refuses(name.decode()) else 0
+    handlers.append(told)
+    must(library.sr_module_change_subscribe(opened, module, path, told, None, priority, 0, ctypes.byref(subscription)))
+
+
+def refuse(_):
+    arguments[0] = int(arguments[0]) - 1
+    return arguments[0] >= 0
+
+
+def write(own, user, path, value):
+    must(library.sr_nacm_init(own, 0, ctypes.byref(rules)))
+    must(library.sr_nacm_set_user(own, user))
+    print(library.sr_set_item_str(own, path, value, None, 0) or library.sr_apply_changes(own, 0))
+    library.sr_unsubscribe(rules)
+    library.sr_nacm_destroy()
+
+
+def edit(own, edits, by, before):
+    global refused
+    refused, result = (by, BEFORE if before else BESIDE), 0
+    for path, value in edits:
+        result = result or (library.sr_delete_item(own, path.encode(), 0) if value is None else
+                            library.sr_set_item_str(own, path.encode(), value.encode() or None, None, 0))
+    result = result or library.sr_apply_changes(own, 20000)
+    refused = None, None
+    library.sr_discard_changes(own)
+    return result
+
+
+def main():
+    own = session()
+    if order == "write":
+        return write(own, *(argument.encode() for argument in arguments))
+    if order == "lock":
+        for module, _ in LEAVES:
+            must(library.sr_lock(own, module, LOCK_MS))
+    elif order == "edit":
+        third = session()
+        for module, path in LEAVES:
+            for priority in (BEFORE, BESIDE):  # those beside act while it thinks
+                subscribe(third, module, path, lambda name, mine=priority: refused == (name, mine) and not time.sleep(0.05),
+                          priority)
+    else:
+        subscribe(own, b"olt-lacp", MEMBERS, refuse if order == "refuse" else lambda _: time.sleep(int(arguments[0])))
+    print("ready", flush=True)
+    for line in sys.stdin:
+        print(edit(own, *json.loads(line)), flush=True)
+
+
+main()
+for connection in connections:
+    library.sr_disconnect(connection)
