@@ -195,7 +195,8 @@ void DriverService::sweep()
     const auto gone = trunks_.sweep(TrunkTable::Clock::now());
     for (const std::uint32_t group : gone)
         std::cout << "trunk " << group << ": removed, the new daemon has not asked for it" << std::endl;
-    trunks_changed_();
+    if (!gone.empty())
+        trunks_changed_();
 }
 
 } // namespace olt

@@ -27,8 +27,7 @@ struct DriverCounters {
 class DriverService
 {
   public:
-    // `changed` is called when a client has come or gone, `trunks_changed` when trunks may be others, and a few
-    // times a second.
+    // `changed` is called when a client has come or gone, `trunks_changed` when trunks may be others.
     DriverService(
         EventLoop &loop, const Options &options, std::function<void()> changed = [] {},
         std::function<void()> trunks_changed = [] {});

@@ -21,12 +21,6 @@ constexpr std::array<std::uint8_t, 5> RESERVED_ADDRESSES = {0x01, 0x80, 0xC2, 0x
 constexpr std::uint8_t LAST_RESERVED = 0x0F;
 constexpr std::uint64_t GOLDEN_RATIO = 0x9E3779B97F4A7C15;
 
-struct Criterion {
-    bool ip;
-    bool source;
-    bool destination;
-};
-
 struct Addresses {
     Frame source;
     Frame destination;
@@ -42,24 +36,6 @@ struct IpLayout {
 
 constexpr IpLayout IPV4_LAYOUT{4, 20, 12, 4};
 constexpr IpLayout IPV6_LAYOUT{6, 40, 8, 16};
-
-Criterion criterion_of(std::uint32_t code)
-{
-    switch (code) {
-    case 0:
-        return {true, true, false};
-    case 1:
-        return {true, false, true};
-    case 10:
-        return {false, false, true};
-    case 18:
-        return {true, true, true};
-    case 19:
-        return {false, true, true};
-    default:
-        return {false, true, false};
-    }
-}
 
 std::uint16_t type_at(Frame frame, std::size_t at)
 {
@@ -116,6 +92,24 @@ std::uint64_t mix_in(std::uint64_t hash, Frame bytes)
 }
 
 } // namespace
+
+Criterion criterion_of(std::uint32_t code)
+{
+    switch (code) {
+    case 0:
+        return {true, true, false};
+    case 1:
+        return {true, false, true};
+    case 10:
+        return {false, false, true};
+    case 18:
+        return {true, true, true};
+    case 19:
+        return {false, true, true};
+    default:
+        return {false, true, false};
+    }
+}
 
 bool is_user_frame(Frame frame)
 {

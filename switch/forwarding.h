@@ -18,6 +18,15 @@ struct Egress {
 // (01-80-C2-00-00-00 to -0F).
 bool is_user_frame(Frame frame);
 
+// What a criterion makes a flow of: addresses of IP, or of the frame where it has none and for criteria of MAC
+// addresses.
+struct Criterion {
+    bool ip;
+    bool source;
+    bool destination;
+};
+Criterion criterion_of(std::uint32_t code);
+
 // A number that frames of one flow have in common. The criterion names the addresses that make a flow. A frame
 // without IPv4 or IPv6 header, right behind the addresses or behind one VLAN tag, goes by its MAC addresses instead.
 std::uint64_t flow_hash(std::uint32_t criterion, Frame frame);

@@ -17,30 +17,16 @@ namespace
 
 constexpr std::uint32_t BUCKETS = 256;        // of flows, each of which has its member
 constexpr std::uint64_t ETHERNET_HEADER = 14; // which the kernel's counters leave out
+constexpr std::chrono::milliseconds TRY_AGAIN_AFTER(250);
 constexpr char TABLE[] = "add table netdev olt-switch\n";
 constexpr char REMOVAL[] = "add table netdev olt-switch\ndelete table netdev olt-switch\n";
 
-// What makes a flow, for the packets of each protocol; what matches none of the first goes by the last.
-struct Fields {
-    const char *ipv4, *ipv6, *mac;
-};
-
-Fields fields_of(std::uint32_t code)
+// The addresses of a protocol that make a flow.
+std::string fields_of(const std::string &protocol, const Criterion &criterion)
 {
-    switch (code) {
-    case 0:
-        return {"ip saddr", "ip6 saddr", "ether saddr"};
-    case 1:
-        return {"ip daddr", "ip6 daddr", "ether daddr"};
-    case 10:
-        return {nullptr, nullptr, "ether daddr"};
-    case 18:
-        return {"ip saddr . ip daddr", "ip6 saddr . ip6 daddr", "ether saddr . ether daddr"};
-    case 19:
-        return {nullptr, nullptr, "ether saddr . ether daddr"};
-    default:
-        return {nullptr, nullptr, "ether saddr"};
-    }
+    const std::string source = protocol + " saddr", destination = protocol + " daddr";
+    return (criterion.source ? source : "") + (criterion.source && criterion.destination ? " . " : "") +
+           (criterion.destination ? destination : "");
 }
 
 std::string name(const char *what, std::uint32_t number)
@@ -84,10 +70,11 @@ std::vector<std::string> counter_names(const Options &options)
 }
 
 // A flow keeps its bucket, and a bucket its member while that one stays.
-std::string spread(const char *protocol, const char *fields, const Trunk &trunk)
+std::string spread(const std::string &match, const std::string &protocol, const Trunk &trunk)
 {
     std::ostringstream rule;
-    rule << "  " << protocol << "jhash " << fields << " mod " << BUCKETS << " seed 0x1 vmap {";
+    rule << "  " << match << "jhash " << fields_of(protocol, criterion_of(trunk.criterion)) << " mod " << BUCKETS
+         << " seed 0x1 vmap {";
     for (std::uint32_t bucket = 0; bucket < BUCKETS; ++bucket)
         rule << (bucket == 0 ? " " : ", ") << bucket << " : goto to" << choose_member(trunk.members, bucket);
     rule << " }\n";
@@ -96,11 +83,10 @@ std::string spread(const char *protocol, const char *fields, const Trunk &trunk)
 
 std::string spread(const Trunk &trunk)
 {
-    const Fields fields = fields_of(trunk.criterion);
-    return (fields.ipv4 == nullptr ? ""
-                                   : spread("meta protocol ip ", fields.ipv4, trunk) +
-                                         spread("meta protocol ip6 ", fields.ipv6, trunk)) +
-           spread("", fields.mac, trunk);
+    const std::string by_mac = spread("", "ether", trunk);
+    return criterion_of(trunk.criterion).ip
+               ? spread("meta protocol ip ", "ip", trunk) + spread("meta protocol ip6 ", "ip6", trunk) + by_mac
+               : by_mac;
 }
 
 } // namespace
@@ -110,8 +96,8 @@ void KernelPlane::Release::operator()(nft_ctx *context) const
     nft_ctx_free(context);
 }
 
-KernelPlane::KernelPlane(const Options &options, const TrunkTable &trunks, const LinkMonitor &links)
-    : options_(options), trunks_(trunks), links_(links), host_(options.host, false),
+KernelPlane::KernelPlane(EventLoop &loop, const Options &options, const TrunkTable &trunks, const LinkMonitor &links)
+    : loop_(loop), options_(options), trunks_(trunks), links_(links), host_(options.host, false),
       nft_(nft_ctx_new(NFT_CTX_DEFAULT)), kept_until_(TrunkTable::Clock::now() + options.stale_grace)
 {
     if (!nft_ || nft_ctx_buffer_output(nft_.get()) != 0 || nft_ctx_buffer_error(nft_.get()) != 0 || !run(TABLE))
@@ -131,17 +117,20 @@ bool KernelPlane::follow(const std::string &interface, int index)
 
 void KernelPlane::settle()
 {
-    if (trunks_.all().empty() && TrunkTable::Clock::now() < kept_until_)
-        return;
-    kept_until_ = {};
-    const std::string wanted = rules();
-    if (wanted == installed_)
-        return;
-    before_ = counts();
-    installed_ = run(wanted) ? wanted : "";
+    const bool waits = trunks_.all().empty() && TrunkTable::Clock::now() < kept_until_;
+    const std::string wanted = waits ? installed_ : rules();
+    if (wanted != installed_) {
+        kept_until_ = {};
+        before_ = counts();
+        installed_ = run(wanted) ? wanted : "";
+    }
+    if (!installed_.empty())
+        again_.reset();
+    else if (!again_)
+        again_ = Event::every(loop_, TRY_AGAIN_AFTER, [this] { settle(); });
 }
 
-// What fails is tried again, and told once. An interface that went before its rule came is told of by the next
+// What fails is told once. An interface that went before its rule came is told of by the next
 // notice.
 bool KernelPlane::run(const std::string &commands)
 {

@@ -1,6 +1,7 @@
 // User traffic that the kernel forwards by rules of its own.
 #pragma once
 
+#include "event_loop.h"
 #include "link_monitor.h"
 #include "options.h"
 #include "packet_socket.h"
@@ -21,7 +22,7 @@ namespace olt
 class KernelPlane : public UserPlane
 {
   public:
-    KernelPlane(const Options &options, const TrunkTable &trunks, const LinkMonitor &links);
+    KernelPlane(EventLoop &loop, const Options &options, const TrunkTable &trunks, const LinkMonitor &links);
     ~KernelPlane() override;
     KernelPlane(const KernelPlane &) = delete;
     KernelPlane &operator=(const KernelPlane &) = delete;
@@ -44,6 +45,7 @@ class KernelPlane : public UserPlane
     bool run(const std::string &commands);
     Counts counts() const;
 
+    EventLoop &loop_;
     const Options &options_;
     const TrunkTable &trunks_;
     const LinkMonitor &links_;
@@ -51,8 +53,9 @@ class KernelPlane : public UserPlane
     std::unique_ptr<nft_ctx, Release> nft_;
     TrunkTable::Clock::time_point kept_until_;
     std::string installed_;
-    std::string complaint_; // as it was told last
-    Counts before_;         // of the rules before
+    std::string complaint_;        // as it was told last
+    Counts before_;                // of the rules before
+    std::unique_ptr<Event> again_; // while none are installed
 };
 
 } // namespace olt

@@ -47,9 +47,10 @@ Switch::Switch(EventLoop &loop, const Options &options)
     for (const auto &[number, interface] : options_.ports)
         numbers_[interface] = number;
     if (!options_.host.empty())
-        plane_ = options_.kernel_forwarding
-                     ? std::unique_ptr<UserPlane>(std::make_unique<KernelPlane>(options_, driver_.trunks(), links_))
-                     : std::make_unique<DataPlane>(loop, options_, driver_.trunks());
+        plane_ =
+            options_.kernel_forwarding
+                ? std::unique_ptr<UserPlane>(std::make_unique<KernelPlane>(loop, options_, driver_.trunks(), links_))
+                : std::make_unique<DataPlane>(loop, options_, driver_.trunks());
     if (options_.datastore)
         store_ = std::make_unique<DatastoreLinks>();
     for (const std::string &interface : interfaces_of(options_))

@@ -6,44 +6,35 @@
 
 #include "sysutil/sysutil.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <sys/socket.h>
-#include <unistd.h>
 
 // A daemon whose ticks had stopped, or that dies again and again before it serves, is not spoken for.
 constexpr std::uint64_t LONGEST_SILENCE_MS = 2000;
 
-static bool tell(int fd, const sockaddr_ll &dest, std::uint32_t port_no, const LacResumePort &port, const Mac &source)
+static bool tell(std::uint32_t port_no, const LacResumePort &port, const Mac &source)
 {
     std::array<std::uint8_t, LAC_FRAME_SIZE> frame{};
     lacSetMacHeader(source, frame.data());
     lacEncodePdu(port.actor, port.partner, frame.data() + LAC_MAC_HEADER_SIZE);
-    std::array<std::uint8_t, LAC_FRAME_SIZE + KTAG_SIZE> bytes{};
-    lacp_pkt_tag(port_no, frame.data(), frame.size(), bytes.data());
-    return sendto(fd, bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&dest),
-                  sizeof(dest)) == static_cast<ssize_t>(bytes.size());
+    return lacp_bpdu_transmit(0, 0, port_no, frame.data(), frame.size()) > 0;
 }
 
-static int tell_all(const LacResume &record)
+static bool tell_all(const LacResume &record)
 {
-    const int fd = socket(AF_PACKET, SOCK_RAW, 0); // receives nothing
-    if (fd < 0) {
-        perror("lacpd-last-word: a packet socket cannot be opened");
-        return 1;
-    }
+    LacpPktSocket out{};
+    out.fd = socket(AF_PACKET, SOCK_RAW, 0); // receives nothing
+    out.dest = lacp_pkt_destination(out.fd);
+    lacp_pkt_socket = &out;
     Mac source{};
-    const sockaddr_ll dest = lacp_pkt_destination(fd);
-    bool told = dest.sll_ifindex != 0 && system_get_eth_mac(LAC_CPU_INTERFACE, source.data()) == 0;
+    bool told = system_get_eth_mac(LAC_CPU_INTERFACE, source.data()) == 0;
     for (std::uint32_t port_no = 1; told && port_no <= LAC_MAX_PORTS; ++port_no)
         if (record.ports[port_no - 1].group != 0)
-            told = tell(fd, dest, port_no, record.ports[port_no - 1], source);
+            told = tell(port_no, record.ports[port_no - 1], source);
     if (!told)
-        fprintf(stderr, "lacpd-last-word: partners cannot be told through %s: %s\n", LAC_CPU_INTERFACE,
-                strerror(errno));
-    close(fd);
-    return told ? 0 : 1;
+        fprintf(stderr, "lacpd-last-word: partners cannot be told through %s; see that it is there and run as root\n",
+                LAC_CPU_INTERFACE);
+    return told;
 }
 
 int main(int argc, char **argv)
@@ -59,7 +50,7 @@ int main(int argc, char **argv)
     if (refused == nullptr && away_ms > LONGEST_SILENCE_MS)
         refused = "the daemon has not been serving";
     if (refused == nullptr)
-        return tell_all(record);
+        return tell_all(record) ? 0 : 1;
     if (refused[0] != 0)
         printf("lacpd-last-word: %s is not used: %s; partners are told nothing\n", argv[1], refused);
     return 0;
