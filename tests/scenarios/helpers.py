@@ -1,6 +1,7 @@
 """What several scenarios do."""
 
 import contextlib
+import json
 import os
 import re
 import subprocess
@@ -59,14 +60,15 @@ def quietly(system, *commands):
 
 @contextlib.contextmanager
 def in_the_way(system, *order, user=USER, umask=-1):
-    """Another client of the system's datastore that locks, refuses or stalls, see other_client.py."""
+    """Another client of the system's datastore that locks, refuses, stalls or edits, see other_client.py; what asks it to."""
     words = [sys.executable, Path(__file__).with_name("other_client.py"), system.programs.prefix / "lib", *order]
-    client = subprocess.Popen([*map(str, words)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    client = subprocess.Popen([*map(str, words)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1,
                               env={**os.environ, **system.environment}, umask=umask,
                               user=user, group=user, extra_groups=[])  # the daemon wakes it through its files
     try:
-        assert client.stdout.readline() == b"ready\n"
-        yield
+        assert client.stdout.readline() == "ready\n"
+        yield lambda edits, refusal=None: client.stdin.write(f"{json.dumps([edits, refusal])}\n") and int(
+            client.stdout.readline())
     finally:
         client.communicate()
 

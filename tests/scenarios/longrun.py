@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Two systems under random steps for a long time: are both as the model has them, does anything grow?
+"""Two systems under random steps for a long time: are both as they are configured, does anything grow?
 
     tests/scenarios/longrun.py [--build=DIR] [--duration=SECONDS] [--seed=NUMBER] [--log=FILE]       as root
 
@@ -18,7 +18,7 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from lab import Lab, LabError, Programs, Ticks  # noqa: E402 (needs the path above)
-from steps import DEFAULT, GROUPS, PORTS, Steps  # noqa: E402
+from steps import DEFAULT, GROUPS, PORTS, Side, Steps  # noqa: E402
 
 CHOICES = ("src-mac", "dst-mac", "src-dst-mac", "src-ip", "dst-ip", "src-dst-ip")
 # A pair of passive ends is left out: whether they talk depends on who has spoken last.
@@ -70,22 +70,20 @@ def run(steps, options):
             for words in (f"timeout {port} short", f"join {port} 1 active"):
                 steps.take(f"{name} {words}")
     while time.monotonic() - started < options.duration:
-        end, waited_long = time.monotonic() + rng.uniform(*SECONDS), False
+        end = time.monotonic() + rng.uniform(*SECONDS)
         while time.monotonic() < end:
             _, names, word, *values = rng.choices(STEPS, [step[0] for step in STEPS])[0]
             steps.take(" ".join(map(str, (rng.choice(names.split()), word, *map(rng.choice, values)))))
-            waited_long |= any(port.timeout != "short" for side in steps.sides.values() for port in side.ports.values())
             time.sleep(rng.choice(PAUSES))
         steps.take("left switch_on")
-        took = steps.agree(Ticks.REFORM + Ticks.of(LONG_TIMEOUT) * waited_long)
+        took = steps.agree(Ticks.REFORM + Ticks.of(LONG_TIMEOUT))
         samples.append({f"{system.name} {name}": value for system in steps.pair
                         for name, value in usage(system).items()})
         print(f"[{time.monotonic() - started:7.1f} s] {len(steps.history)} steps, both agree after {took:.1f} s; "
               f"{samples[-1]}", flush=True)
-        for name, side in steps.sides.items():  # or the run would be spent with waiting
-            for port, entry in side.ports.items():
-                if entry.timeout != "short":
-                    steps.take(f"{name} timeout {port} short")
+        for name, system in steps.systems.items():  # or the run would be spent with waiting
+            for port in (number for number, entry in Side(system).ports.items() if entry.timeout != "short"):
+                steps.take(f"{name} timeout {port} short")
     if growth := list(grown(samples)):
         raise LabError("growth after the warm-up: " + "; ".join(growth))
 

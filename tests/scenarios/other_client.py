@@ -2,8 +2,9 @@
     lock             holds the locks of the running configuration
     refuse COUNT     refuses the next COUNT changes of member-port lists
     stall SECONDS    takes that long to accept a change of a member-port list
-    edit             makes a transaction of every line, JSON: [[[XPATH, VALUE or null to delete], ...], MODULE that a third
-                     subscriber refuses it by or null, whether before the daemon is told]; the answer is the result
+    edit             makes a transaction of every line, JSON: [[[XPATH, VALUE or null to delete], ...], REFUSAL]; the answer is
+                     the result. A third subscriber refuses it, or without edits what others write: [NUMBER of the change of
+                     a module, MODULE or null for any, whether before the daemon is told]
 or it writes a leaf as a user whom the access rules know: write USER XPATH VALUE prints the result, 0 when taken."""
 
 import ctypes
@@ -19,7 +20,7 @@ HANDLER = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctype
 folder, order, *arguments = sys.argv[1:]
 library = ctypes.CDLL(f"{folder}/libsysrepo.so.7")
 subscription, rules, handlers, connections = ctypes.c_void_p(), ctypes.c_void_p(), [], []
-refused = None, None  # the edit's module and subscriber
+refusal, seen = None, set()  # changes of a module since it was given
 
 
 def must(result):
@@ -37,13 +38,13 @@ def session():
 
 def subscribe(opened, module, path, refuses, priority=BESIDE):
     @HANDLER
-    def told(_session, _id, name, _path, event, _request, _data):
-        return OPERATION_FAILED if event == EVENT_CHANGE and refuses(name.decode()) else 0
+    def told(_session, _id, name, _path, event, request, _data):
+        return OPERATION_FAILED if event == EVENT_CHANGE and refuses(name.decode(), request) else 0
     handlers.append(told)
     must(library.sr_module_change_subscribe(opened, module, path, told, None, priority, 0, ctypes.byref(subscription)))
 
 
-def refuse(_):
+def refuse(*_):
     arguments[0] = int(arguments[0]) - 1
     return arguments[0] >= 0
 
@@ -56,14 +57,25 @@ def write(own, user, path, value):
     library.sr_nacm_destroy()
 
 
-def edit(own, edits, by, before):
-    global refused
-    refused, result = (by, BEFORE if before else BESIDE), 0
+def third(priority):
+    def refuses(module, request):
+        if refusal is None or refusal[2] != (priority == BEFORE):
+            return False
+        seen.add((module, request))
+        return len(seen) == refusal[0] and refusal[1] in (None, module) and not time.sleep(0.05)  # others act meanwhile
+    return refuses
+
+
+def edit(own, edits, given):
+    global refusal
+    refusal, result = given, 0
+    seen.clear()
     for path, value in edits:
         result = result or (library.sr_delete_item(own, path.encode(), 0) if value is None else
                             library.sr_set_item_str(own, path.encode(), value.encode() or None, None, 0))
-    result = result or library.sr_apply_changes(own, 20000)
-    refused = None, None
+    if edits:
+        result = result or library.sr_apply_changes(own, 20000)
+        refusal = None
     library.sr_discard_changes(own)
     return result
 
@@ -76,13 +88,12 @@ def main():
         for module, _ in LEAVES:
             must(library.sr_lock(own, module, LOCK_MS))
     elif order == "edit":
-        third = session()
+        beside = session()
         for module, path in LEAVES:
-            for priority in (BEFORE, BESIDE):  # those beside act while it thinks
-                subscribe(third, module, path, lambda name, mine=priority: refused == (name, mine) and not time.sleep(0.05),
-                          priority)
+            for priority in (BEFORE, BESIDE):
+                subscribe(beside, module, path, third(priority), priority)
     else:
-        subscribe(own, b"olt-lacp", MEMBERS, refuse if order == "refuse" else lambda _: time.sleep(int(arguments[0])))
+        subscribe(own, b"olt-lacp", MEMBERS, refuse if order == "refuse" else lambda *_: time.sleep(int(arguments[0])))
     print("ready", flush=True)
     for line in sys.stdin:
         print(edit(own, *json.loads(line)), flush=True)

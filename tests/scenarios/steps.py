@@ -1,114 +1,78 @@
 """What happens to two cabled systems, in words, and what has to come of it.
 
-Steps are lines like "left join 1 2 active": a system, a word (a method of Steps), port or group, values. Each is taken
-by system and model alike; then agree() holds everything that a system shows against what the model knows."""
+Steps are lines like "left join 1 2 active": a system, a word (a method of Steps), port or group, values. What is configured
+is read from the datastore; agree() holds everything else that a system shows against it, and its groups against what two
+such configurations have to form."""
 
 import re
 import signal
 import time
-from dataclasses import dataclass, field
+from collections import namedtuple
 
 from helpers import enter, neighbours, quietly
 from lab import LabError, Ticks, eventually
+from lab.wire import ACTIVITY, COLLECTING, TIMEOUT
 
 PORTS = GROUPS = (1, 2, 3, 4)
 DEFAULT = 32768
 TYPES = {"Manual Channel-group": "manual", "LACP Protocol": "dynamic"}
 
-
-@dataclass
-class Port:
-    group: int = 0
-    mode: str | None = None
-    timeout: str | None = None
-    priority: int = DEFAULT
-    listed: bool = False       # in the list of a manual group
-    up: bool = True
+Port = namedtuple("Port", "group mode timeout priority up")
 
 
-@dataclass
-class Group:
-    type: str | None = None
-    former: str | None = None  # the type of an entry that another client has deleted
-    choice: str | None = None
-
-
-@dataclass
 class Side:
-    """One system's configuration and cables: `cables` leads from an own port to the far one."""
+    """One system's configuration and links; `cables` leads from an own port to the far one."""
 
-    ports: dict = field(default_factory=lambda: {port: Port() for port in PORTS})
-    groups: dict = field(default_factory=lambda: {group: Group() for group in GROUPS})
-    cables: dict = field(default_factory=lambda: {port: port for port in PORTS})
-    priority: int = DEFAULT
+    def __init__(self, system, cables=None):
+        self.cables, self.ports = cables, {}
+        self.groups = {number: group for number, group in system.datastore.groups().items() if group.type}
+        for name, entry in system.datastore.interfaces().items():
+            leaves = entry.get("olt-lacp:trunk", {})
+            self.ports[int(name.rpartition("/")[2])] = Port(
+                leaves.get("channel-group", 0), leaves.get("mode"), leaves.get("timeout"),
+                leaves.get("priority", DEFAULT), entry["interface-basic"]["link-status"] == "up")
 
     def of(self, group):
         return {number for number, port in self.ports.items() if port.group == group}
 
-    def leave(self, port):
-        entry = self.ports[port]
-        group, entry.group, entry.mode, entry.listed = entry.group, 0, None, False
-        if not self.of(group):
-            self.groups[group].type = self.groups[group].former = None
+    def left_behind(self, group):
+        """The type that ports are still configured for when another client has deleted their group."""
+        modes = {self.ports[port].mode for port in self.of(group)}
+        return None if group in self.groups or not modes else "manual" if "on" in modes else "dynamic"
 
     def key(self, port):
         """The dynamic group that the port runs LACP for, or 0."""
         group = self.ports[port].group
-        return group if group and self.groups[group].type == "dynamic" else 0
-
-    def linked(self, far, port):
-        return self.ports[port].up and far.ports[self.cables[port]].up
+        return group if group in self.groups and self.groups[group].type == "dynamic" else 0
 
     def selected(self, far, group):
         """The aggregator's port, the best that hears its partner, by each port that goes to the same partner key."""
-        keys = {port: far.key(self.cables[port]) for port in self.of(group) if self.key(port)
-                and self.linked(far, port)
-                and "active" in (self.ports[port].mode, far.ports[self.cables[port]].mode)}
+        keys = {port: far.key(self.cables[port]) for port in self.of(group) if self.key(port) and self.ports[port].up
+                and {self.ports[port].mode, far.ports[self.cables[port]].mode} != {"passive"}}
         keys = {port: key for port, key in keys.items() if key}
         best = min(keys, key=lambda port: (self.ports[port].priority, port), default=None)
         return {port: best for port, key in keys.items() if key == keys[best]}
 
-    def lines(self):
+    def formed(self, far):
+        """Aggregators by member of a dynamic group: both ends have to select a port."""
+        return {port: best for number in self.groups for port, best in self.selected(far, number).items()
+                if self.cables[port] in far.selected(self, far.key(self.cables[port]))}
+
+    def links(self, group):
+        """Members of the group's trunk."""
+        kind, _, members = self.groups[group]
+        return {port for port in members if kind == "dynamic" or self.ports[port].up}
+
+    def lines(self, priority):
         """The running configuration."""
         text = []
         for number, port in self.ports.items():
-            if port.group and self.groups[port.group].type:
+            if port.group in self.groups:
                 text += [f"interface gigabitEthernet 0/{number}", f" channel-group {port.group} mode {port.mode}"]
                 if self.key(number):
                     text += [f" lacp timeout {port.timeout}"] * (port.timeout is not None)
                     text += [f" lacp port-priority {port.priority}"] * (port.priority != DEFAULT)
-        text += [f"channel-group {number} load-balance {group.choice}" for number, group in self.groups.items()
-                 if group.choice]
-        return text + [f"lacp system-priority {self.priority}"] * (self.priority != DEFAULT)
-
-    def restart(self):
-        """What is not in the running configuration is forgotten."""
-        for number, port in self.ports.items():
-            kind = self.groups[port.group].type if port.group else None
-            if kind != "dynamic":
-                self.ports[number] = Port(up=port.up) if not kind else Port(port.group, "on", listed=True, up=port.up)
-        for number, group in self.groups.items():
-            self.groups[number] = Group(group.type if self.of(number) else None, choice=group.choice)
-
-    def expected(self, far):
-        """What shell, datastore and switch have to show."""
-        table, trunks, aggregators = {}, {}, {}
-        for number, group in self.groups.items():
-            if group.type is None:
-                continue
-            mine = {port: best for port, best in self.selected(far, number).items()
-                    if self.cables[port] in far.selected(self, far.key(self.cables[port]))}
-            members = set(mine) if group.type == "dynamic" else {
-                port for port in self.of(number) if self.ports[port].listed}
-            links = {port for port in members if self.linked(far, port)}
-            choice = group.choice or "src-mac"
-            aggregators.update(mine)
-            table[number] = (group.type, choice, members, links)
-            if links:
-                trunks[number] = (choice, links)
-        return {"display": table, "trunks": trunks, "aggregators": aggregators,
-                "partners": {port: self.cables[port] for port in aggregators}, "configuration": self.lines(),
-                "members": {number: row[2] for number, row in table.items()}}
+        return text, [f"lacp system-priority {priority}"] * (priority != DEFAULT)
 
 
 def table(text):
@@ -124,172 +88,177 @@ def table(text):
     return groups
 
 
-def shown(system, expected):
+def contradictions(system, side):
+    """Where shell, engine and switch are not as the datastore has it, in words."""
+    groups = {number: (kind, choice or "src-mac", members, side.links(number))
+              for number, (kind, choice, members) in side.groups.items()}
+    trunks = {number: row[1::2] for number, row in groups.items() if row[3]}
+    settings = {port: (side.key(port), mode != "passive", timeout == "short", priority)
+                for port, (_, mode, timeout, priority, up) in side.ports.items() if side.key(port) and up}
+    sides = {port: pair for number, row in groups.items() if row[0] == "dynamic"
+             for port, pair in neighbours(system, number).items()}
     with system.shell() as shell:
         shell.run("configure terminal")
-        groups, rows = table(shell.run("show channel-group detail")), shell.run("show channel-group interface all")
-    aggregators = dict(re.findall(r"^ +(\d+) +\d+ +\d+ +\d+ +(\d+) +\d +Col +Dis", rows, re.MULTILINE))
-    return {"display": groups, "configuration": system.configured(),
-            "trunks": {trunk["group"]: (trunk["criterion"], set(trunk["members"])) if not trunk["stale"] else "stale"
-                       for trunk in system.state()["trunks"]},
-            "members": {number: group.members for number, group in system.datastore.groups().items()
-                        if group.type or group.members},
-            "partners": {port: sides[1].number for group, (kind, *_) in groups.items() if kind == "dynamic"
-                         for port, sides in neighbours(system, group).items() if port in expected["partners"]},
-            # Ports without a partner collect for themselves and ports without LACP show what they had.
-            "aggregators": {port: int(aggregators.get(str(port), 0)) for port in expected["aggregators"]}}
+        shown = table(shell.run("show channel-group detail"))
+    return [f"{system.name} {what}: {seen} for {expected}" for what, expected, seen in (
+        ("table", groups, shown),
+        ("settings", settings, {port: (own.key, bool(own.state & ACTIVITY), bool(own.state & TIMEOUT), own.priority)
+                                for port, (own, _) in sides.items()}),
+        ("engine", set().union(*(row[2] for row in groups.values() if row[0] == "dynamic")),
+         {port for port, (own, partner) in sides.items() if own.state & partner.state & COLLECTING}),
+        ("switch", trunks, {trunk["group"]: (trunk["criterion"], set(trunk["members"])) if not trunk["stale"] else "stale"
+                            for trunk in system.state()["trunks"]})) if seen != expected]
+
+
+def agree(system, what, within=Ticks.of(2)):
+    eventually(f"the same everywhere after {what}", lambda: contradictions(system, Side(system)), lambda found: not found,
+               within)
 
 
 class Steps:
     def __init__(self, lab):
         self.lab, self.pair = lab, lab.pair(len(PORTS))
         self.systems = dict(zip(("left", "right"), self.pair))
-        self.sides = {name: Side() for name in self.systems}
+        self.cables = {system: {port: port for port in PORTS} for system in self.pair}
         self.history = []
 
     def take(self, line):
         """A step; False if it does not fit what is configured."""
         name, word, *values = line.split()
         values = [int(value) if value.isdigit() else value for value in values]
-        taken = getattr(self, word)(self.systems[name], self.sides[name], *values) is not False
+        taken = getattr(self, word)(self.systems[name], *values) is not False
         if taken:
             self.history.append(line)
         return taken
 
+    def differences(self):
+        sides = [Side(system, self.cables[system]) for system in self.pair]
+        found = []
+        for system, side, far in zip(self.pair, sides, sides[::-1]):
+            formed, priority = side.formed(far), system.datastore.system_priority()
+            with system.shell() as shell:
+                shell.run("configure terminal")
+                rows = shell.run("show channel-group interface all")
+            aggregators = dict(re.findall(r"^ +(\d+) +\d+ +\d+ +\d+ +(\d+) +\d +Col +Dis", rows, re.MULTILINE))
+            partners = {port: pair[1].number for number in side.groups for port, pair in neighbours(system, number).items()}
+            ports, last = side.lines(DEFAULT if priority is None else priority)
+            choices = [f"channel-group {number} load-balance {group.load_balance}"
+                       for number, group in sorted(system.datastore.groups().items()) if group.load_balance]
+            found += contradictions(system, side) + [
+                f"{system.name} {what}: {seen} for {expected}" for what, expected, seen in (
+                    ("members", set(formed), set().union(*(group.members for group in side.groups.values()
+                                                           if group.type == "dynamic"))),
+                    # Ports without a partner collect for themselves and ports without LACP show what they had.
+                    ("aggregators", formed, {port: int(aggregators.get(str(port), 0)) for port in formed}),
+                    ("partners", {port: side.cables[port] for port in formed},
+                     {port: partners.get(port) for port in formed}),
+                    ("configuration", ports + choices + last, system.configured())) if seen != expected]
+        return found
+
     def agree(self, within):
-        """Waits until both systems are as the model has them, and sees that they stay so."""
-        sides = list(self.sides.values())
-        expected = [side.expected(far) for side, far in zip(sides, sides[::-1])]
-
-        def differences():
-            return [f"{system.name} {place}: expected {wanted[place]}, seen {seen}"
-                    for system, wanted in zip(self.pair, expected)
-                    for place, seen in shown(system, wanted).items() if seen != wanted[place]]
-
+        """Waits until both systems are as they have to be, and sees that they stay so."""
         started = time.monotonic()
-        eventually(f"both as configured after {self.history[-1:]}", differences, lambda found: not found, within)
+        eventually(f"both as configured after {self.history[-1:]}", self.differences, lambda found: not found, within)
         took = time.monotonic() - started
         time.sleep(Ticks.FAST_PERIOD / 2)
-        if found := differences():
+        if found := self.differences():
             raise LabError(f"no longer as configured after {self.history[-1:]}: {found}")
         return took
 
     # ---- typed
 
-    def join(self, system, side, port, group, mode):
-        entry, kind = side.ports[port], "manual" if mode == "on" else "dynamic"
-        if side.groups[group].former not in (None, kind):
+    def join(self, system, port, group, mode):
+        side, kind = Side(system), "manual" if mode == "on" else "dynamic"
+        if side.left_behind(group) not in (None, kind):
             return False
         answer = system.configure(*enter(port, f"channel-group {group} mode {mode}"))
-        if side.groups[group].type not in (None, kind):
+        if group in side.groups and side.groups[group].type != kind:
             assert "failed! This group is already in other mode" in answer, answer
             return True
-        assert not answer.strip(), answer
-        if entry.group not in (0, group):
-            side.leave(port)
-        entry.group, entry.mode, entry.listed = group, mode, mode == "on"
-        side.groups[group].type, side.groups[group].former = kind, None
+        assert not answer.strip() and Side(system).ports[port][:2] == (group, mode), answer
         return True
 
-    def leave(self, system, side, port):
-        if side.ports[port].group == 0:
+    def leave(self, system, port):
+        group = Side(system).ports[port].group
+        if group == 0:
             return False
-        quietly(system, *enter(port, f"no channel-group {side.ports[port].group}"))
-        return side.leave(port)
+        quietly(system, *enter(port, f"no channel-group {group}"))
+        side = Side(system)
+        assert side.ports[port].group == 0 and (side.of(group) or group not in side.groups)
+        return True
 
-    def timeout(self, system, side, port, value):
+    def timeout(self, system, port, value):
         quietly(system, *enter(port, f"lacp timeout {value}"))
-        side.ports[port].timeout = value
 
-    def priority(self, system, side, port, value):
+    def priority(self, system, port, value):
         quietly(system, *enter(port, f"lacp port-priority {value}"))
-        side.ports[port].priority = value
 
-    def system_priority(self, system, side, value):
+    def system_priority(self, system, value):
         quietly(system, f"lacp system-priority {value}")
-        side.priority = value
 
-    def spread(self, system, side, group, choice):
+    def spread(self, system, group, choice):
         quietly(system, f"channel-group {group} load-balance {choice}")
-        side.groups[group].choice = choice
 
     # ---- by another client of the datastore
 
-    def edit(self, system, side, port, **leaves):
-        system.datastore.set_trunk(port, **leaves)
-        vars(side.ports[port]).update(leaves)
+    def edit_mode(self, system, port, mode):
+        return bool(Side(system).key(port)) and system.datastore.set_trunk(port, mode=mode)
 
-    def edit_mode(self, system, side, port, mode):
-        if not side.key(port):
+    def edit_port(self, system, port, timeout, priority):
+        system.datastore.set_trunk(port, timeout=timeout, priority=priority)
+
+    def move(self, system, port, group):
+        side = Side(system)
+        if not side.key(port) or side.ports[port].group == group or group not in side.groups or \
+                side.groups[group].type != "dynamic":
             return False
-        return self.edit(system, side, port, mode=mode)
+        return system.datastore.set_trunk(port, channel_group=group)
 
-    def edit_port(self, system, side, port, timeout, priority):
-        self.edit(system, side, port, timeout=timeout, priority=priority)
+    def delete(self, system, group):
+        return group in Side(system).groups and system.datastore.delete_group(group)
 
-    def move(self, system, side, port, group):
-        if not side.key(port) or side.groups[group].type != "dynamic" or side.ports[port].group == group:
-            return False
-        system.datastore.set_trunk(port, channel_group=group)
-        side.ports[port].group = group
-
-    def delete(self, system, side, group):
-        if side.groups[group].type is None:
-            return False
-        system.datastore.delete_group(group)
-        side.groups[group] = Group(former=side.groups[group].type)
-        for port in side.of(group):
-            side.ports[port].listed = False
-
-    def create(self, system, side, group):
-        kind = side.groups[group].former
-        if kind is None:
-            return False
-        members = side.of(group) if kind == "manual" else set()
-        system.datastore.set_group(group, lacp_type=kind,
-                                   member_port=[f"gigabitethernet 0/{port}" for port in members])
-        side.groups[group].type, side.groups[group].former = kind, None
-        for port in members:
-            side.ports[port].listed = True
+    def create(self, system, group):
+        side = Side(system)
+        kind = side.left_behind(group)
+        return kind is not None and system.datastore.set_group(group, lacp_type=kind, member_port=[
+            f"gigabitethernet 0/{port}" for port in side.of(group) if kind == "manual"])
 
     # ---- links and programs
 
-    def link(self, system, side, port, state):
+    def link(self, system, port, state):
         system.set_link(port, state == "up")
-        side.ports[port].up = state == "up"
 
-    def cross(self, _, side, one, other):
+    def cross(self, left, one, other):
         """Two cables are pulled and plugged in again, crossed."""
         if one == other:
             return False
-        (left, right), far = self.pair, self.sides["right"]
-        ends = side.cables[other], side.cables[one]
+        right, cables = self.pair[1], self.cables[left]
+        ends = cables[other], cables[one]
         for port in (one, other):
             left.namespace.ip("link", "del", left.port_interface(port))
         for port, end in zip((one, other), ends):
             self.lab.cable(left, port, right, end)
-            side.cables[port], far.cables[end] = end, port
-            side.ports[port].up = far.ports[end].up = True
+            cables[port], self.cables[right][end] = end, port
+        return True
 
-    def stop(self, system, _, seconds):
+    def stop(self, system, seconds):
         system.daemon.send_signal(signal.SIGSTOP)
         time.sleep(seconds)
         system.daemon.send_signal(signal.SIGCONT)
 
-    def daemon(self, system, side, number):
-        """What is running is written; the daemon is ended by this signal and starts anew."""
+    def daemon(self, system, number):
+        """What is running is written; the daemon is ended by this signal and starts anew with it."""
         with system.shell() as shell:
             shell.run("write memory")
+        before = system.configured()
         system.restart_daemon(getattr(signal, number))
-        side.restart()
+        eventually("the configuration is read", system.configured, lambda seen: seen == before, Ticks.LINK)
 
-    def switch_off(self, system, _):
+    def switch_off(self, system):
         system.stop_switch()
 
-    def switch_on(self, system, _):
-        if system.switch.status is None:
-            return False
-        system.start_switch()
+    def switch_on(self, system):
+        return system.switch.status is not None and system.start_switch()
 
-    def wait(self, _, __, seconds):
+    def wait(self, _, seconds):
         time.sleep(seconds)

@@ -1,42 +1,20 @@
-"""Other clients edit what they like, in one transaction and in any order; whether it is taken or refused, datastore, table,
-engine and switch have the same after it."""
+"""Other clients edit what they like, in one transaction and in any order, and refuse what the shell or a client writes; whether
+it is taken or refused, datastore, table, engine and switch have the same after it."""
 
-import json
-import os
 import random
-import subprocess
 import time
-from pathlib import Path
 
 import pytest
 
-from helpers import join, neighbours, quietly
-from lab import Ticks, eventually
-from lab.system import USER
-from steps import table
+from helpers import enter, in_the_way, join, leave, quietly
+from lab import Ticks
+from steps import agree
 
-PORTS = range(1, 5)
+PORTS = range(1, 6)
 GROUP, PORT = "/olt-lacp:channel-group/group[id='{}']{}", "gigabitethernet 0/{}"
 TRUNK = "/olt-ifm:up-link-ports/interface[name='gigabitethernet 0/{}']/olt-lacp:trunk/{}"
 PRIORITY = "/olt-lacp:global-configuration/system-priority"
-ACTIVE, SHORT, COLLECTING = 1, 2, 16  # of a port's state
 CHOICES = ("src-mac", "dst-mac", "src-dst-mac", "src-ip", "dst-ip", "src-dst-ip")
-
-
-class Client:
-    def __init__(self, system):
-        self._process = subprocess.Popen(
-            ["/usr/bin/python3", Path(__file__).with_name("other_client.py"), system.programs.prefix / "lib", "edit"],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env={**os.environ, **system.environment},
-            user=USER, group=USER, extra_groups=[])  # the daemon wakes its subscriber through files
-        assert self._process.stdout.readline() == "ready\n"
-
-    def apply(self, edits, refused_by=None, before=False):
-        print(json.dumps([edits, refused_by, before]), file=self._process.stdin, flush=True)
-        return int(self._process.stdout.readline())
-
-    def close(self):
-        self._process.communicate()
 
 
 def group(number, leaf="", value=None):
@@ -45,6 +23,55 @@ def group(number, leaf="", value=None):
 
 def member(number, port, value=""):
     return group(number, f"member-port[.='{PORT.format(port)}']", value)
+
+
+@pytest.fixture(scope="module")
+def left(lab):
+    return lab.pair(len(PORTS))[0]
+
+
+@pytest.fixture(scope="module")
+def client(left):
+    with in_the_way(left, "edit") as ask:
+        yield ask
+
+
+BALANCED = "channel-group {} load-balance {}".format
+COMMANDS = [  # what goes before; what is refused; how often that leaves all as it was; lists and modes that it leads to
+    ([], join(2, 3, "passive"), 3, {3: set()}, {2: "passive"}),
+    ([], join(1, 1, "on"), 4, {1: {1}}, {1: "on"}),
+    ([BALANCED(1, "dst-ip"), *join(2, 1, "on")], join(1, 1, "on"), 3, {1: {1, 2}}, {1: "on", 2: "on"}),
+    ([BALANCED(1, "src-ip")], join(1, 1, "active"), 3, {1: set()}, {1: "active"}),
+    (join(1, 2, "active"), join(1, 2, "passive"), 1, {2: set()}, {1: "passive"}),
+    ([*join(1, 1, "on"), *join(2, 1, "on")], leave(1, 1), 2, {1: {2}}, {2: "on"}),
+    ([BALANCED(4, "src-ip"), *join(1, 4, "active")], leave(1, 4), 1, {4: set()}, {}),
+    (join(1, 1, "passive"), join(1, 2, "active"), 6, {2: set()}, {1: "active"}),
+    ([*join(1, 1, "on"), *join(2, 1, "on")], join(1, 2, "on"), 7, {1: {2}, 2: {1}}, {1: "on", 2: "on"}),
+    (join(5, 1, "on"), enter(5, "lacp port-priority 7"), 1, {1: {5}}, {5: "on"}),
+]
+
+
+def held(system):
+    return system.datastore.groups(), {name: entry.get("olt-lacp:trunk") for name, entry in
+                                       system.datastore.interfaces().items()}
+
+
+@pytest.mark.parametrize("before, lines, times, lists, modes", COMMANDS)
+def test_a_refused_command_changes_nothing(left, client, before, lines, times, lists, modes):
+    assert client([("/olt-lacp:channel-group", None), *((TRUNK.format(port, ".")[:-2], None) for port in PORTS)]) == 0
+    quietly(left, *before)
+    was = held(left)
+    for number, early in [*((number, True) for number in range(1, times + 1)), (1, False), (times, False)]:
+        client([], (number, None, early))
+        said = left.configure(*lines)
+        assert "failed" in said and held(left) == was, f"refusal {number}, early: {early}: {said}"
+        agree(left, said)
+    client([])
+    quietly(left, *lines)
+    groups, trunks = held(left)
+    assert {number: entry.members for number, entry in groups.items()} == lists
+    assert {int(name[-1]): entry["mode"] for name, entry in trunks.items() if entry and "mode" in entry} == modes
+    agree(left, lines)
 
 
 def random_edits(chance):
@@ -73,80 +100,45 @@ def random_edits(chance):
     return edits
 
 
-def differences(system):
-    """What is not the same everywhere, in words."""
-    configured = {number: (entry.type, entry.load_balance or "src-mac", entry.members)
-                  for number, entry in system.datastore.groups().items() if entry.type}
-    with system.shell() as shell:
-        shell.run("configure terminal")
-        shown = table(shell.run("show channel-group detail"))
-    trunks = {trunk["group"]: (trunk["criterion"], set(trunk["members"])) for trunk in system.state()["trunks"]}
-    trunk = {int(name[-1]): (interface["interface-basic"]["link-status"], interface.get("olt-lacp:trunk", {}))
-             for name, interface in system.datastore.interfaces().items()}
-    up = {port for port, (status, _) in trunk.items() if status == "up"}
-    wanted, engine, collecting, found = {}, {}, {}, []
-    for number in (number for number, row in configured.items() if row[0] == "dynamic"):
-        sides = neighbours(system, number)
-        wanted |= {port: (number, leaves.get("mode") != "passive", leaves.get("timeout") == "short",
-                          leaves.get("priority", 32768))
-                   for port, (_, leaves) in trunk.items() if leaves.get("channel-group") == number}
-        engine |= {port: (own.key, bool(own.state & ACTIVE), bool(own.state & SHORT), own.priority)
-                   for port, (own, _) in sides.items()}
-        collecting[number] = {port for port, (own, partner) in sides.items() if own.state & partner.state & COLLECTING}
-    links = {number: members & up if kind == "manual" else members for number, (kind, _, members) in configured.items()}
-    for what, expected, seen in (
-            ("table", {number: (*row, links[number]) for number, row in configured.items()}, shown),
-            ("settings", wanted, engine), ("engine", {number: configured[number][2] for number in collecting}, collecting),
-            ("switch", {number: (row[1], links[number]) for number, row in configured.items() if links[number]}, trunks)):
-        found += [f"{what}: {seen} for {expected}"] * (seen != expected)
-    return found
-
-
 @pytest.fixture(scope="module")
-def edited(lab):
-    left, right = lab.pair(len(PORTS))
-    quietly(right, *(line for port in PORTS for line in join(port, 1, "active", "lacp timeout short")))
-    client = Client(left)
-    yield left, client
-    client.close()
-
-
-def agree(system, what, within=Ticks.of(2)):
-    eventually(f"the same everywhere after {what}", lambda: differences(system), lambda found: not found, within)
+def edited(lab, left, client):
+    quietly(lab.systems[1], *(line for port in PORTS for line in join(port, 1, "active", "lacp timeout short")))
+    return left
 
 
 @pytest.mark.parametrize("seed, rounds", [(1, 60), *(pytest.param(seed, 300, marks=pytest.mark.nightly)
                                                      for seed in range(2, 6))])
-def test_random_edits_leave_one_truth(edited, seed, rounds):
-    system, client = edited
+def test_random_edits_leave_one_truth(edited, client, seed, rounds):
     chance, taken = random.Random(seed), 0
     for number in range(rounds):
-        edits = random_edits(chance)
-        refused_by = chance.choice((None, None, None, "olt-lacp", "olt-ifm"))
-        flapping = chance.choice(PORTS) if chance.random() < 0.3 else None
+        edits, flapping = random_edits(chance), chance.choice(PORTS) if chance.random() < 0.3 else None
+        refusal = chance.choice((None, None, None, "olt-lacp", "olt-ifm"))
+        refusal = refusal and (1, refusal, chance.random() < 0.3)
         if flapping:
-            system.set_link(flapping, up=False)
-        result = client.apply(edits, refused_by, chance.random() < 0.3)
+            edited.set_link(flapping, up=False)
+        result = client(edits, refusal)
         taken += result == 0
         if flapping:
-            system.set_link(flapping, up=True)
+            edited.set_link(flapping, up=True)
         if number % 20 == 19:
             time.sleep(Ticks.NOT_FORMED)  # dynamic groups form
-        agree(system, f"edit {number} (result {result}): {edits}, refused by {refused_by}, flapping {flapping}")
+        agree(edited, f"edit {number} (result {result}): {edits}, refusal {refusal}, flapping {flapping}")
     assert taken > rounds / 4
 
 
-def test_a_member_that_a_client_takes_out_comes_back(edited):
-    """And a stranger in the list of a dynamic group goes."""
-    system, client = edited
+def test_members_are_what_the_engine_and_four_at_most_allow(edited, client):
+    """A member that a client takes out comes back, a stranger in the list of a dynamic group goes."""
     for number in range(1, 5):
-        client.apply([group(number)])
+        client([group(number)])
     formed = [edit for port in PORTS for edit in ((TRUNK.format(port, "channel-group"), str(port // 3 * 2 + 1)),
                                                   (TRUNK.format(port, "mode"), None))]
-    assert client.apply([*formed, group(1, "lacp-type", "dynamic"), group(3, "lacp-type", "manual"),
-                         member(3, 3)]) == 0
-    system.await_trunk(1, {1, 2}, Ticks.REFORM)
+    manual = group(3, "lacp-type", "manual")
+    assert client([*formed, manual, *(member(3, port) for port in PORTS)]) != 0
+    assert client([*formed, group(1, "lacp-type", "dynamic"), manual, member(3, 3)]) == 0
+    assert client([group(3, "load-balance"), *(member(3, port) for port in PORTS if port != 3)]) != 0
+    assert client([member(3, 9)]) != 0, "there is no such port"
+    edited.await_trunk(1, {1, 2}, Ticks.REFORM)
     for edit in (member(1, 2, None), member(1, 4)):
-        assert client.apply([edit]) == 0
-        agree(system, edit)
-        assert system.trunks() == {1: {1, 2}, 3: {3}}
+        assert client([edit]) == 0
+        agree(edited, edit)
+        assert edited.trunks() == {1: {1, 2}, 3: {3}}

@@ -1,4 +1,4 @@
-"""The life of two systems: every step, in an order that users would take; after each both are as the model has them."""
+"""The life of two systems: every step, in an order that users would take; after each both are as they are configured."""
 
 import pytest
 
