@@ -33,7 +33,7 @@ PACKAGES=(
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format
-  python3-pytest python3-scapy curl iperf3 nftables openvswitch-switch
+  python3-pytest python3-scapy curl iperf3 nftables openvswitch-switch libfaketime
 )
 NIGHTLY_PACKAGES=(mmdebstrap debian-archive-keyring qemu-system-x86)
 CROSS_PACKAGES=(g++-aarch64-linux-gnu qemu-user mmdebstrap debian-archive-keyring)

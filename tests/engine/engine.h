@@ -6,6 +6,7 @@
 
 #include "channel_group.h"
 #include "channel_group_member.h"
+#include "channel_group_plan.h"
 #include "lac_dispatch.h"
 #include "lac_event.h"
 #include "lac_member.h"

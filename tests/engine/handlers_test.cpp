@@ -131,6 +131,18 @@ TEST(Handlers, AFullQueueRefusesAChangeAsAWhole)
             Engine::dispatch();
         }
     }
+    // What the datastore took all the same is sent when there is room.
+    Engine engine;
+    DbLacpConfiguration configured;
+    configured.groups[1].type = "dynamic";
+    configured.ports[0].group = 2;
+    set("g2.type=5");
+    while (Lac_Queue.push({1, 3, 0, 0}))
+        ;
+    printed([&] { EXPECT_FALSE(settle_ports(configured)); });
+    Engine::dispatch();
+    EXPECT_EQ(changes([&] { EXPECT_TRUE(settle_ports(configured) && settle_ports(configured)); }),
+              "q:20/1=2 q:21/1=2 q:7/1=0");
 }
 
 // Four at most; a port counts modulo 32. Numbers that are no groups are refused; a code that means nothing is shown

@@ -2,6 +2,7 @@
     lock             holds the locks of the running configuration
     refuse COUNT     refuses the next COUNT changes of member-port lists
     stall SECONDS    takes that long to accept a change of a member-port list
+    kill PID change|done NUMBER    ends that process when it has made so many changes of a module, or has them taken
     edit             makes a transaction of every line, JSON: [[[XPATH, VALUE or null to delete], ...], REFUSAL]; the answer is
                      the result. A third subscriber refuses it, or without edits what others write: [NUMBER of the change of
                      a module, MODULE or null for any, whether before the daemon is told]
@@ -9,10 +10,12 @@ or it writes a leaf as a user whom the access rules know: write USER XPATH VALUE
 
 import ctypes
 import json
+import os
+import signal
 import sys
 import time
 
-RUNNING, LOCK_MS, EVENT_CHANGE, OPERATION_FAILED, BEFORE, BESIDE = 1, 5000, 1, 7, 1, 0
+RUNNING, LOCK_MS, EVENT_CHANGE, EVENT_DONE, OPERATION_FAILED, BEFORE, BESIDE = 1, 5000, 1, 2, 7, 1, 0
 MEMBERS = b"/olt-lacp:channel-group/group/member-port"
 LEAVES = ((b"olt-lacp", None), (b"olt-ifm", b"/olt-ifm:up-link-ports/interface/olt-lacp:trunk//."))
 HANDLER = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_char_p, ctypes.c_char_p,
@@ -36,10 +39,10 @@ def session():
     return opened
 
 
-def subscribe(opened, module, path, refuses, priority=BESIDE):
+def subscribe(opened, module, path, refuses, priority=BESIDE, on=EVENT_CHANGE):
     @HANDLER
     def told(_session, _id, name, _path, event, request, _data):
-        return OPERATION_FAILED if event == EVENT_CHANGE and refuses(name.decode(), request) else 0
+        return OPERATION_FAILED if event == on and refuses(name.decode(), request) else 0
     handlers.append(told)
     must(library.sr_module_change_subscribe(opened, module, path, told, None, priority, 0, ctypes.byref(subscription)))
 
@@ -47,6 +50,12 @@ def subscribe(opened, module, path, refuses, priority=BESIDE):
 def refuse(*_):
     arguments[0] = int(arguments[0]) - 1
     return arguments[0] >= 0
+
+
+def kill(*change):
+    seen.add(change)
+    if len(seen) == int(arguments[2]):
+        os.kill(int(arguments[0]), signal.SIGKILL)
 
 
 def write(own, user, path, value):
@@ -92,6 +101,9 @@ def main():
         for module, path in LEAVES:
             for priority in (BEFORE, BESIDE):
                 subscribe(beside, module, path, third(priority), priority)
+    elif order == "kill":
+        for module, path in LEAVES:
+            subscribe(own, module, path, kill, BEFORE, EVENT_DONE if arguments[1] == "done" else EVENT_CHANGE)
     else:
         subscribe(own, b"olt-lacp", MEMBERS, refuse if order == "refuse" else lambda *_: time.sleep(int(arguments[0])))
     print("ready", flush=True)
