@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Two machines with two cards each, cabled to each other, set up by the commands of docs/machines.md: they form a group,
-carry traffic, lose a cable, are upgraded, lose their power. Run by boot_check.sh, whose folder has the images.
+carry traffic, lose a cable, crash, are upgraded, lose their power, stop and go. Run by boot_check.sh, whose folder has the
+images.
 
     tests/packaging/two_machines.py FOLDER"""
 
@@ -30,6 +31,24 @@ END = "<end "
 PATIENCE = 180  # seconds; an emulated machine is slow
 KERNEL = ("root=/dev/vda rw console=ttyS0 net.ifnames=0 quiet systemd.show_status=0 systemd.mask=serial-getty@ttyS0.service "
           "systemd.hostname=")
+
+ACTIVE = "[ $(systemctl is-active olt-datastore olt-switch lacpd | grep -c ^active) = {} ]".format
+SUCCESS = "[ $(systemctl show --value -p Result {}) = success ]".format
+SERVES = "{} && sleep 3 && grep -c 'channel-group 1 mode active' /etc/lacpd/lacpd.conf | grep -x 2".format(ACTIVE(3))
+LIFE = {
+    "order: datastore, switch, daemon": """{ systemctl show --value -p ExecMainExitTimestampMonotonic olt-datastore
+        systemctl show --value -p ExecMainStartTimestampMonotonic olt-switch lacpd; } | grep . | sort -nc""",
+    "nothing failed first": "[ $(systemctl show --value -p NRestarts lacpd) = 0 ] && " + ACTIVE(3),
+    "the system is read-only": "nsenter -t $(pidof lacpd) -m touch /usr/x 2>&1 | grep Read-only",
+    "the daemon stops with success": f"systemctl stop lacpd && {SUCCESS('lacpd')} && {ACTIVE(2)}",
+    "the datastore takes the switch along": f"systemctl stop olt-datastore && {SUCCESS('olt-switch')} && {ACTIVE(0)}",
+    "the daemon starts what it needs": f"systemctl start lacpd && {SERVES}",
+    "an upgrade starts nothing that was stopped": "systemctl stop olt-switch lacpd; dpkg -i /mnt/lacpd_3_*.deb && "
+                                                  f"[ -z \"$(systemctl list-jobs --no-legend)\" ] && {ACTIVE(1)}",
+    "removing stops all": f"systemctl start lacpd && {ACTIVE(3)} && dpkg -r lacpd && ! pgrep 'lacpd|olt-switch'",
+    "it can be installed again": "dpkg -i /mnt/lacpd_3_*.deb && systemctl start olt-datastore olt-switch lacpd && " + SERVES,
+    "nothing has failed": '[ -z "$(systemctl --failed --no-legend)" ]',
+}
 
 
 def connected(path):
@@ -65,7 +84,7 @@ class Machine:
             "-qmp", f"unix:{sockets['control']},server=on,wait=off", *cables,
             "-kernel", self.folder / "root/vmlinuz", "-initrd", self.folder / "root/initrd.img",
             "-append", KERNEL + self.name, "-drive", f"file={self.disk},if=virtio,format=raw",
-            "-drive", f"file={self.folder}/shell.img,if=virtio,format=raw,snapshot=on"], stdin=subprocess.DEVNULL)
+            "-drive", f"file={self.folder}/data.img,if=virtio,format=raw,snapshot=on"], stdin=subprocess.DEVNULL)
         self.unread = ""
         self.serial = connected(sockets["serial"])
         self.serial.settimeout(PATIENCE)
@@ -135,7 +154,7 @@ def main(folder):
         for machine in machines:
             machine.power_on()
             print(f"ok    {machine.name} boots", flush=True)
-            machine.run("dpkg -i /mnt/lacpd_1_*.deb")
+            machine.run(f"dpkg -i /mnt/lacpd_1_*.deb && {ACTIVE(0)}")
             mine = (lambda text: text) if machine is a else lambda text: text.replace("0a:00", "0b:00").replace(
                 "10.77.0.1/24", "10.77.0.2/24")
             machine.run("set -e\n" + mine(SET_UP) + NAMES)
@@ -162,14 +181,16 @@ def main(folder):
         for machine in machines:
             machine.until("both are back", has_trunk(1, 2))
         for what, script, most, started in (
+                ("the switch crashes", "kill -KILL $(pidof olt-switch)", 200, "olt-switch"),
+                ("the daemon crashes", "kill -KILL $(pidof lacpd)", 1, "lacpd"),
                 ("another daemon is installed", "dpkg -i /mnt/lacpd_2_*.deb", 1, "lacpd"),
                 ("the daemon hangs", "kill -STOP $(pidof lacpd)", 1, "lacpd"),
                 ("another library is installed", "dpkg -i /mnt/lacpd_3_*.deb", 400, "olt-switch lacpd")):
             before = a.processes()
             lost = b.ping(600, 0.05, lambda script=script: a.run(f"{script}; sleep 12"))
             assert [name for name, pid in a.processes().items() if pid != before[name]] == started.split()
-            assert lost <= most
             print(f"ok    {lost} of 600 packets lost, 50 ms apart, while at A {what}", flush=True)
+            assert lost <= most
             for machine in machines:
                 machine.until("both cards are in the trunk", has_trunk(1, 2))
         a.power_off()
@@ -177,11 +198,14 @@ def main(folder):
         a.power_on()
         for machine in machines:
             machine.until("all is as before after the power cut", has_trunk(1, 2))
-        a.until("so is its configuration", "grep -c 'channel-group 1 mode active' /etc/lacpd/lacpd.conf | grep -x 2")
         a.run("ip address add 10.77.0.1/24 dev host0", check=False)
         assert b.ping(20, 0.1) == 0
+        for what, script in LIFE.items():
+            a.until(what, script)
         a.run("set -e\n" + BACK)
-        a.until("nothing is left of it", "! ip link show ethv0 && ! pidof lacpd olt-switch")
+        a.run("systemctl start lacpd; dpkg -P lacpd", check=False)
+        a.until("nothing is left of it", "! ip link show ethv0 && ! pidof lacpd olt-switch && [ ! -e /run/lacpd ] && "
+                "[ -z \"$(systemctl list-units --all --no-legend 'lacpd*' 'olt-*')\" ]")
         print("passed")
     finally:
         for machine in machines:
