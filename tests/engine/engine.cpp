@@ -1,6 +1,7 @@
 #include "engine.h"
 
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -634,7 +635,13 @@ std::string act(const std::string &event)
         {"tx", [&] { tx_machine(port, number); }},
         {"periodic", [&] { periodic_machine(port, number); }},
         {"settle", [&] { result = static_cast<int>(lacSettleMembers(rest == "retry")); }},
-        {"cfg", [&] { result = Engine::configure(rest); }},
+        {"cfg", // one change, or several "then" others
+         [&] {
+             for (std::size_t at = 0, end = 0; at <= rest.size(); at = end + strlen(" then ")) {
+                 end = std::min(rest.find(" then ", at), rest.size());
+                 result = Engine::configure(rest.substr(at, end - at));
+             }
+         }},
         {"resync", [] { lacp_sclient->reconnected(lacp_sclient); }},
     };
     EVENTS.at(kind)();

@@ -77,38 +77,13 @@ TEST(Handlers, Rows)
         {"", "cfg +p1/channel-group=2; +g2/lacp-type=dynamic", "r:-2", // another module's
          "'' is not belong to lacp interface trunk configuration!\nset slot 0 port 0 '' failed! ret -2\n"},
         {"", "cfg +p2/mode=passive", "q:18/2=0"},
+        // Who is about to join a group that goes does not stay behind.
+        {"g2.type=5", "cfg +p1/channel-group=2 then -g2", "g2.type=0 q:16/1=0 q:20/1=2 q:21/1=2 q:7/1=0"},
         {"", "cfg +p2/timeout=short; +p2/timeout=long; +p2/timeout=Short", "q:17/2=1 q:17/2=0 q:17/2=0"},
         {"", "cfg +p9/priority=1", "r:-27", "set slot 0 port 9 'priority' failed! ret -27\n"},
         // The table has the new state before the trunks are sent again, and a request of its own ends with it.
         {"g2.list=5 g2.up=5", "resync", "create:2,9,5,2 destroy:1 destroy:3 destroy:4"},
     });
-}
-
-// A group that is deleted while a join waits in the queue, and a member that is written late.
-TEST(Handlers, Orders)
-{
-    const auto configured = [](const char *change) { return changes([=] { Engine::configure(change); }); };
-    Engine engine;
-    Engine::switch_on();
-    set("link1=1");
-    set("g2.type=5");
-    Engine::configure("+p1/channel-group=2");
-    // The join is still in the queue: who goes with the group does not stay behind.
-    EXPECT_EQ(configured("-g2"), "g2.type=0 q:16/1=0 q:20/1=2 q:21/1=2 q:7/1=0");
-    Engine::dispatch();
-    EXPECT_EQ(get_lacp_port_state(1), 0);
-
-    engine.running_port(1, 2);
-    engine.far[1].heard = lac_actor_info(&Engine::port(1));
-    engine.answer(1);
-    fake::datastore().failures["+member-port"] = KEL_DB_BUSY;
-    Engine::tick(5);
-    fake::datastore().failures.clear();
-    Engine::join(1, 0); // before it could be written
-    EXPECT_EQ(changes([] { Engine::dispatch(); }).find("w:+g2"), std::string::npos);
-    Engine::tick(3);
-    EXPECT_EQ(fake::members(2), 0U);
-    EXPECT_EQ(configured("-g1"), "") << "it left group 2 for none";
 }
 
 // With one place too few for its messages a change is refused, and nothing of it is sent.
@@ -167,27 +142,6 @@ TEST(Groups, Table)
         EXPECT_STREQ(name, "src-mac") << code;
     }
     EXPECT_EQ(get_channel_group_load_balance_str(1, name, 7), -9) << "no room for its end";
-}
-
-// Trunks are sent again: the table changes, and its own request is sent, right after an older state was; and the
-// service is lost again.
-TEST(Groups, TheDriverServiceMayBeAway)
-{
-    Engine engine;
-    set("g2.list=5 g2.up=5 g2.code=13");
-    fake::driver().after_send = [] { fake::driver().unreachable = true; };
-    EXPECT_EQ(changes([] { lacp_trunk_resync(lacp_sclient); }), "destroy:1");
-    EXPECT_EQ(set_channel_group_load_balance(2, 19), 0) << "accepted all the same";
-    fake::driver().unreachable = false;
-    int sends = 0;
-    fake::driver().after_send = [&] {
-        const std::map<int, const char *> steps = {{2, "g2.up=1"}, {3, "g2.code=0"}, {5, "g2.up=0"}};
-        if (const auto step = steps.find(++sends); step != steps.end())
-            set(step->second);
-    };
-    EXPECT_EQ(changes([] { lacp_trunk_resync(lacp_sclient); }),
-              "create:2,0,1,1 create:2,13,1,1 create:2,13,5,2 destroy:1 destroy:2 destroy:3 destroy:4 g2.code=0 "
-              "g2.up=0 g2.upn=0 rehash:2,0");
 }
 
 TEST(StartUp, RecordsAndClearing)

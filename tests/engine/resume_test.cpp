@@ -101,21 +101,6 @@ TEST_F(Resume, WhatFitsGoesOn)
     }
 }
 
-TEST_F(Resume, AStopIsTold)
-{
-    Engine engine;
-    arrange("SERVING");
-    lacResumeBegin(false);
-    Engine::send(LAC_Q_RESUME);
-    Engine::dispatch();
-    engine.wire.take();
-    Engine::send(LAC_Q_STOP);
-    Engine::dispatch();
-    const auto told = engine.wire.take();
-    ASSERT_EQ(told.size(), 1U);
-    EXPECT_EQ(told[0].actor().state, FRAME_STATE);
-}
-
 // A partner that is not heard is taken for unchanged as long as it waits for us: here for 90 seconds.
 TEST_F(Resume, FilesThatAreNotUsed)
 {

@@ -2,7 +2,6 @@
 
 import contextlib
 import signal
-import subprocess
 import time
 from concurrent.futures import ThreadPoolExecutor
 
@@ -110,21 +109,3 @@ def test_what_has_changed_forms_anew(bench):
     eventually("the partner uses both ports", bench.other.members, lambda seen: all(
         member.enabled and member.actor.key == 77 for member in seen.values()), Ticks.FORM)
     bench.own.set_link(1, True)
-
-
-def test_a_full_disk(bench):
-    bench.form("short")
-    folder = bench.own.directory / "small"
-    folder.mkdir()
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8k,mode=777", "none", folder], check=True)
-    try:
-        (folder / "filler").write_bytes(bytes(4096))  # the process number takes the other page
-        bench.own.stop_daemon()
-        for _ in range(2):
-            bench.own.start_daemon("-i", folder / "lacpd.pid")
-            bench.own.daemon.wait_for_output("lacpd.resume cannot be written: No space left on device", Ticks.LINK)
-            await_groups([bench.own, bench.ours], {1: {1, 2}}, Ticks.FORM)
-            assert [path.name for path in folder.glob("*.resume*")] == []
-            bench.own.stop_daemon(signal.SIGKILL)
-    finally:
-        subprocess.run(["umount", "--lazy", folder], check=True)

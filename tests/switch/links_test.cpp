@@ -1,4 +1,4 @@
-// The order of link-status writes, the thread that makes them, and frames whose headers are cut.
+// The order of link-status writes, and frames whose headers are cut.
 #include "forwarding.h"
 #include "link_publisher.h"
 
@@ -68,44 +68,6 @@ TEST(LinkQueue, Scripts)
     };
     for (const auto &[script, result] : rows)
         EXPECT_EQ(play(script), result) << script;
-}
-
-// Refuses the first writes.
-struct Store : public olt::LinkStore {
-    bool create(std::uint32_t port, bool up) override { return write(word(true, port, up)); }
-    bool set(std::uint32_t port, bool up) override { return write(word(false, port, up)); }
-    bool write(const std::string &what)
-    {
-        writes += what;
-        return refusals-- <= 0;
-    }
-
-    std::string writes;
-    int refusals = 1;
-};
-
-TEST(LinkPublisher, IsReadyWithEveryEntryTriedAndTriesAgain)
-{
-    olt::EventLoop loop;
-    Store store;
-    const std::map<std::uint32_t, bool> links{{1, true}, {2, false}};
-    auto publisher = std::make_unique<olt::LinkPublisher>(loop, store, links, [&loop] { loop.stop(); });
-    const auto tried = [&publisher] { return publisher->counters().written + publisher->counters().failed; };
-    loop.run();
-    EXPECT_EQ(tried(), 2u);
-    for (const auto &[port, up] : {std::pair(1u, false), {2u, true}, {1u, true}})
-        publisher->publish(port, up);
-    while (tried() < 4)
-        std::this_thread::yield();
-    EXPECT_EQ(store.writes, "!1+ !2- 2+ !1+ ");
-    EXPECT_EQ(publisher->counters().failed, 1u);
-    store.refusals = 1;
-    publisher->publish(1, false);
-    while (tried() < 5)
-        std::this_thread::yield();
-    const auto begin = std::chrono::steady_clock::now();
-    publisher.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 900ms) << "not after the pause";
 }
 
 TEST(FlowHash, OfACutPacketGoesByItsMacAddresses)
