@@ -476,7 +476,7 @@ void Engine::answer(std::uint32_t port_no)
     hear(tagged_frame(port_no, pdu_bytes(far[port_no].self, far[port_no].heard)));
 }
 
-std::uint32_t Engine::second(bool eager)
+void Engine::second()
 {
     tick();
     std::uint32_t told = 0;
@@ -485,13 +485,12 @@ std::uint32_t Engine::second(bool eager)
         far[frame.port()].heard = frame.actor();
     }
     for (std::uint32_t number = 1; number <= intf.last_uplink_port; ++number) {
-        const bool asked = eager && (far[number].heard.state & LAC_TIMEOUT) != 0;
+        const bool asked = (far[number].heard.state & LAC_TIMEOUT) != 0;
         if (((told >> (number - 1) & 1) != 0 || asked) && far[number].talks && lacIsLinkUp(&port(number)) == 1) {
             answer(number);
             dispatch();
         }
     }
-    return told;
 }
 
 std::uint32_t Engine::trunk(std::uint32_t group)

@@ -119,9 +119,8 @@ class Engine
     // A port in a running dynamic group with its link up, in EXPIRED.
     LacPort &running_port(std::uint32_t port_no, unsigned group = 1);
 
-    // One tick; then every far end that was told something, or is asked for the short timeout when they are `eager`,
-    // answers what it heard last. The ports that were told something, as bits.
-    std::uint32_t second(bool eager = false);
+    // One tick; then every far end that was told something, or is asked for the short timeout, answers.
+    void second();
     void answer(std::uint32_t port_no);
     std::uint32_t trunk(std::uint32_t group); // as the switch has it
 

@@ -154,18 +154,14 @@ std::string Story::draw(fuzz::Input &input)
         if (count == 0)
             happen(word);
         for (count = std::min(count, seconds); count > 0 && !held_; --count, --seconds)
-            second(true);
+            second();
     }
-    if (found.empty()) {
-        come_to_rest();
-        found = broken();
-    }
-    found = found.empty() ? restless() : found;
+    found = found.empty() ? come_to_rest() : found;
     return found.empty() ? "" : found + "\n" + words;
 }
 
-// Nothing fails any more; no two partners are the same port.
-void Story::come_to_rest()
+// Nothing fails any more; the partners are ports of one system, and of more than four all want into group 1.
+std::string Story::come_to_rest()
 {
     held_ = false;
     dispatch();
@@ -175,18 +171,18 @@ void Story::come_to_rest()
     for (std::uint32_t port_no = 1; port_no <= intf.last_uplink_port; ++port_no) {
         LacInfo told = lac_actor_info(&port(port_no));
         told.system = lacSystem->system_mac; // the port's own copy may be older
-        far[port_no] = {far[port_no].self, told, true};
-        set_info(far[port_no].self, "port=" + std::to_string(port_no));
-        set_info(far[port_no].self, "state=3d");
+        happen("up" + std::to_string(port_no));
+        if (intf.last_uplink_port > CHANNEL_GROUP_MAX_PORTS && type_of(1) == "dynamic")
+            join_as_configured(port_no, "1");
+        far[port_no] = {peer(static_cast<std::uint16_t>(port_no)), told, true};
         answer(port_no);
         dispatch();
     }
-    for (unsigned count = 0; count < SETTLE_TICKS; ++count)
-        second(true);
-}
-
-std::string Story::restless() const
-{
+    for (unsigned count = 0; count < SETTLE_TICKS; ++count) {
+        second();
+        if (std::string found = broken(); !found.empty())
+            return found;
+    }
     for (const LacPort *port : lac_ports()) {
         const bool rests = port->muxm == LAC_MUX_COLLECTING_DISTRIBUTING || port->member_bar != 0 ||
                            (port->selected == LAC_STANDBY && port->muxm == LAC_MUX_WAITING);
@@ -304,7 +300,6 @@ void Story::happen(const std::string &word)
         fake::datastore().leaves.erase(leaf('p', number, "mode")); // not committed yet when the port joins
     };
     const std::map<std::string, std::function<void()>> VERBS = {
-        {"p", [&] { running_port(number); }},
         {"g", [&] { make_group(number, rest); }},
         {"join", [&] { join_as_configured(number, rest.substr(1)); }},
         {"down", [&] { link("down"); }},
@@ -314,7 +309,6 @@ void Story::happen(const std::string &word)
         {"hear", [&] { answer(number); }},
         {"blind", [&] { hear(tagged_frame(number, pdu_bytes(end.self, {}))); }},
         {"", [&] { set_info(end.self, rest.substr(1)); }},
-        {"cable", [&] { end.self = far[number - 1].self; }},
         {"short", [&] { setting("timeout=short"); }},
         {"long", [&] { setting("timeout=long"); }},
         {"best", [&] { setting("priority=1"); }},
@@ -348,50 +342,6 @@ void Story::happen(const std::string &word)
     held_ = held_ && Lac_Queue.count() <= static_cast<int>(LAC_QUEUE_LIMIT) - QUEUE_ROOM;
     if (!held_)
         dispatch();
-    if (auto frames = wire.take(); !frames.empty() && !watches_)
+    if (auto frames = wire.take(); !frames.empty())
         last_sent_ = std::move(frames.back());
-}
-
-std::string Story::tell(const std::string &script)
-{
-    std::istringstream words(script);
-    for (std::string word; words >> word;) {
-        if (word == "watch" || word == "closely") {
-            closely_ = word == "closely";
-            note(0);
-            noted_ = " ";
-            watches_ = true;
-            continue;
-        }
-        noted_ += watches_ ? " " + word : "";
-        const unsigned count =
-            word.ends_with("s") ? static_cast<unsigned>(std::strtoul(word.c_str(), nullptr, 10)) : 0;
-        if (count == 0)
-            happen(word);
-        for (unsigned at = 0; at <= count; ++at) {
-            if (at > 0)
-                second();
-            if (watches_)
-                note(at);
-        }
-    }
-    return noted_.substr(2);
-}
-
-void Story::note(unsigned second)
-{
-    State now = {{"trunk", trunk(1)}, {"agg", state()["g1.agg"]}, {"told", 0}};
-    for (std::uint32_t number = 1; number <= 6; ++number)
-        now["told"] |= (far[number].heard.state & LAC_SYNCHRONIZATION) != 0 ? 1U << (number - 1) : 0;
-    for (const auto &[name, value] : state())
-        if (closely_ && (name.ends_with(".rx") || name.ends_with(".sel") || name.ends_with(".mux")))
-            now[name] = value;
-    std::string seen;
-    for (const auto &[name, value] : now)
-        if (const auto old = seen_.find(name); old != seen_.end() && old->second != value)
-            seen += " " + name + "=" + std::to_string(value);
-    for (const std::string &write : fake::take_writes())
-        seen += " " + write.substr(0, 1) + write.substr(write.rfind('/') + 1);
-    noted_ += seen.empty() ? "" : " " + std::to_string(second) + ":" + seen;
-    seen_ = std::move(now);
 }

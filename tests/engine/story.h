@@ -1,16 +1,15 @@
-// What happens to an engine and its partners, in words, told by a test or drawn by chance.
+// What happens to an engine and its partners by chance, in words:
 //
-//   g1dynamic g1manual g1-    a client makes a group or deletes it; "g1alone" leaves its ports configured for it
-//   p2 join2:3 join2:0        port 2 joins group 1, which is made when it is not there; joins a group, leaves
-//   down2 up2 9s              its link; nine seconds
-//   mute2 talk2 hear2 blind2  its partner falls silent, speaks again, says what it heard last now, or that it knows
-//   nobody 2.key=9                   what that partner is cable3                    the cable of the port before now
-//   ends on port 3 short2 long2 best2 usual2 passive2 active2     settings refuse busy accept        new members are
-//   refused, members are not written, all is well away back off on sysid    driver service, LACP, another System ID
-//   and back loop2 noise2HEX           a port hears what was sent last; a LACPDU with other octets from where the
-//   first says hold                      messages wait, until it is said again watch closely             notes begin:
-//   trunk, who has been told Synchronization, aggregator, what is written; and the
-//                             machines too
+//   g1dynamic g1manual g1-        a client makes a group or deletes it; "g1alone" leaves its ports configured for it
+//   join2:3 join2:0               port 2 joins a group, leaves
+//   down2 up2 9s                  its link; nine seconds
+//   mute2 talk2 hear2 blind2      its partner falls silent, speaks, says what it heard last, or that it knows nobody
+//   2.key=9                       what that partner is
+//   short2 long2 best2 usual2 passive2 active2        settings
+//   refuse busy accept            new members are refused, members are not written, all is well
+//   away back off on sysid        driver service, LACP, another System ID and back
+//   loop2 noise2HEX               a port hears what was sent last; a LACPDU with other octets from the first on
+//   hold                          messages wait, until it is said again
 #pragma once
 
 #include "engine.h"
@@ -19,10 +18,8 @@
 class Story : public Engine
 {
   public:
-    explicit Story(std::uint32_t last_port = 6) : Engine(1, last_port) {}
+    explicit Story(std::uint32_t last_port) : Engine(1, last_port) {}
 
-    // From "watch" on every change, with the second since the word.
-    std::string tell(const std::string &script);
     // Words drawn from an input, until it is used up, and then some seconds in which nothing fails and every partner
     // is an active system in sync that answers. The first invariant that is broken, and the words; or nothing.
     std::string draw(fuzz::Input &input);
@@ -33,14 +30,9 @@ class Story : public Engine
     void make_group(std::uint32_t group, const std::string &kind);
     void hear_noise(std::uint32_t port_no, const Bytes &octets);
     std::string drawn_word(fuzz::Input &input) const;
-    void come_to_rest();
+    std::string come_to_rest();
     std::string broken();
-    std::string restless() const;
-    void note(unsigned second);
 
-    std::string noted_ = " ";
-    State seen_;
     SentFrame last_sent_;
-    bool watches_ = false, closely_ = false;
     bool held_ = false, away_ = false;
 };
