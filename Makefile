@@ -1,7 +1,8 @@
 # make deps    install packages and build the libraries that Debian does not have (once, into a cache)
 # make build   the above, and the programs
 # make test    every test; installs what only tests need
-# make lab     build, then two cabled terminals to log in to, until Ctrl-C
+# make lab     build, then two cabled terminals to log in to, until Ctrl-C; with PARTNER=openvswitch one and a partner
+#              of another make (Debian's openvswitch-switch)
 # make demo    build, then show two systems that aggregate their links
 # make longrun two systems under random changes for DURATION seconds (an hour)
 # make nightly the long run for ten minutes, faults that take long, the package in virtual machines, fuzzing for FUZZ seconds a
@@ -39,7 +40,7 @@ test: tests format
 	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $$((3 * $(JOBS)))
 
 lab: build
-	python3 -m lab $(BUILD)
+	python3 -m lab $(BUILD) $(if $(PARTNER),--partner $(PARTNER))
 
 demo: build
 	scripts/demo.py $(BUILD)

@@ -188,6 +188,16 @@ class System(Station):
         """Counters of the user traffic of a port."""
         return next(entry for entry in self.state()["traffic"]["ports"] if entry["port"] == port)
 
+    def address_over(self, port, target, count=8):
+        """An address of the user behind it whose packets to another user leave over this port."""
+        for address in self.host_addresses:
+            before = self.traffic(port)["tx"]["frames"]
+            subprocess.run([*self.host.enter(), "ping", "-q", "-c", str(count), "-i", "0.02", "-W", "1", "-I", address,
+                            target.host_address], stdout=subprocess.DEVNULL, check=False)
+            if self.traffic(port)["tx"]["frames"] - before >= count:
+                return address
+        raise LabError(f"{self.name}: no user's packets leave over port {port}")
+
     def trunk(self, group):
         return next((trunk for trunk in self.state()["trunks"] if trunk["group"] == group), None)
 

@@ -122,17 +122,6 @@ class Pings:
              f"{sent} sent, {received} answered, longest time between two answers {gap * 1000:.0f} ms")
 
 
-def address_on(source, target, port):
-    """An address of the left user whose pings leave over this port: the switch spreads by source address."""
-    for address in source.host_addresses:
-        before = source.traffic(port)["tx"]["frames"]
-        subprocess.run([*source.host.enter(), "ping", "-q", "-c", "3", "-i", "0.02", "-W", "1", "-I", address,
-                        target.host_address], stdout=subprocess.DEVNULL, check=False)
-        if source.traffic(port)["tx"]["frames"] - before >= 3:
-            return address
-    raise LabError(f"no user's pings leave over port {port}")
-
-
 def run(lab):
     say("starting two systems: each has a namespace, a datastore, a software switch and lacpd")
     both = left, right = lab.pair(PORTS)
@@ -148,7 +137,7 @@ def run(lab):
     show("left# show running-config", left.running_config())
     show_trunks(both)
 
-    address = address_on(left, right, CUT_PORT)
+    address = left.address_over(CUT_PORT, right)
     say(f"the user behind left pings the one behind right from {address}: these pings leave over port {CUT_PORT}")
     with Pings(left, right, address) as pings:
         time.sleep(1)

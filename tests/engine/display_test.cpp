@@ -2,10 +2,6 @@
 #include "engine.h"
 #include "terminal.h"
 
-#include "lac_show.h"
-#include "lacp_cli_debug.h"
-#include "lacp_cli_show.h"
-
 #include <algorithm>
 #include <cstring>
 #include <fstream>
@@ -83,31 +79,6 @@ TEST(Displays, EightPorts)
         }
     }
     expect_recorded(all, "displays");
-}
-
-// What no line of the shell's own syntax leads to.
-TEST(Displays, Refusals)
-{
-    Engine engine;
-    Terminal terminal;
-    const auto shown = [&](const char *text, const auto &show) { EXPECT_EQ(terminal.shown(show), text); };
-    const auto aggregation = [](vty *vty) { lacShowLinkAggregation(vty, 1); };
-    shown("\r\nLACP disabled\r\n", aggregation);
-    set("sys.state=1");
-    for (const int group : {-1, 5})
-        shown("Invalid group id, correct group id is 1 to 4.\r\n", [=](vty *vty) { lacShowNeighbor(vty, group); });
-    LacSystem *const system = std::exchange(lacSystem, nullptr);
-    shown("\r\nLACP not initialization.\r\n", aggregation);
-    shown("\r\nLACP not initialization.\r\n", [](vty *vty) { lacShowNeighbor(vty, 1); });
-    lacSystem = system;
-    char text[] = "5";
-    cmd_token token{};
-    token.arg = token.text = text;
-    cmd_token *argv[] = {&token, &token, &token, &token};
-    EXPECT_EQ(printed([&] { cli_lacp_show_neighbor_cmd.func(&cli_lacp_show_neighbor_cmd, nullptr, 4, argv); }),
-              "\r\nInvalid channel group number.\r");
-    shown("\r\n Msg:wrong lacp debug type\r\n",
-          [&](vty *vty) { cli_lacp_sys_debug_set_cmd.func(&cli_lacp_sys_debug_set_cmd, vty, 3, argv); });
 }
 
 // ---- traces and dumps -----------------------------------------------------------------------------------------

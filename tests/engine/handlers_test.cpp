@@ -81,6 +81,7 @@ TEST(Handlers, Rows)
         {"g2.type=5", "cfg +p1/channel-group=2 then -g2", "g2.type=0 q:16/1=0 q:20/1=2 q:21/1=2 q:7/1=0"},
         {"", "cfg +p2/timeout=short; +p2/timeout=long; +p2/timeout=Short", "q:17/2=1 q:17/2=0 q:17/2=0"},
         {"", "cfg +p9/priority=1", "r:-27", "set slot 0 port 9 'priority' failed! ret -27\n"},
+        {"SERVING", "frame | frame 0a 01 | frame 02 01 03", "n_unknown=1"},
         // The table has the new state before the trunks are sent again, and a request of its own ends with it.
         {"g2.list=5 g2.up=5", "resync", "create:2,9,5,2 destroy:1 destroy:3 destroy:4"},
     });

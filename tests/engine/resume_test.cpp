@@ -24,15 +24,19 @@ class Resume : public testing::Test
         std::filesystem::remove_all(folder);
     }
 
-    // A daemon that serves port 1 in group 1 and is killed.
+    // A daemon that serves port 1 in group 1 and ends.
     void serve()
     {
-        const Engine engine;
+        Engine engine;
         arrange("SERVING");
         lacResumeBegin(false);
         Engine::send(LAC_Q_RESUME);
         Engine::dispatch();
         served = lacResumeNow();
+        engine.wire.take();
+        Engine::send(LAC_Q_STOP);
+        Engine::dispatch();
+        EXPECT_EQ(engine.wire.take().size(), 1U) << "its last word";
     }
     // The next one, with port 1 in its group again; what its machines, its partner and the switch see of it.
     std::string start(const std::string &changed)

@@ -19,12 +19,9 @@ from lab.wire import SLOW_PROTOCOLS_ADDRESS
 PARTNER = "02:00:00:00:00:ee"  # made by hand
 SLOW_FRAME = bytes(Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=PARTNER, type=0x8809))
 
-# A row of the state machines, as the shell shows them.
-Machines = namedtuple("Machines", "receive periodic selection mux lacp aggregator forwards")
 # One side of a port in the display of neighbours.
 Side = namedtuple("Side", "system_priority system flags priority key number state")
 
-_MACHINES = re.compile(r"^(\d\d) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +([A-Z_]+) +(YES|NO) +(\d\d) ([01])$", re.MULTILINE)
 _SIDE = re.compile(r"ystem ID:0x([0-9a-f]{4}), +([0-9a-f.]+).*?"
                    r"^gigabitEthernet0/(\d\d) (\S+) +(\d+) +([\d ]+?) +(\S+) *$", re.MULTILINE | re.DOTALL)
 
@@ -73,16 +70,6 @@ def in_the_way(system, *order, user=USER, umask=-1):
         client.communicate()
 
 
-def await_machines(system, within, **wanted):
-    """Waits until ports show what is wanted of their machines: p1={"receive": "CURRENT"}, ..."""
-    def machines():
-        return {int(port): Machines(*words, int(aggregator), forwards == "1") for port, *words, aggregator, forwards
-                in _MACHINES.findall(system.configure("show channel-group information"))}
-    eventually(f"{system.name}: machines show {wanted}", machines, lambda seen: all(
-        getattr(seen[int(port[1:])], field) == value for port, fields in wanted.items()
-        for field, value in fields.items()), within)
-
-
 def neighbours(system, group):
     """(this side, the partner) by port of a group, from the shell."""
     sides = {}
@@ -113,22 +100,6 @@ def ping(source, address, count=20, sender=None, options=()):
     result = subprocess.run([*source.host.enter(), "ping", "-q", "-c", str(count), "-i", "0.02", "-W", "2", *words,
                              *options, address], capture_output=True, text=True, check=False)
     return int(re.search(r"(\d+) received", result.stdout)[1])
-
-
-def sent(system, members):
-    """Frames of users that left, by member."""
-    return {port: system.traffic(port)["tx"]["frames"] for port in members}
-
-
-def address_on(source, target, port, members):
-    """An address of the source whose flow to the target leaves over this member."""
-    for address in source.host_addresses:
-        before = sent(source, members)
-        ping(source, target.host_address, 8, address)
-        after = sent(source, members)
-        if max(members, key=lambda member: after[member] - before[member]) == port:
-            return address
-    raise AssertionError(f"{source.name}: no address leaves over port {port}")
 
 
 def crossings(system, ports):

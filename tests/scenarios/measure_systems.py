@@ -22,7 +22,7 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from lab import Flow, Lab, Programs, Ticks  # noqa: E402 (needs the path above)
-from helpers import address_on, await_groups, join, leave, quietly  # noqa: E402
+from helpers import await_groups, join, leave, quietly  # noqa: E402
 
 MEMBERS = (1, 2, 3)
 STEADY = 1.0     # seconds of flow before and after
@@ -94,7 +94,7 @@ class Bench:
 
     def measure(self, failure):
         """(member, report) of every flow around a failure."""
-        self.flows = self.flows or [(*ends, address_on(*ends, member, MEMBERS), member)
+        self.flows = self.flows or [(*ends, ends[0].address_over(member, ends[1]), member)
                                     for ends in (self.pair, self.pair[::-1]) for member in MEMBERS]
         with contextlib.ExitStack() as stack:
             flows = [(member, stack.enter_context(Flow(*flow))) for *flow, member in self.flows]

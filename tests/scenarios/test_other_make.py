@@ -10,10 +10,10 @@ from types import SimpleNamespace
 import pytest
 
 from helpers import dotted, enter, neighbours, quietly
+from lab.openvswitch import OpenVSwitch
 from lab.ticks import TICK
 from lab.waiting import POLL
 from lab.wire import COLLECTING, DEFAULTED, DISTRIBUTING, SYNCHRONIZATION
-from ovs import OpenVSwitch
 
 IN_USE = SYNCHRONIZATION | COLLECTING | DISTRIBUTING
 # In ticks of ours. The partner tells and answers at once, and its Synchronization does not wait for ours.

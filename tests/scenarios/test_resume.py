@@ -9,10 +9,10 @@ import pytest
 
 from helpers import await_groups, join, leave, quietly
 from lab import Flow, Ticks, eventually
+from lab.openvswitch import OpenVSwitch
 from lab.system import System
 from lab.waiting import POLL
 from lab.wire import EXPIRED, TIMEOUT
-from ovs import OpenVSwitch
 
 PORTS = (1, 2)
 LOST = 4.0  # seconds: a partner that has heard nothing since the restart says so

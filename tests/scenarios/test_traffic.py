@@ -6,7 +6,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from helpers import address_on, enter, join, leave, quietly
+from helpers import enter, join, leave, quietly
 from lab import Capture, Flow, Lacpdu, Ticks, eventually
 from lab.wire import TIMEOUT as SHORT
 
@@ -38,7 +38,7 @@ def formed(pair, request):
     for system, mode in zip(pair, (request.param, request.param.replace("active", "passive"))):
         quietly(system, *(line for port in MEMBERS for line in join(port, 1, mode, "lacp timeout short")))
     await_trunks(pair, {1: set(MEMBERS), **GROUPS}, Ticks.FORM)
-    yield [(*ends, address_on(*ends, member, MEMBERS), member) for ends in (pair, pair[::-1]) for member in MEMBERS]
+    yield [(*ends, ends[0].address_over(member, ends[1]), member) for ends in (pair, pair[::-1]) for member in MEMBERS]
     for system in pair:
         quietly(system, *(line for port in MEMBERS for line in leave(port, 1)))
 

@@ -61,6 +61,8 @@ def test_frames(lab, system):
             times.append(moment)
         gaps = [later - earlier for earlier, later in zip(times, times[1:])]
         assert abs(sum(gaps) / 4 - Ticks.FAST_PERIOD) < 0.3 and all(1.5 < gap < 3.5 for gap in gaps), gaps
+        wire.send(bytes(12) + bytes(answer(seen, ASKING))[12:])  # to another destination
+        assert next(talk)[0].actor_state == ASKING | IN_USE
         for noise in (b"", b"\1", b"\x09" + bytes(109), b"\1" * 1400, b"\2" + b"\xff" * 109):
             wire.send(SLOW_FRAME + noise)
         for kind in (0x9082, 0x0800):

@@ -42,7 +42,7 @@ class OpenVSwitch(Station):
         self.database = None
         self.switch = None
         self.paused = False
-        self._socket = f"unix:{self.directory}/database.sock"
+        self.socket = f"unix:{self.directory}/database.sock"
         self._environment = {f"OVS_{kind}DIR": str(self.directory) for kind in ("RUN", "LOG", "DB", "SYSCONF")}
 
     def make(self):
@@ -53,8 +53,8 @@ class OpenVSwitch(Station):
         self._tool("ovsdb-tool", "create", self.directory / "database", SCHEMA)
 
     def start(self):
-        self.database = self._start("ovsdb-server", self.directory / "database", f"--remote=p{self._socket}")
-        self.switch = self._start("ovs-vswitchd", self._socket)
+        self.database = self._start("ovsdb-server", self.directory / "database", f"--remote=p{self.socket}")
+        self.switch = self._start("ovs-vswitchd", self.socket)
         self.configure(f"add-br {BRIDGE} -- set bridge {BRIDGE} datapath_type=netdev")
 
     def add_host(self, address):
@@ -64,12 +64,13 @@ class OpenVSwitch(Station):
         self.namespace.ip("link", "set", BRIDGE, "up")
 
     def _start(self, program, *arguments):
-        control = self._control(program)
+        control = self.control(program)
         process = self._run(program, [program, *arguments, f"--unixctl={control}", "-vsyslog:off"], self._environment)
         self._await(process, "answers", control.exists, bool)
         return process
 
-    def _control(self, program):
+    def control(self, program):
+        """The socket of a program for ovs-appctl."""
         return self.directory / f"{program}.control"
 
     def stop(self):
@@ -87,7 +88,7 @@ class OpenVSwitch(Station):
 
     def configure(self, text):
         """Runs commands of ovs-vsctl, with " -- " between them."""
-        self._tool("ovs-vsctl", "--no-syslog", f"--db={self._socket}", *text.split())
+        self._tool("ovs-vsctl", "--no-syslog", f"--db={self.socket}", *text.split())
 
     def add_bond(self, bond, ports, settings):
         """Settings are columns, `lacp=active other_config:lacp-time=fast`. Without a key of its own a bond takes the
@@ -116,7 +117,7 @@ class OpenVSwitch(Station):
         return Member(enabled, _side(fields, "actor"), _side(fields, "partner"))
 
     def _ask(self, *words):
-        return self._tool("ovs-appctl", "-t", self._control("ovs-vswitchd"), *words)
+        return self._tool("ovs-appctl", "-t", self.control("ovs-vswitchd"), *words)
 
     def _tool(self, *words):
         result = subprocess.run([*map(str, words)], stdin=subprocess.DEVNULL, capture_output=True, text=True,
