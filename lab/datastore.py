@@ -48,9 +48,6 @@ class Datastore:
         self.edit("olt-ifm", f"<up-link-ports><interface><name>gigabitethernet 0/{port}</name>"
                              f'<trunk xmlns="{_URN}olt-lacp">{_elements(leaves)}</trunk></interface></up-link-ports>')
 
-    def delete_group(self, number):
-        self.edit("olt-lacp", f'<channel-group><group nc:operation="delete"><id>{number}</id></group></channel-group>')
-
     def groups(self):
         """Group entries by number, with the ports in their member-port lists."""
         entries = self.read("olt-lacp").get("olt-lacp:channel-group", {}).get("group", [])

@@ -206,8 +206,3 @@ class System(Station):
         wanted = set(ports)
         eventually(f"{self.name}: trunk {group} has ports {sorted(wanted)}", self.trunks,
                    lambda trunks: trunks.get(group, set()) == wanted, within)
-
-    def await_members(self, group, ports, within):
-        wanted = set(ports)
-        eventually(f"{self.name}: member ports of group {group} are {sorted(wanted)}",
-                   lambda: self.datastore.members(group), lambda members: members == wanted, within)

@@ -14,7 +14,7 @@ LAYERS = [  # from the ground up
     "lac_tx lac_mux lac_rx lac_select",
     "lac_event lac_pdu lac_tick lac_resume lac_dispatch",
     "lac_show channel_group_show lacp_operational lacp_database_cb lacp_database",
-    "lacp_cli_show lacp_cli_debug lacp_cli",
+    "lacp_cli_show lacp_cli_debug lacp_cli_database lacp_cli",
     "lacp_main lacp_last_word",
 ]
 FLOOR = {name: number for number, names in enumerate(LAYERS) for name in names.split()}

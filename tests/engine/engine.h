@@ -61,7 +61,6 @@ class Wire
     Wire &operator=(const Wire &) = delete;
 
     std::vector<SentFrame> take(); // everything sent since the last call
-    int far_end() const { return far_; }
 
   private:
     int far_;

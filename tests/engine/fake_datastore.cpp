@@ -228,26 +228,10 @@ GET(db_olt_lacp_get_trunk_mode, "mode", char)
 GET(db_olt_lacp_get_trunk_timeout, "timeout", char)
 GET(db_olt_lacp_get_trunk_priority, "priority", std::uint16_t)
 
-// Read by displays only, which whole systems show.
-#define NONE(function, ...)                                                                                          \
-    int function(__VA_ARGS__)                                                                                        \
-    {                                                                                                                \
-        return -1;                                                                                                   \
-    }
-NONE(db_olt_lacp_get_port_id, int, Size, Text, KelDb *, std::uint16_t *, Size *)
-NONE(db_olt_lacp_get_port_oper_key, int, Size, Text, KelDb *, std::uint16_t *, Size *)
-NONE(db_olt_lacp_get_port_port_state, int, Size, Text, KelDb *, std::uint8_t *, Size *)
-NONE(db_olt_lacp_get_port_synchronization, int, Size, Text, KelDb *, std::uint8_t *, Size *)
-NONE(db_olt_lacp_get_port_col_dis, int, Size, Text, KelDb *, std::uint8_t *, Size *)
-NONE(db_olt_lacp_get_port_priority, int, Size, Text, KelDb *, std::uint16_t *, Size *)
-NONE(db_olt_lacp_get_port_timeout, int, Size, Text, KelDb *, char *, Size *)
-NONE(db_olt_lacp_get_port_system_id, int, Size, Text, KelDb *, char *, Size *)
-NONE(db_olt_lacp_get_port_mode, int, Size, Text, KelDb *, char *, Size *)
-NONE(db_olt_lacp_get_group_join_port, int, KelDb *, char ***, Size *)
-NONE(db_olt_lacp_get_group_load_balance, int, KelDb *, char *, Size *)
-NONE(db_olt_lacp_get_global_configuration_system_priority, KelDb *, std::uint16_t *, Size *)
-NONE(db_olt_lacp_show_xml_group_id, KelDb *, char **)
-NONE(db_olt_lacp_get_configuration, KelDb *, DbLacpConfiguration *)
+// Read for the running configuration and at the end of a change, which whole systems show.
+DB(db_olt_lacp_get_group_load_balance, (int, KelDb *, char *, Size *), -1)
+DB(db_olt_lacp_get_global_configuration_system_priority, (KelDb *, std::uint16_t *, Size *), -1)
+DB(db_olt_lacp_get_configuration, (KelDb *, DbLacpConfiguration *), -1)
 
 // What is written is one line; but for members it stores nothing.
 DB(db_olt_lacp_del_trunk_channel_group, (int, Size p, KelDb *), write("-" + name('p', p, "channel-group")))

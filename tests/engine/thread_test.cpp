@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <future>
-#include <sys/socket.h>
 #include <thread>
 
 namespace
@@ -13,7 +12,6 @@ namespace
 
 constexpr unsigned ROUNDS = 120;
 constexpr std::uint32_t STEADY_PORT = 4; // stays in its group
-constexpr char LAST[] = "last";          // a marker's transaction
 
 // Does what others hand it on a thread of its own, one thing at a time, while they wait: as the datastore does with
 // its handlers.
@@ -50,30 +48,13 @@ class Threads : public Engine
         update_lacp_select_port(static_cast<int>(port_no), 1);
     }
 
-    // The far ends: they answer every LACPDU, until the marker that ends the test comes back.
-    void answer_until_the_end() const
+    // The far ends: they answer every LACPDU.
+    void answer()
     {
-        Bytes buffer(LACP_RX_BUFFER_SIZE);
-        for (;;) {
-            const ssize_t length = recv(wire.far_end(), buffer.data(), buffer.size(), 0);
-            ASSERT_EQ(length, 136);
-            const SentFrame frame{Bytes(buffer.begin(), buffer.begin() + length)};
-            const Bytes pdu = frame.pdu();
-            if (pdu[0] == LAC_SUBTYPE_MARKER && std::equal(LAST, LAST + 4, pdu.begin() + 12))
-                return;
-            if (pdu[0] == LAC_SUBTYPE_LACP)
+        for (const SentFrame &frame : wire.take())
+            if (frame.pdu()[0] == LAC_SUBTYPE_LACP)
                 hear(tagged_frame(frame.port(),
                                   pdu_bytes(peer(static_cast<std::uint16_t>(frame.port())), frame.actor())));
-        }
-    }
-    // Ends the far ends when its answer is heard there.
-    static void send_last_marker()
-    {
-        Bytes frame = tagged_frame(STEADY_PORT, hex("02 01 01 10 0000 000000000000"));
-        frame.erase(frame.begin() + 12, frame.begin() + 24);
-        frame.insert(frame.end(), LAST, LAST + 4);
-        while (lacp_bpdu_deal(STEADY_PORT, 0, frame.data(), static_cast<int>(frame.size())) != 0)
-            std::this_thread::yield();
     }
 
     // A round comes when the dispatcher has got on; else nearly everything would be refused.
@@ -92,7 +73,7 @@ TEST(Threads, EveryThreadAtOnce)
 
     sem_wait(&lac_task_sem); // the dispatcher opens it
     fake::start_thread("lacpRecv");
-    std::atomic<bool> settled = false;
+    std::atomic<bool> settled = false, silent = false;
     const auto handler = fake::datastore().member_changed;
     fake::datastore().member_changed = [handler](const std::string &change) {
         return on_event_thread([&] { return handler(change); });
@@ -106,7 +87,10 @@ TEST(Threads, EveryThreadAtOnce)
             lacSendTick(counts);
         }
     });
-    std::thread packets([] { engine.answer_until_the_end(); });
+    std::thread packets([&] {
+        while (!silent)
+            engine.answer();
+    });
     std::thread operators([] {
         for (unsigned round = 0; round < ROUNDS; ++round) {
             engine.await_room();
@@ -123,7 +107,7 @@ TEST(Threads, EveryThreadAtOnce)
     });
     for (std::thread *thread : {&timer, &operators, &event_loop})
         thread->join();
-    engine.send_last_marker();
+    silent = true;
     packets.join();
     engine.send(3); // nothing comes of it: once it is taken, everything before it is done
     while (Lac_Queue.count() != 0)

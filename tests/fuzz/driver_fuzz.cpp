@@ -4,7 +4,6 @@
 #include "driver_service.h"
 
 #include <deque>
-#include <filesystem>
 #include <iostream>
 #include <sys/socket.h>
 
@@ -15,20 +14,6 @@ using Bytes = std::vector<std::uint8_t>;
 static std::uint64_t complaints(const olt::DriverCounters &counters)
 {
     return counters.refused + counters.malformed;
-}
-
-static std::uint64_t answered(const olt::DriverCounters &counters)
-{
-    return counters.creates + counters.destroys + counters.psc_sets + complaints(counters);
-}
-
-// Members and criteria by group; a stale mark comes and goes with connections.
-static std::map<std::uint32_t, std::pair<std::uint32_t, unsigned long>> content(const olt::TrunkTable &table)
-{
-    std::map<std::uint32_t, std::pair<std::uint32_t, unsigned long>> all;
-    for (const auto &[group, trunk] : table.all())
-        all[group] = {trunk.criterion, trunk.members.to_ulong()};
-    return all;
 }
 
 static void check_table(const olt::TrunkTable &table, olt::Members existing)
@@ -46,15 +31,10 @@ static void check_table(const olt::TrunkTable &table, olt::Members existing)
 
 static olt::Options options(std::uint32_t ports)
 {
-    static const std::string folder = [] {
-        char made[] = "/tmp/driver-fuzz-XXXXXX";
-        require(mkdtemp(made) != nullptr, "a folder for the socket can be made");
-        static const std::string name = made;
-        std::atexit([] { std::filesystem::remove_all(name); });
-        return name;
-    }();
+    static const std::string path = "/dev/shm/driver-fuzz." + std::to_string(getpid());
+    [[maybe_unused]] static const int tidy = std::atexit([] { unlink((path + ".lock").c_str()); });
     olt::Options all;
-    all.driver_socket = folder + "/socket";
+    all.driver_socket = path;
     all.stale_grace = std::chrono::hours(1); // the clock takes no part
     for (std::uint32_t port = 1; port <= 8; ++port)
         if ((ports >> (port - 1) & 1) != 0)
@@ -107,13 +87,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             const int socket = clients[input.below(static_cast<std::uint32_t>(clients.size()))].get();
             const Bytes message = message_of(input);
             turn();
-            const auto before = content(service.trunks());
-            const olt::DriverCounters old = service.counters();
+            const std::uint64_t old = complaints(service.counters());
             if (::send(socket, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
                 turn();
-                require(answered(service.counters()) == answered(old) + 1, "every message is counted once");
-                const bool refused = complaints(service.counters()) != complaints(old);
-                require(!refused || content(service.trunks()) == before, "a refused request changes nothing");
+                const bool refused = complaints(service.counters()) != old;
                 std::uint8_t reply[64] = {};
                 const ssize_t length = recv(socket, reply, sizeof(reply), MSG_DONTWAIT);
                 require((length > 0) == refused && (!refused || (length == 16 && reply[7] == SCLIENT_MSG_ERROR)),

@@ -10,16 +10,6 @@ sys.path.insert(0, str(ROOT))
 from lab import Lab, Programs  # noqa: E402 (needs the path above)
 
 
-def pytest_collection_modifyitems(items):
-    for item in items:
-        if item.get_closest_marker("nightly") and not os.environ.get("LACPD_NIGHTLY"):
-            item.add_marker(pytest.mark.skip(reason="takes long: make nightly runs it"))
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "nightly: takes long, runs with LACPD_NIGHTLY")
-
-
 def pytest_addoption(parser):
     parser.addoption("--build", default=os.environ.get("LACPD_BUILD_DIR", str(ROOT / "build")),
                      help="build directory of the programs under test")

@@ -9,31 +9,14 @@ import sys
 from collections import namedtuple
 from pathlib import Path
 
-from scapy.all import Ether
-from scapy.contrib.lacp import MarkerProtocol, SlowProtocol
-
 from lab import eventually
 from lab.system import USER
-from lab.wire import SLOW_PROTOCOLS_ADDRESS
-
-PARTNER = "02:00:00:00:00:ee"  # made by hand
-SLOW_FRAME = bytes(Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=PARTNER, type=0x8809))
 
 # One side of a port in the display of neighbours.
 Side = namedtuple("Side", "system_priority system flags priority key number state")
 
 _SIDE = re.compile(r"ystem ID:0x([0-9a-f]{4}), +([0-9a-f.]+).*?"
                    r"^gigabitEthernet0/(\d\d) (\S+) +(\d+) +([\d ]+?) +(\S+) *$", re.MULTILINE | re.DOTALL)
-
-
-def frame(pdu, source=PARTNER):
-    return Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=source) / SlowProtocol() / pdu
-
-
-def marker(kind):
-    """Marker (1) or its response (2) of a port."""
-    return frame(MarkerProtocol(marker_type=kind, requester_port=9, requester_system=PARTNER,
-                                requester_transaction_id=0x01020304))
 
 
 def enter(port, *commands):

@@ -28,7 +28,7 @@ STEPS = [  # weight, systems, word, what its values are chosen from
     (5, "left right", "leave", PORTS), (3, "left right", "timeout", PORTS, ("short", "short", "short", "long")),
     (5, "left right", "priority", PORTS, (0, 100, DEFAULT, 65535)),
     (1, "left right", "system_priority", (1, 4096, DEFAULT)), (3, "left right", "spread", GROUPS, CHOICES),
-    (3, "left right", "move", PORTS, GROUPS), (2, "left right", "delete", GROUPS), (4, "left right", "create", GROUPS),
+    (3, "left right", "move", PORTS, GROUPS),
     (1, "left right", "edit_port", PORTS, ("short",), (7, DEFAULT)), (1, "right", "edit_mode", PORTS, ("active",)),
     (12, "left right", "link", PORTS, ("up", "up", "down")), (3, "left", "cross", PORTS, PORTS),
     (2, "right", "stop", (1, 3, 6)), (1.5, "right", "daemon", ("SIGTERM", "SIGKILL")), (1.5, "left", "switch_off"),

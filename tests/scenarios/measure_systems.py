@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """What two whole systems take and what their users lose, as the tables of docs/performance.md.
 
-    tests/scenarios/measure_systems.py [--build=DIR] [--runs=N] [--cuts=N] [--idle=SECONDS] [--one-end]       as root
+    tests/scenarios/measure_systems.py [--build=DIR] [--runs=N] [--cuts=N] [--idle=SECONDS]       as root
 
 Two systems, three cables, short timeouts; port 1 is the aggregator's. First times from a command or a cut to the line that
 the switch prints for the new trunk, and what the daemon takes at rest. Then flows of 1,000 packets a second around each
 failure, one each way over every member: packets lost; longest time without one. A cut takes both ends down, as a broken
-fibre does; with --one-end the other end waits for the kernel's notice, as it does when times are taken."""
+fibre does; when times are taken the other end waits for the kernel's notice."""
 
 import argparse
 import contextlib
@@ -35,7 +35,7 @@ GROUPS = {"Manual": ("on", 32768), "Dynamic": ("active", 32768),
 class Bench:
     """A formed group, and what can happen to it."""
 
-    def __init__(self, lab, one_end):
+    def __init__(self, lab):
         # The kernel tells at once of a lost carrier of a virtual cable whose ends have different numbers, each in its
         # namespace; otherwise it collects such news for up to a second.
         self.pair = [lab.system(name, len(MEMBERS)) for name in ("left", "right")]
@@ -45,7 +45,6 @@ class Bench:
         for system in self.pair:
             system.add_host()
             system.start()
-        self.cut_ends = self.pair[1:] if one_end else self.pair
         self.flows = []  # source, target, address, the member over which it leaves
 
     def form(self, mode, priority):
@@ -65,7 +64,7 @@ class Bench:
         await_groups(self.pair, {1: set(MEMBERS)}, Ticks.FORM)
 
     def set_link(self, up):
-        for end in self.cut_ends:
+        for end in self.pair:
             threading.Thread(target=end.set_link, args=(1, up)).start()
         time.sleep(SELECTION)
 
@@ -184,11 +183,10 @@ def main():
     parser.add_argument("--runs", type=int, default=3, help="of the failures")
     parser.add_argument("--cuts", type=int, default=60, help="whose time is taken; 0: no times")
     parser.add_argument("--idle", type=float, default=120, help="seconds at rest")
-    parser.add_argument("--one-end", action="store_true")
     options = parser.parse_args()
     reports = {}
     with Lab(Programs(options.build)) as lab:
-        bench = Bench(lab, options.one_end)
+        bench = Bench(lab)
         if options.cuts:
             print(f"load {os.getloadavg()[0]:.1f}\n\n| Figure | Result |\n|---|---|")
             measure_times(bench, options)

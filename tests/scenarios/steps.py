@@ -35,11 +35,6 @@ class Side:
     def of(self, group):
         return {number for number, port in self.ports.items() if port.group == group}
 
-    def left_behind(self, group):
-        """The type that ports are still configured for when another client has deleted their group."""
-        modes = {self.ports[port].mode for port in self.of(group)}
-        return None if group in self.groups or not modes else "manual" if "on" in modes else "dynamic"
-
     def key(self, port):
         """The dynamic group that the port runs LACP for, or 0."""
         group = self.ports[port].group
@@ -169,8 +164,6 @@ class Steps:
 
     def join(self, system, port, group, mode):
         side, kind = Side(system), "manual" if mode == "on" else "dynamic"
-        if side.left_behind(group) not in (None, kind):
-            return False
         answer = system.configure(*enter(port, f"channel-group {group} mode {mode}"))
         if group in side.groups and side.groups[group].type != kind:
             assert "failed! This group is already in other mode" in answer, answer
@@ -213,15 +206,6 @@ class Steps:
                 side.groups[group].type != "dynamic":
             return False
         return system.datastore.set_trunk(port, channel_group=group)
-
-    def delete(self, system, group):
-        return group in Side(system).groups and system.datastore.delete_group(group)
-
-    def create(self, system, group):
-        side = Side(system)
-        kind = side.left_behind(group)
-        return kind is not None and system.datastore.set_group(group, lacp_type=kind, member_port=[
-            f"gigabitethernet 0/{port}" for port in side.of(group) if kind == "manual"])
 
     # ---- links and programs
 

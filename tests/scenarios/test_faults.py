@@ -20,51 +20,42 @@ FORMED = {1: {1, 2}, 2: {3}}
 CLOCK = "/usr/lib/{}-linux-gnu/faketime/libfaketimeMT.so.1".format(os.uname().machine)
 
 
-class SmallDisk:
-    """Moves a system's files, before it starts, to a disk that can be filled; they go with the namespace of mounts."""
+def small_disk(system):
+    """Moves a system's files, before it starts, to a disk that can be filled."""
+    disk = system.directory / "disk"
+    disk.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m,mode=755", "tmpfs", disk], check=True)
+    for name in ("repository", "shm", "run"):  # the datastore's files, also those in memory, and the daemon's own
+        subprocess.run(["mv", system.directory / name, disk], check=True)
+        (system.directory / name).symlink_to(disk / name)
+    return disk
 
-    def __init__(self, system):
-        self.place = system.directory / "disk"
-        self.place.mkdir()
-        self._mounts = [self._mount(self.place, "-t", "tmpfs", "-o", "size=16m,mode=755", "tmpfs")]
-        for name in ("repository", "shm", "run"):  # the datastore's files, also those in memory, and the daemon's own
-            subprocess.run(["cp", "-a", system.directory / name, self.place / name], check=True)
-            self._mounts.append(self._mount(system.directory / name, "--bind", self.place / name))
 
-    @staticmethod
-    def _mount(place, *words):
-        subprocess.run(["mount", *words, place], check=True)
-        return place
-
-    @contextlib.contextmanager
-    def full(self):
-        with pytest.raises(OSError), open(self.place / "filling", "wb", buffering=0) as file:
-            while True:
-                file.write(bytes(4096))
-        yield
-        (self.place / "filling").unlink()
-
-    def remove(self):
-        for mount in reversed(self._mounts):
-            subprocess.run(["umount", "-l", mount], check=True)
+@contextlib.contextmanager
+def full(disk):
+    with pytest.raises(OSError), open(disk / "filling", "wb", buffering=0) as file:
+        while True:
+            file.write(bytes(4096))
+    yield
+    (disk / "filling").unlink()
 
 
 @pytest.fixture(scope="module")
 def bench(lab):
     """A pair, the left one with a disk of its own and a clock that obeys."""
     pair = left, right = lab.pair(3, start=False)
-    left.disk, left.clock = SmallDisk(left), left.directory / "clock"
+    left.disk, left.clock = small_disk(left), left.directory / "clock"
     left.clock.write_text("+0")
     left.start_switch()
     left.start_daemon(environment={"LD_PRELOAD": CLOCK, "FAKETIME_TIMESTAMP_FILE": str(left.clock),
-                                   "FAKETIME_DONT_FAKE_MONOTONIC": "1", "FAKETIME_NO_CACHE": "1"})
+                                   "FAKETIME_DONT_FAKE_MONOTONIC": "1", "FAKETIME_NO_CACHE": "1", "FAKETIME_DISABLE_SHM": "1"})
     right.start()
     for system in pair:
         quietly(system, *(line for port in (1, 2) for line in join(port, 1, "active", "lacp timeout short")),
                 *join(3, 2, "on"))
     yield pair
     left.stop()
-    left.disk.remove()
+    subprocess.run(["umount", "-l", left.disk], check=True)
 
 
 def await_formed(bench):
@@ -126,11 +117,6 @@ def test_a_locked_datastore_refuses_commands_and_delays_members(pair):
 
 def test_refused_member_writes_are_made_up_for(pair):
     left, right = pair
-    with in_the_way(left, "refuse", 3):
-        right.set_link(1, up=False)
-        left.await_members(1, {2}, Ticks.of(3))
-        right.set_link(1, up=True)
-        await_groups(pair, FORMED, Ticks.FORM)
     right.set_link(2, up=False)
     await_groups(pair, {1: {1}, 2: {3}}, Ticks.LINK)
     with in_the_way(left, "refuse", 3):
@@ -171,7 +157,7 @@ def test_a_full_disk_refuses_and_loses_nothing(pair):
     with left.shell() as shell:
         assert "Configuration saved" in shell.run("write memory")
         saved, configured = left.configuration_file.read_text("utf-8"), left.configured()
-        with left.disk.full():
+        with full(left.disk):
             for _ in range(2):  # the second would take the place of the backup as well
                 answer = shell.run("write memory")
                 assert "No space left on device" in answer and "Configuration saved" not in answer

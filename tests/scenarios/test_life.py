@@ -19,8 +19,6 @@ LIFE = [  # seconds that the steps may take to show, steps
     (Ticks.FORM, "left cross 1 2; left edit_mode 4 active"),
     (Ticks.FORM, "left move 2 3; right edit_port 2 short 7"),
     (Ticks.FORM, "left move 2 1; right switch_off; right switch_on"),
-    (Ticks.LOST_SHORT, "left delete 1; left delete 2"),
-    (Ticks.FORM, "left create 1; left create 2"),
     (Ticks.FORM, "left switch_off; left leave 3; left join 3 3 on; left join 3 4 on; left leave 2; left join 2 2 on; "
                  "left link 4 down; left switch_on"),
     (Ticks.FORM, "left leave 2; left join 2 1 active; left leave 3; left join 3 2 on; left link 4 up; "

@@ -1,16 +1,35 @@
-"""Frames at the end of a cable, and a partner made by hand."""
+"""Frames at the end of a cable: a partner made by hand, and floods."""
+
+import contextlib
+import re
+import threading
+from pathlib import Path
 
 import pytest
 from scapy.all import Ether
-from scapy.contrib.lacp import LACP
+from scapy.contrib.lacp import LACP, MarkerProtocol, SlowProtocol
 
-from helpers import PARTNER, SLOW_FRAME, enter, frame, join, leave, marker, quietly
-from lab import Capture, Ticks
-from lab.wire import ACTIVITY, AGGREGATION, COLLECTING, DISTRIBUTING, SYNCHRONIZATION, TIMEOUT
+from helpers import await_groups, enter, join, leave, quietly
+from lab import Capture, Ticks, stays
+from lab.wire import ACTIVITY, AGGREGATION, COLLECTING, DISTRIBUTING, SLOW_PROTOCOLS_ADDRESS, SYNCHRONIZATION, TIMEOUT
 
 ASKING = ACTIVITY | TIMEOUT | AGGREGATION
 IN_USE = SYNCHRONIZATION | COLLECTING | DISTRIBUTING
 STATE = "_system_priority _system _key _port_priority _port_number _state".split()
+PARTNER = "02:00:00:00:00:ee"
+SLOW_FRAME = bytes(Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=PARTNER, type=0x8809))
+PORTS, FORMED = (1, 2, 3), {1: {1, 2}, 2: {3}}
+JUMBO, GROWTH_KIB = 9000, 2048
+
+
+def frame(pdu, source=PARTNER):
+    return Ether(dst=SLOW_PROTOCOLS_ADDRESS.hex(":"), src=source) / SlowProtocol() / pdu
+
+
+def marker(kind):
+    """Marker (1) or its response (2) of a port."""
+    return frame(MarkerProtocol(marker_type=kind, requester_port=9, requester_system=PARTNER,
+                                requester_transaction_id=0x01020304))
 
 
 def answer(seen, state):
@@ -22,7 +41,7 @@ def answer(seen, state):
 
 @pytest.fixture(scope="module")
 def system(lab):
-    terminal = lab.system("left", ports=1)
+    terminal = lab.system("alone", ports=1)
     terminal.end = lab.loose_cable(terminal, 1)
     terminal.start()
     return terminal
@@ -72,3 +91,61 @@ def test_frames(lab, system):
         wire.send(marker(1))
         replies = [data for _, data in wire.each(Ticks.FAST_PERIOD) if data[14] == 2]
         assert [reply[14:] for reply in replies] == [bytes(marker(2))[14:]]
+
+
+@contextlib.contextmanager
+def flood(system, frames):
+    """Frames into every port at once, as fast as they go, from the far end of its cables; counts them."""
+    running, counts = [True], []
+
+    def send(port):
+        count = 0
+        with Capture(system.namespace, system.port_interface(port)) as wire:
+            while running:
+                for frame in frames[port]:
+                    with contextlib.suppress(OSError):  # the cable is full
+                        wire.send(frame)
+                        count += 1
+        counts.append(count)
+
+    threads = [threading.Thread(target=send, args=(port,)) for port in PORTS]
+    for thread in threads:
+        thread.start()
+    yield counts
+    running.clear()
+    for thread in threads:
+        thread.join()
+
+
+def resident_kib(process):
+    return int(re.search(r"VmRSS:\s+(\d+)", Path(f"/proc/{process.pid}/status").read_text("ascii"))[1])
+
+
+def test_a_flood_on_every_port(pair):
+    """Partners are kept, the queue has room for ticks and configuration, memory stays."""
+    left, right = pair
+    for system in pair:
+        for name in ("ethv0", "cpu0", *map(system.port_interface, PORTS)):
+            system.namespace.ip("link", "set", name, "mtu", JUMBO + 200)
+        quietly(system, *(line for port in (1, 2) for line in join(port, 1, "active", "lacp timeout short")),
+                *join(3, 2, "on"))
+    await_groups(pair, FORMED, Ticks.FORM)
+    frames = {}
+    for port in PORTS:
+        with Capture(left.namespace, left.port_interface(min(port, 2))) as wire:
+            lacpdu = wire.frames(1, Ticks.of(3))[0].data
+        asks, answers = (bytes(marker(kind)) for kind in (1, 2))
+        frames[port] = 16 * [lacpdu, asks, asks[:15], answers, SLOW_FRAME + b"\x09" + bytes(109),
+                             asks.ljust(JUMBO, b"\xff"), lacpdu.ljust(JUMBO, b"\xff")]
+    said, before = len(left.daemon.output()), resident_kib(left.daemon)
+    with flood(right, frames) as counts:
+        stays("trunks", lambda: [system.trunks() for system in pair], lambda seen: seen == [FORMED] * 2,
+              Ticks.LOST_SHORT / 2)
+        quietly(left, *enter(3, "lacp port-priority 100"), *enter(3, "lacp port-priority default"))
+    await_groups(pair, FORMED, Ticks.FORM)
+    said = left.daemon.output()[said:]
+    print(f"{sum(counts)} frames, {resident_kib(left.daemon) - before} KiB more")
+    assert sum(counts) > 10000 and "receives more PDUs than can be taken" in said
+    # Counted, because the text of a failure would be of any length.
+    assert [said.count(words) for words in ("queue is full", "Tick send failed")] == [0, 0]
+    assert resident_kib(left.daemon) - before < GROWTH_KIB

@@ -316,7 +316,7 @@ const cmd_element cli_lacp_intf_portpri_set_cmd = frr::command(
 
 } // namespace
 
-void lacp_vty_init()
+void lacp_vty_init(void (*more)())
 {
     shell_install_node(&lacp_node);
     shell_install_node(&uplink_port_node);
@@ -334,9 +334,7 @@ void lacp_vty_init()
     shell_install_element(CONFIG_NODE, &cli_lacp_syspri_set_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cli_lacp_port_state_timeout_cmd);
     shell_install_element(UPLINK_PORT_NODE, &cli_lacp_intf_portpri_set_cmd);
-    shell_install_element(CONFIG_NODE, &cli_config_lacp_db_debug_cmd);
-    shell_install_element(UPLINK_PORT_NODE, &cli_config_lacp_db_info_debug_cmd);
-    shell_install_element(UPLINK_PORT_NODE, &cli_config_lacp_db_port_debug_cmd);
+    more();
     shell_install_element(SHELL_DEBUG_NODE, &cli_config_lacp_pkt_debug_cmd);
     shell_install_element(SHELL_DEBUG_NODE, &cli_lacp_sys_debug_set_cmd);
     shell_install_defaults(UPLINK_PORT_NODE);

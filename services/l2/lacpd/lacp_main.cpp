@@ -5,6 +5,7 @@
 #include "lac_resume.h"
 #include "lacp.h"
 #include "lacp_cli.h"
+#include "lacp_cli_database.h"
 #include "lacp_database.h"
 #include "lacp_packet.h"
 #include "lacp_privileges.h"
@@ -144,7 +145,7 @@ static bool asks_for_check(int argc, char **argv)
 static void check_configuration()
 {
     shell_init(master);
-    lacp_vty_init();
+    lacp_vty_init(lacp_vty_database_init);
     exit(shell_check_configuration(&lacpd_daemon_info) == 0 ? 0 : 1);
 }
 
@@ -228,7 +229,7 @@ int main(int argc, char **argv)
     channel_group_daemon_init();
     lacResumeBegin(no_resume == 0 && serves);
     shell_init(master);
-    lacp_vty_init();
+    lacp_vty_init(lacp_vty_database_init);
     daemon_restart_restore_config(&lacpd_daemon_info);
     if (serves)
         lacp_database_clear(&g_lacpd_db);
