@@ -36,7 +36,7 @@ tests: test-deps
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: tests format
-	@scripts/test-share.sh
+	@scripts/test-share.sh --check
 	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $$((3 * $(JOBS)))
 
 lab: build
@@ -61,7 +61,7 @@ nightly: tests
 
 measure: tests
 	tests/scenarios/measure_systems.py --build=$(BUILD)
-	LACPD_BUILD_DIR=$(BUILD) tests/switch/measure_forwarding.py
+	LACPD_BUILD_DIR=$(BUILD) nice -n -15 tests/switch/measure_forwarding.py
 	$(BUILD)/tests/benchmarks/engine_benchmark --benchmark_repetitions=5 --benchmark_report_aggregates_only=true >/dev/null
 	tests/benchmarks/count-instructions.sh $(BUILD)
 

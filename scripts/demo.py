@@ -2,15 +2,13 @@
 """Two terminals, cabled together, form link aggregations.
 
 Starts two complete systems (datastore, software switch, lacpd), each in a network namespace of its own, configures them
-through their shells, shows the trunks of both switches, cuts a link and restores it. Meanwhile a user behind one pings a
+through their shells, shows the trunks of both switches, cuts a link and restores it. Meanwhile a user behind one sends to a
 user behind the other.
 
     scripts/demo.py [BUILD-DIRECTORY]       as root, after a build
 """
 
-import re
 import signal
-import subprocess
 import sys
 import time
 from pathlib import Path
@@ -18,12 +16,11 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT))
 
-from lab import Capture, Lab, LabError, Lacpdu, Programs, Ticks  # noqa: E402 (needs the path above)
+from lab import Capture, Flow, Lab, LabError, Lacpdu, Programs, Ticks  # noqa: E402 (needs the path above)
 
 PORTS = 4
 DYNAMIC, MANUAL = 1, 2
 CUT_PORT = 2
-PING_INTERVAL = 0.1  # seconds
 
 CONFIGURATION = """\
 interface gigabitEthernet 0/1
@@ -98,28 +95,9 @@ def show_displays(systems):
                 show(shell.prompt + command, shell.run(command))
 
 
-class Pings:
-    """A user's pings to another user, all along the block."""
-
-    def __init__(self, source, target, address):
-        self._command = [*source.host.enter(), "ping", "-D", "-i", str(PING_INTERVAL), "-I", address,
-                         target.host_address]
-
-    def __enter__(self):
-        self._process = subprocess.Popen(self._command, stdout=subprocess.PIPE, text=True)
-        return self
-
-    def __exit__(self, *_):
-        self._process.send_signal(signal.SIGINT)
-        self._output = self._process.communicate()[0]
-
-    def show(self):
-        sent, received = map(int, re.search(r"(\d+) packets transmitted, (\d+) received", self._output).groups())
-        times = [float(stamp) for stamp in re.findall(r"^\[([\d.]+)\].* bytes from", self._output, re.MULTILINE)]
-        check(times, "no ping was answered")
-        gap = max((later - earlier for earlier, later in zip(times, times[1:])), default=0)
-        show("pings from the left user to the right one, ten a second",
-             f"{sent} sent, {received} answered, longest time between two answers {gap * 1000:.0f} ms")
+def show_flow(report):
+    show("packets of the left user to the right one, a thousand a second",
+         f"{report.sent} sent, {report.lost} lost, longest time between two {report.outage * 1000:.0f} ms")
 
 
 def run(lab):
@@ -138,24 +116,24 @@ def run(lab):
     show_trunks(both)
 
     address = left.address_over(CUT_PORT, right)
-    say(f"the user behind left pings the one behind right from {address}: these pings leave over port {CUT_PORT}")
-    with Pings(left, right, address) as pings:
+    say(f"the user behind left sends to the one behind right from {address}: these packets leave over port {CUT_PORT}")
+    with Flow(left, right, address) as flow:
         time.sleep(1)
         say(f"cutting the link between the ports {CUT_PORT}")
         right.set_link(CUT_PORT, up=False)
         await_trunks(both, {DYNAMIC: {1}, MANUAL: {3, 4}}, Ticks.LINK)
         say("trunk 1 has shrunk on both sides")
         time.sleep(1)
-    pings.show()
+    show_flow(flow.report)
     show_trunks(both)
 
     say(f"restoring the link between the ports {CUT_PORT}")
-    with Pings(left, right, address) as pings:
+    with Flow(left, right, address) as flow:
         right.set_link(CUT_PORT, up=True)
         await_trunks(both, {DYNAMIC: {1, 2}, MANUAL: {3, 4}}, Ticks.FORM)
         say("trunk 1 has grown again on both sides; what the earlier one sent over the link until then is lost")
         time.sleep(1)
-    pings.show()
+    show_flow(flow.report)
     show_trunks(both)
     show_displays(both)
 

@@ -34,17 +34,13 @@ class Formed : public Engine
             second();
         }
         lacSystem->unsaved = false; // a running daemon has kept what has changed
-        check();
     }
 
-    ~Formed() { check(); }
-
-    // What was measured is the work of ports that distribute.
-    static void check()
+    ~Formed()
     {
         for (std::uint32_t number = 1; number <= PORTS; ++number)
             if (port(number).muxm != LAC_MUX_COLLECTING_DISTRIBUTING || port(number).rxm != LAC_RX_CURRENT)
-                abort();
+                abort(); // what was measured is not the work of ports that distribute
     }
 
     static Bytes lacpdu(std::uint32_t number)
@@ -103,7 +99,6 @@ void add(const char *name, void (*work)(Formed &))
 
 int main(int argc, char **argv)
 {
-    // As after the start: nothing is new that a restart would need.
     add("lacpdu", [](Formed &engine) { engine.take(engine.lacpdus[1]); });
     add("marker", [](Formed &engine) { engine.take(engine.marker); });
     add("tick", [](Formed &engine) { engine.lone_tick(); });

@@ -332,7 +332,6 @@ Engine::Engine(std::uint32_t first_port, std::uint32_t last_port)
 {
     fake::reset_datastore();
     fake::driver().unreachable = false;
-    fake::driver().after_send = nullptr;
     intf = {first_port, last_port};
     lacDebug = 0;
     lacp_set_pkt_debug(LACP_PKT_RX, 0);
@@ -455,9 +454,9 @@ void Engine::join(std::uint32_t port_no, unsigned group)
     configure((old.empty() ? "+" + leaf + "=" : leaf + "=" + old + ">") + std::to_string(group));
 }
 
-LacInfo Engine::peer(std::uint16_t port_no, Mac system)
+LacInfo Engine::peer(std::uint16_t port_no)
 {
-    return {0x8000, system, 7, 0x8000, port_no, LAC_ACTIVITY | LAC_AGGREGATION | LAC_SYNCHRONIZATION, {}};
+    return {0x8000, PEER_MAC, 7, 0x8000, port_no, LAC_ACTIVITY | LAC_AGGREGATION | LAC_SYNCHRONIZATION, {}};
 }
 
 LacPort &Engine::running_port(std::uint32_t port_no, unsigned group)
@@ -548,6 +547,8 @@ static const std::map<std::string, std::string> NAMES = {
     {"TICKED", "cw=15a59 per=11e1d"},
     {"TAKES_OVER", "agg=2 2.agg=2 g1.agg=2 TOLD ww=10202 2.ntt=1 2.txs=10000 2.ww=10202"},
     {"IN_PLACE", "2.agg=2 2.mask=3 2.ntt=1 2.txs=10000 2.n_attach=1 2.ready=1 g1.agg=2"},
+    {"WAITS_ANEW",
+     "agg=2 mask=0 TOLD apsys=0 apkey=0 attached=0 collects=0 actor=5 STARTS_WAITING waits=1 IN_PLACE 2.mask=2"},
     {"IS_MEMBER", "written=1 w:+g1/member-port/1 g1.list=1 g1.n=1 g1.up=1 g1.upn=1 create:1,9,1,1"},
     {"OUTSIDE", "wanted=0 written=0 g1.list=0 g1.up=0 @-g1/member-port/1"},
     {"ALL_ANEW",

@@ -34,7 +34,6 @@ using Texts = std::vector<std::string>;
 
 constexpr Mac OUR_MAC = {0x02, 0x11, 0x22, 0xAA, 0xBB, 0xCC};
 constexpr Mac PEER_MAC = {0x02, 0x33, 0x44, 0x55, 0x66, 0x77};
-constexpr Mac OTHER_MAC = {0x02, 0x99, 0x88, 0x77, 0x66, 0x55};
 
 Bytes hex(const std::string &digits); // blanks ignored
 Bytes operator+(Bytes front, const Bytes &back);
@@ -114,7 +113,7 @@ class Engine
     static void join(std::uint32_t port_no, unsigned group); // 0: leaves
 
     // A partner that fits an aggregatable, active system.
-    static LacInfo peer(std::uint16_t port_no = 1, Mac system = PEER_MAC);
+    static LacInfo peer(std::uint16_t port_no);
     // A port in a running dynamic group with its link up, in EXPIRED.
     LacPort &running_port(std::uint32_t port_no, unsigned group = 1);
 

@@ -17,7 +17,7 @@ namespace fake
 
 struct Content {
     std::map<std::string, std::string> leaves;
-    std::map<std::string, int> failures; // code by "+member-port", "-member-port", "write", "subscribe" ...
+    std::map<std::string, int> failures; // code by "+member-port", "-member-port", "write"
     std::vector<std::string> writes;     // by short name, "-" in front of a deletion
     std::uint32_t debug_mask = 0;
     std::function<int(const std::string &change)> member_changed; // how the daemon hears of it; non-zero refuses
@@ -31,8 +31,9 @@ struct Datastore : Content {
 Datastore &datastore();
 void reset_datastore();
 std::vector<std::string> take_writes();
-std::string stored(const std::string &leaf); // empty: not there
-std::uint32_t members(int group);            // of the list in the datastore, as bits
+std::string name(char kind, unsigned number, const std::string &leaf); // "g1/lacp-type"
+std::string stored(const std::string &leaf);                           // empty: not there
+std::uint32_t members(int group);                                      // of the list in the datastore, as bits
 
 // Runs a handler on changes that are separated by "; ": "+LEAF=VALUE" created, "-LEAF=VALUE" deleted,
 // "LEAF=OLD>NEW" modified. A value "#N" is no text and of the sysrepo type N; a port's number stands for its name.

@@ -51,11 +51,8 @@ int sclient_send_stream(sclient *, stream *message)
     fake::Driver &records = fake::driver();
     if (records.unreachable)
         return -1;
-    std::unique_lock guard(records.lock);
+    const std::lock_guard guard(records.lock);
     records.sent.emplace_back(STREAM_DATA(message), STREAM_DATA(message) + stream_get_endp(message));
-    guard.unlock();
-    if (records.after_send)
-        records.after_send();
     return 0;
 }
 

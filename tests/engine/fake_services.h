@@ -6,7 +6,6 @@
 #include "sclient/sclient.h"
 #include "sysutil/sysutil.h"
 
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,7 +19,6 @@ struct Driver {
     std::mutex lock; // of `sent`
     std::vector<Message> sent;
     bool unreachable = false;
-    std::function<void()> after_send; // runs after each message that was taken
 };
 
 Driver &driver();

@@ -120,11 +120,8 @@ const std::vector<Row> MACHINES = {
      "select", ""},
     {"TWO 2.alone=1", "select", "2.alone=0 2.ntt=1 2.txs=10000 2.ww=10202"},
     {"DETACHED ready_n=1 ctrl.started=0", "select", "ready_n=0 sel=1 mux=11"},
-    {"PAIR 2.prio=1 rx=2 | 2.prio=1 in=2", "select",
-     "agg=2 mask=0 TOLD apsys=0 apkey=0 attached=0 collects=0 actor=5 STARTS_WAITING waits=1 IN_PLACE 2.mask=2"},
-    {"PAIR 2.prio=1 alone=1", "select",
-     "agg=2 mask=0 TOLD apsys=0 apkey=0 attached=0 collects=0 actor=5 STARTS_WAITING waits=1 IN_PLACE 2.mask=2 "
-     "alone=0"},
+    {"PAIR 2.prio=1 rx=2 | 2.prio=1 in=2", "select", "WAITS_ANEW"},
+    {"PAIR 2.prio=1 alone=1", "select", "WAITS_ANEW alone=0"},
     // ports and the system.
     {"DOWN told=3d hold=3", "link-up",
      "up=1 partner=2 actor=c5 rx=2 cw=10303 sys.changed=1 told=0 hold=0 TOLD sel=2 STARTS_WAITING"},

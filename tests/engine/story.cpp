@@ -16,14 +16,9 @@ constexpr int QUEUE_ROOM = 32; // a word sends fewer messages; a full queue has 
 // of a group may change with it.
 constexpr unsigned SETTLE_TICKS = 12;
 
-std::string leaf(char kind, std::uint32_t number, const std::string &name)
-{
-    return kind + std::to_string(number) + "/" + name;
-}
-
 std::string type_of(std::uint32_t group)
 {
-    return fake::stored(leaf('g', group, "lacp-type"));
+    return fake::stored(fake::name('g', group, "lacp-type"));
 }
 
 std::uint32_t of_group(std::uint32_t group, int (*get)(int, std::uint32_t *))
@@ -200,7 +195,7 @@ std::string Story::broken()
     bool owes = false;
     for (const LacPort *port : lac_ports()) {
         owes = owes || lacMemberOwed(port);
-        up |= fake::stored(leaf('p', port->port_no, "link-status")) == "up" ? lac_port_bit(port) : 0;
+        up |= fake::stored(fake::name('p', port->port_no, "link-status")) == "up" ? lac_port_bit(port) : 0;
     }
     const int waiting = Lac_Queue.count();
     HOLDS(held_ || waiting == 0);
@@ -238,7 +233,7 @@ std::string Story::broken()
 // A port of a manual group is its member with it, as the shell and the guide's clients write both.
 void Story::join_as_configured(std::uint32_t port_no, const std::string &group)
 {
-    const std::string number = std::to_string(port_no), old = fake::stored(leaf('p', port_no, "channel-group"));
+    const std::string number = std::to_string(port_no), old = fake::stored(fake::name('p', port_no, "channel-group"));
     const std::string before = "g" + old + "/member-port", list = "g" + group + "/member-port";
     const bool manual = fake::stored("g" + group + "/lacp-type") == "manual";
     if (manual && check_channel_group_port_count(std::stoi(group)) != LAC_OK)
@@ -262,15 +257,15 @@ void Story::make_group(std::uint32_t group, const std::string &kind)
         if (!remove && lacMemberOwed(port))
             return;
     if (!remove) {
-        configure("+" + leaf('g', group, "lacp-type=") + kind);
+        configure("+" + fake::name('g', group, "lacp-type=") + kind);
         return kind == "dynamic" && get_lac_global_enable() != 1 ? send(LAC_Q_LACP_ON) : void();
     }
     for (std::uint32_t port_no = 1; kind == "-" && port_no <= intf.last_uplink_port; ++port_no)
-        if (fake::stored(leaf('p', port_no, "channel-group")) == std::to_string(group))
+        if (fake::stored(fake::name('p', port_no, "channel-group")) == std::to_string(group))
             join(port_no, 0);
     configure("-g" + std::to_string(group));
     std::erase_if(fake::datastore().leaves,
-                  [group](const auto &entry) { return entry.first.starts_with(leaf('g', group, "")); });
+                  [group](const auto &entry) { return entry.first.starts_with(fake::name('g', group, "")); });
 }
 
 void Story::hear_noise(std::uint32_t port_no, const Bytes &octets)
@@ -291,13 +286,13 @@ void Story::happen(const std::string &word)
     FarEnd &end = far[std::min<std::size_t>(number, intf.last_uplink_port)];
     auto &failures = fake::datastore().failures;
     const auto link = [&](const char *status) {
-        const std::string name = leaf('p', number, "link-status");
-        if (fake::stored(name) != status)
-            configure(name + "=" + fake::stored(name) + ">" + status);
+        const std::string leaf = fake::name('p', number, "link-status");
+        if (fake::stored(leaf) != status)
+            configure(leaf + "=" + fake::stored(leaf) + ">" + status);
     };
     const auto setting = [&](const char *value) {
-        configure("+" + leaf('p', number, value));
-        fake::datastore().leaves.erase(leaf('p', number, "mode")); // not committed yet when the port joins
+        configure("+" + fake::name('p', number, value));
+        fake::datastore().leaves.erase(fake::name('p', number, "mode")); // not committed yet when the port joins
     };
     const std::map<std::string, std::function<void()>> VERBS = {
         {"g", [&] { make_group(number, rest); }},

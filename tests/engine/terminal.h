@@ -6,7 +6,6 @@
 #include "frr/frr.hpp"
 #include "shell/shell.h"
 
-#include <functional>
 #include <string>
 
 class Terminal
@@ -19,27 +18,18 @@ class Terminal
         shell_session(vty_).port = 3;
     }
 
-    std::string shown(const std::function<void(vty *)> &action)
+    std::string typed(const std::string &line, int node = CONFIG_NODE, int *result = nullptr)
     {
-        action(vty_);
+        vty_->node = static_cast<node_type>(node);
+        const int code = cmd_execute(vty_, line.c_str(), nullptr, 0);
+        if (result != nullptr)
+            *result = code;
         char *text = buffer_getstr(vty_->obuf);
         const std::string copy = text;
         qfree(MTYPE_TMP, text);
         buffer_reset(vty_->obuf);
         return copy;
     }
-    std::string typed(int node, const std::string &line, int *result = nullptr)
-    {
-        return shown([&](vty *vty) {
-            vty->node = static_cast<node_type>(node);
-            const int code = cmd_execute(vty, line.c_str(), nullptr, 0);
-            if (result != nullptr)
-                *result = code;
-        });
-    }
-    std::string typed(const std::string &line) { return typed(CONFIG_NODE, line); }
-    int node() const { return vty_->node; }
-    ShellSession &session() { return shell_session(vty_); }
 
   private:
     static vty *made()

@@ -11,11 +11,6 @@ using fuzz::Input;
 using fuzz::require;
 using Bytes = std::vector<std::uint8_t>;
 
-static std::uint64_t complaints(const olt::DriverCounters &counters)
-{
-    return counters.refused + counters.malformed;
-}
-
 static void check_table(const olt::TrunkTable &table, olt::Members existing)
 {
     olt::Members used;
@@ -77,6 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const olt::Options made = options(ports);
     olt::DriverService service(loop, made);
     std::deque<olt::Descriptor> clients; // at times more than the service takes
+    const auto complaints = [&] { return service.counters().refused + service.counters().malformed; };
     const auto turn = [&] { event_base_loop(loop.base(), EVLOOP_NONBLOCK); };
     while (!input.empty()) {
         if (const std::uint32_t step = input.below(8); (step == 0 || clients.empty()) && clients.size() < 40) {
@@ -87,10 +83,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             const int socket = clients[input.below(static_cast<std::uint32_t>(clients.size()))].get();
             const Bytes message = message_of(input);
             turn();
-            const std::uint64_t old = complaints(service.counters());
+            const std::uint64_t old = complaints();
             if (::send(socket, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
                 turn();
-                const bool refused = complaints(service.counters()) != old;
+                const bool refused = complaints() != old;
                 std::uint8_t reply[64] = {};
                 const ssize_t length = recv(socket, reply, sizeof(reply), MSG_DONTWAIT);
                 require((length > 0) == refused && (!refused || (length == 16 && reply[7] == SCLIENT_MSG_ERROR)),

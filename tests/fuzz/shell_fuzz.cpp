@@ -48,7 +48,7 @@ static void type_line(Input &input)
     for (std::uint32_t left = 1 + input.below(7); left > 0; --left)
         line += (line.empty() ? "" : " ") + word(input);
     int result = CMD_SUCCESS;
-    Terminal().typed(node, line, &result);
+    Terminal().typed(line, node, &result);
     const auto writes = fake::take_writes();
     require(result == CMD_SUCCESS || writes.empty(), "a line that is not taken writes nothing");
     require(writes.size() <= 4, "a line writes once a group");

@@ -102,9 +102,7 @@ def main():
         try:
             run(steps, options)
         except (AssertionError, OSError) as error:
-            outputs = [f"---- {path}\n{path.read_text('utf-8', 'replace')}" for path in lab.directory.glob("*/*.out")]
-            story = [f"seed {options.seed}: {error}", *steps.history, *outputs]
-            Path(options.log).write_text("\n".join(story), "utf-8")
+            Path(options.log).write_text("\n".join([f"seed {options.seed}: {error}", *steps.history, lab.logs()]), "utf-8")
             sys.exit(f"longrun: FAILED: {error}\nlast steps: {steps.history[-12:]}\neverything is in {options.log}")
     print("longrun: OK")
 

@@ -1,11 +1,10 @@
 """Another client of the datastore, whose library's folder comes first. Until its input ends it
     lock             holds the locks of the running configuration
-    refuse COUNT     refuses the next COUNT changes of member-port lists
     stall SECONDS    takes that long to accept a change of a member-port list
     kill PID change|done NUMBER    ends that process when it has made so many changes of a module, or has them taken
     edit             makes a transaction of every line, JSON: [[[XPATH, VALUE or null to delete], ...], REFUSAL]; the answer is
                      the result. A third subscriber refuses it, or without edits what others write: [NUMBER of the change of
-                     a module, MODULE or null for any, whether before the daemon is told]
+                     a module, MODULE or null for any, whether before the daemon is told, how many]
 or it writes a leaf as a user whom the access rules know: write USER XPATH VALUE prints the result, 0 when taken."""
 
 import ctypes
@@ -47,11 +46,6 @@ def subscribe(opened, module, path, refuses, priority=BESIDE, on=EVENT_CHANGE):
     must(library.sr_module_change_subscribe(opened, module, path, told, None, priority, 0, ctypes.byref(subscription)))
 
 
-def refuse(*_):
-    arguments[0] = int(arguments[0]) - 1
-    return arguments[0] >= 0
-
-
 def kill(*change):
     seen.add(change)
     if len(seen) == int(arguments[2]):
@@ -71,7 +65,9 @@ def third(priority):
         if refusal is None or refusal[2] != (priority == BEFORE):
             return False
         seen.add((module, request))
-        return len(seen) == refusal[0] and refusal[1] in (None, module) and not time.sleep(0.05)  # others act meanwhile
+        refused = 0 <= len(seen) - refusal[0] < refusal[3] and refusal[1] in (None, module)
+        time.sleep(0.05 * refused)  # others act meanwhile
+        return refused
     return refuses
 
 
@@ -105,7 +101,7 @@ def main():
         for module, path in LEAVES:
             subscribe(own, module, path, kill, BEFORE, EVENT_DONE if arguments[1] == "done" else EVENT_CHANGE)
     else:
-        subscribe(own, b"olt-lacp", MEMBERS, refuse if order == "refuse" else lambda *_: time.sleep(int(arguments[0])))
+        subscribe(own, b"olt-lacp", MEMBERS, lambda *_: time.sleep(int(arguments[0])))
     print("ready", flush=True)
     for line in sys.stdin:
         print(edit(own, *json.loads(line)), flush=True)

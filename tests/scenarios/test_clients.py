@@ -63,7 +63,7 @@ def test_a_refused_command_changes_nothing(left, client, before, lines, times, l
     quietly(left, *before)
     was = held(left)
     for number, early in [*((number, True) for number in range(1, times + 1)), (1, False), (times, False)]:
-        client([], (number, None, early))
+        client([], (number, None, early, 1))
         said = left.configure(*lines)
         assert "failed" in said and held(left) == was, f"refusal {number}, early: {early}: {said}"
         agree(left, said)
@@ -112,7 +112,7 @@ def test_random_edits_leave_one_truth(edited, client):
     for number in range(rounds):
         edits, flapping = random_edits(chance), chance.choice(PORTS) if chance.random() < 0.3 else None
         refusal = chance.choice((None, None, None, "olt-lacp", "olt-ifm"))
-        refusal = refusal and (1, refusal, chance.random() < 0.3)
+        refusal = refusal and (1, refusal, chance.random() < 0.3, 1)
         if flapping:
             edited.set_link(flapping, up=False)
         result = client(edits, refusal)

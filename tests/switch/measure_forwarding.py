@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What the switch forwards from the host into a trunk, and back, beside what a bridge forwards.
 
-    tests/switch/measure_forwarding.py [--seconds N] [--rounds N] [--nice N]        as root
+    nice -n -15 tests/switch/measure_forwarding.py [--seconds N] [--rounds N]        as root
 
 Bridge, switch and switch with --kernel-forwarding use the same veth pairs, one after the other in turns. Frames go into one
 end of a pair as fast as the kernel takes them and are counted where they come out; then one TCP connection, plain and within
@@ -22,7 +22,7 @@ from pathlib import Path
 
 from test_switch import BUILD, CREATE, SRC_DST_IP, Bench, Lab, Programs, packet
 
-SIZES, BATCH, URGENT = (64, 512, 1514), 64, -15
+SIZES, BATCH = (64, 512, 1514), 64
 PLAIN, TUNNEL = "10.77.9.", "10.78.9."  # the networks of the TCP connections
 
 
@@ -109,12 +109,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, default=1.0, help="of one measurement")
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--nice", type=int, default=URGENT, help="priority of everything, 0 is that of other programs")
     options = parser.parse_args()
-    os.nice(options.nice)
-    with contextlib.suppress(OSError):  # where the kernel shares time out by session
-        os.setsid()
-        Path("/proc/self/autogroup").write_text(str(options.nice), encoding="ascii")
     print(f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}, median of {options.rounds} rounds of "
           f"{options.seconds} s\n{'':<24} bridge       switch       kernel")
     with Lab(Programs(BUILD)) as lab:
