@@ -70,6 +70,8 @@ TEST(Queue, AFloodOfPdusIsHeldBack)
     };
     EXPECT_EQ((std::array{taken(1, 1), taken(1, 2), taken(1, 9), taken(2, 1), taken(77, 1), taken(0, 1)}),
               (std::array{8, 4, 0, 8, 8, 0}));
+    LacQueueMsg first{};
+    EXPECT_TRUE(Lac_Queue.tryPop(first) && (lacDispatch(first), first.payload == 0)) << "it forgets its PDU";
     Engine::send(LAC_Q_LACP_OFF); // what waits is freed all the same
     Engine::dispatch();
     EXPECT_EQ(taken(1, 1), 20) << "while LACP is off none is even copied";

@@ -144,7 +144,6 @@ def test_a_flood_on_every_port(pair):
         quietly(left, *enter(3, "lacp port-priority 100"), *enter(3, "lacp port-priority default"))
     await_groups(pair, FORMED, Ticks.FORM)
     said = left.daemon.output()[said:]
-    print(f"{sum(counts)} frames, {resident_kib(left.daemon) - before} KiB more")
     assert sum(counts) > 10000 and "receives more PDUs than can be taken" in said
     # Counted, because the text of a failure would be of any length.
     assert [said.count(words) for words in ("queue is full", "Tick send failed")] == [0, 0]
