@@ -32,7 +32,7 @@ def pair(lab):
     return systems
 
 
-@pytest.fixture(params=["on", "active"])
+@pytest.fixture(scope="module", params=["on", "active"])
 def formed(pair, request):
     """Group 1 of all members, manual or dynamic, with flows both ways over each member."""
     for system, mode in zip(pair, (request.param, request.param.replace("active", "passive"))):
