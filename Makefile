@@ -52,7 +52,7 @@ nightly: tests
 	scripts/deps.sh --nightly >/dev/null
 	tests/packaging/boot_check.sh $(BUILD)
 	tests/scenarios/longrun.py --build=$(BUILD) --duration=600 --log=$(BUILD)/longrun.log
-	cd tests/scenarios && LACPD_EDITS=1500 pytest-3 -p no:cacheprovider --build=$(abspath $(BUILD)) test_clients.py
+	cd tests/scenarios && LACPD_EDITS=600 pytest-3 -p no:cacheprovider --build=$(abspath $(BUILD)) test_clients.py
 	scripts/fuzz.sh $(FUZZ)
 	scripts/deps.sh --sanitize thread >/dev/null
 	for preset in asan tsan; do \
