@@ -39,7 +39,7 @@ test: tests format
 	@scripts/test-share.sh --check
 	ctest --test-dir $(BUILD) --output-on-failure --no-tests=error --no-label-summary -j $$((3 * $(JOBS)))
 
-lab: build
+lab: build $(if $(PARTNER),test-deps)
 	python3 -m lab $(BUILD) $(if $(PARTNER),--partner $(PARTNER))
 
 demo: build
